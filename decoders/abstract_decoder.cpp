@@ -1,0 +1,7 @@
+#include "orvo/decoder.h"
+
+AbstractDecoder::~AbstractDecoder() = default;
+bool AbstractDecoder::decode(unsigned char*, int, orvo::VideoFrame&, bool) { return false; }
+bool AbstractDecoder::fail() const { return false; }
+bool AbstractDecoder::is_stream_based() const { return true; }
+bool AbstractDecoder::produces_shallow_images() const { return true; }

@@ -1,0 +1,17 @@
+#pragma once
+// JPEG through Qt's image reader (format code 'j' when the preference
+// decodeMJPEGThroughQImage is on). Payloads carry a 384-byte header before the JPEG.
+#include "orvo/decoder.h"
+
+namespace orvo {
+
+class DecoderJPEG : public AbstractDecoder {
+public:
+    DecoderJPEG() = default;
+    bool decode(unsigned char* data, int size, orvo::VideoFrame& frame, bool iframe) override;
+    unsigned char getFormat() const override { return 'j'; }
+    bool is_stream_based() const override { return false; }
+    bool produces_shallow_images() const override { return false; }
+};
+
+}  // namespace orvo
