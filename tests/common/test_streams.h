@@ -1,0 +1,49 @@
+#pragma once
+// Real test data made at test time by FFmpeg's own encoders, and independent
+// reference decodes by the ffmpeg command line.
+#include "orvo/image.h"
+#include "orvo/video_frame.h"
+
+#include <QByteArray>
+#include <QString>
+#include <vector>
+
+namespace orvo::test {
+
+// Writable directory for generated data (created on first use).
+QString dataDir();
+
+// Runs a command through /bin/sh; returns its exit status (-1 when it could not run).
+int shell(const QString& command);
+
+// Path of `name` under dataDir(), made once by `ffmpeg -y -loglevel error <args> <path>`
+// (kept for later calls and later test runs). Fails the calling test (ADD_FAILURE) and
+// returns an empty string when ffmpeg fails.
+QString ffmpegFile(const QString& name, const QString& args);
+
+struct Packet {
+    QByteArray data;
+    bool key = false;
+    qint64 pts = 0;
+};
+
+// Video packets of the first video stream of `path`, demuxed with libavformat. H.264 and
+// H.265 in MP4/MKV are turned into Annex B (start codes) the way cameras send them.
+std::vector<Packet> demuxVideo(const QString& path);
+
+// Camera images from packets: format code, ids 1, 2, ... (or from firstId), time = index * 40,
+// I-frame flag from the packet.
+std::vector<Image> toImages(const std::vector<Packet>& packets, quint8 type, quint64 firstId = 1);
+
+// Every picture of `path` decoded by the ffmpeg command line into raw `pixFmt` frames of
+// width x height; `extraArgs` go before the output (e.g. "-sws_flags bilinear").
+std::vector<QByteArray> ffmpegFrames(const QString& path, int width, int height,
+                                     const QString& pixFmt = QStringLiteral("yuv420p"),
+                                     const QString& extraArgs = QString());
+
+// Largest absolute difference between the Y, U and V planes of a 4:2:0 frame (read row by
+// row with its own bytes per line) and a packed yuv420p picture; -1 when the geometry
+// differs or the frame cannot be mapped.
+int maxDiffYuv420p(const VideoFrame& frame, const QByteArray& packed, int width, int height);
+
+}  // namespace orvo::test
