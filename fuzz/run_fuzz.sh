@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Builds every libFuzzer target under ASan+UBSan and runs each for SECONDS (default 30),
+# starting from the committed seeds in fuzz/corpus/<target>/. Fails on any finding.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+SECONDS_EACH=${1:-30}
+BUILD=build-fuzz
+CC=clang CXX=clang++ cmake -S . -B "$BUILD" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVO_FUZZ=ON \
+  -DORVO_SANITIZE=address -DORVO_BUILD_TESTS=OFF -DORVO_BUILD_BENCH=OFF -DORVO_BUILD_EXAMPLES=OFF >/dev/null
+cmake --build "$BUILD" -j "${JOBS:-$(nproc)}"
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:allocator_may_return_null=1
+export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+export LSAN_OPTIONS=suppressions=$PWD/tests/lsan.supp
+status=0
+for target in "$BUILD"/fuzz/fuzz_*; do
+  [ -x "$target" ] || continue
+  name=$(basename "$target")
+  work=$BUILD/corpus/$name
+  mkdir -p "$work" "$BUILD/findings"
+  seeds=fuzz/corpus/$name
+  [ -d "$seeds" ] || seeds=
+  log=$BUILD/findings/$name.log
+  if "$target" "$work" $seeds -max_total_time="$SECONDS_EACH" -timeout=10 -rss_limit_mb=2048 \
+      -artifact_prefix="$BUILD/findings/$name-" -print_final_stats=1 >"$log" 2>&1; then
+    execs=$(grep -Eo 'stat::number_of_executed_units: *[0-9]+' "$log" | grep -Eo '[0-9]+$' || echo "?")
+    echo "fuzz $name: ok, $execs runs in ${SECONDS_EACH}s"
+  else
+    echo "fuzz $name: FAILED (see $log)"; tail -40 "$log"; status=1
+  fi
+done
+exit $status
