@@ -139,13 +139,20 @@ public:
     // A new width x height frame in this frame's pixel format with planes from `props`;
     // its region from (0,0) holds this frame's pixels from (x,y) on. With fillUncovered the
     // rest is black (Y 0, U/V 128); otherwise it is left as allocated. Metadata as clone().
-    // Null on a null/planeless frame or a non-positive size.
+    // Negative x/y shift the picture right/down. Chroma moves by x / y divided by the chroma
+    // decimation, rounded down. With props.skipAlpha false the copy has an alpha plane (copied,
+    // opaque where the source has none, 0 where uncovered). The source's map state is kept.
+    // Null on a null frame, a frame not split into planes, or a non-positive size.
     VideoFrame copy(int x, int y, int width, int height, const BufferProperties& props, bool fillUncovered) const;
     // Converts between Format_YUV420P, Format_YUV422P and Format_YUV444P; metadata as clone().
     // Null frame on failure or an unsupported format.
     VideoFrame convertToFormat(OrvoPixelFormat format, const BufferProperties& props) const;
     // Writes `overlay` (which needs an alpha plane) onto this frame at (x, y) in luma samples,
-    // weighting luma and chroma by alpha, clipped to this frame. False when nothing could be done.
+    // weighting luma and chroma by straight (not premultiplied) alpha, clipped to this frame.
+    // Both frames are split 4:2:0, 4:2:2 or 4:4:4 frames (they may differ). False on bad input
+    // (no planes or alpha plane, other formats, the overlay being this frame, or a mapping that
+    // does not allow writing); true with nothing written when the overlay lies entirely outside.
+    // Map state of both frames is kept.
     bool blend(const VideoFrame& overlay, int x, int y);
 
     // --- fills (map the frame for writing first) ---------------------------------------
@@ -156,8 +163,15 @@ public:
     void fillV(unsigned char v, const Rect& r) { if (d) d->fillV(v, r); }
 
     // --- scaling and QImage ----------------------------------------------------------------
+    // Scales the region (x, y, width, height) into the whole of `dst` (negative x/y count from
+    // the right/bottom, negative sizes mean the whole picture). The metadata is copied first,
+    // even when the scaling fails. On success both frames are unmapped; after a failure they are
+    // left as mapped and the caller unmaps them. See scale_context.h for the threading rules.
     bool scaleTo(VideoFrame& dst, ScaleContext& ctx, int x, int y, int width, int height) const;
     bool scaleTo(VideoFrame& dst, int x, int y, int width, int height) const;
+    // The region as a Format_RGB32 image (studio-range BT.601), `format` is ignored. Rows of the
+    // image carry padding (use bytesPerLine()). A null or unconverted image means it did not run;
+    // a mapping made for the conversion then stays in place.
     // One process-wide cached swscale context: call from one thread at a time.
     QImage convertToQImage(OrvoPixelFormat format, int x, int y, int width, int height, int imageWidth,
                            int imageHeight, int widthNumerator, int widthDenominator, int heightNumerator,

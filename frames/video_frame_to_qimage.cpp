@@ -1,0 +1,125 @@
+// A region of a planar frame rendered into a 32-bit RGB QImage through swscale.
+#include "frames/plane_view.h"
+#include "frames/sws_formats.h"
+#include "orvo/video_frame.h"
+
+#include <QDebug>
+
+extern "C" {
+#include <libswscale/swscale.h>
+}
+
+namespace orvo {
+
+namespace {
+// One context for the whole process, reused while consecutive conversions keep their
+// geometry. Unlocked: conversions run on one thread at a time.
+SwsContext* qimageContext = nullptr;
+
+void freeImageData(void* data) { av_free(data); }
+
+// A Format_RGB32 image whose rows have the padded stride and slack that swscale's vector code
+// writes into (see sws_formats.h), so that it converts straight into the image. QImage keeps
+// sizes and byte counts in int; larger requests give a null image.
+QImage rgb32Image(qint64 width, qint64 height)
+{
+    if (width < 1 || height < 1 || width > INT32_MAX / 4 || height > INT32_MAX)
+        return QImage();
+    const qint64 stride = sws::outputRowStride(width * 4);
+    const qint64 bytes = stride * height + sws::kOutputSlack;
+    if (stride > INT32_MAX || bytes > INT32_MAX)
+        return QImage();
+    uchar* data = static_cast<uchar*>(av_malloc(size_t(bytes)));
+    if (!data)
+        return QImage();
+    QImage image(data, int(width), int(height), int(stride), QImage::Format_RGB32, freeImageData, data);
+    if (image.isNull())
+        av_free(data);
+    return image;
+}
+}  // namespace
+
+QImage VideoFrameQt::convertToQImage(OrvoPixelFormat /*format: the output is always Format_RGB32*/, int x, int y,
+                                     int width, int height, int imageWidth, int imageHeight, int widthNumerator,
+                                     int widthDenominator, int heightNumerator, int heightDenominator) const
+{
+    QImage result;
+    if (imageWidth > 0 && imageHeight > 0)
+        result = rgb32Image(imageWidth, imageHeight);
+    if (!planeY.isValid())
+        return result;
+
+    // From here on a failure returns the result as it stands and leaves a mapping made
+    // here in place.
+    const bool wasMapped = planeY.isMapped() && planeU.isMapped() && planeV.isMapped();
+    if (!wasMapped)
+        map(QAbstractVideoBuffer::ReadOnly);
+
+    const int W = widthY();
+    const int H = heightY();
+    if (x < 0)
+        x += W;
+    if (y < 0)
+        y += H;
+    if (x < 0 || y < 0)
+        return result;
+    const int rw = qMin(width < 0 ? W : width, W - x);
+    const int rh = qMin(height < 0 ? H : height, H - y);
+    if (rw < 1 || rh < 1)
+        return result;
+
+    const sws::PlanarLayout src = sws::planarLayout(pixelFormat());
+    const int cx = x / src.dx, cy = y / src.dy;
+    const int cw = sws::chromaExtent(rw, src.dx), ch = sws::chromaExtent(rh, src.dy);
+    const PlaneView py = viewY(*this), pu = viewU(*this), pv = viewV(*this);
+    // swscale trusts pointers and strides: a frame without chroma planes (a packed Qt
+    // frame) or with planes smaller than their geometry claims is not converted
+    // (checked before an output image is made for it).
+    if (!py.holds(x + rw, y + rh) || !pu.holds(cx + cw, cy + ch) || !pv.holds(cx + cw, cy + ch))
+        return result;
+
+    if (result.isNull() || result.format() != QImage::Format_RGB32 || result.width() < 1 || result.height() < 1) {
+        const qint64 ow = widthNumerator > 0 && widthDenominator > 0 ? qint64(rw) * widthNumerator / widthDenominator
+                                                                     : qint64(scaleX_) * rw;
+        const qint64 oh = heightNumerator > 0 && heightDenominator > 0
+                              ? qint64(rh) * heightNumerator / heightDenominator
+                              : qint64(scaleY_) * rh;
+        if (ow < 1 || oh < 1)
+            return result;
+        result = rgb32Image(ow, oh);
+        if (result.isNull())
+            return result;
+    }
+
+
+    qimageContext = sws_getCachedContext(qimageContext, rw, rh, src.format, result.width(), result.height(),
+                                         sws::kQImageRgb32, SWS_BILINEAR, nullptr, nullptr, nullptr);
+    if (!qimageContext) {
+        qDebug() << "swscale context is null";
+        return result;
+    }
+
+    const uint8_t* const srcPlanes[4] = {py.at(x, y), pu.at(cx, cy), pv.at(cx, cy), nullptr};
+    const int srcStrides[4] = {int(py.stride), int(pu.stride), int(pv.stride), 0};
+    uint8_t* const dstPlanes[4] = {result.bits(), nullptr, nullptr, nullptr};
+    const int dstStrides[4] = {int(result.bytesPerLine()), 0, 0, 0};
+    const int rowBytes[4] = {rw, cw, cw, 0};
+    if (!sws::scaleSafely(qimageContext, srcPlanes, srcStrides, rowBytes, src.dy, rh, dstPlanes, dstStrides))
+        return result;
+
+    if (!wasMapped)
+        unmap();
+    return result;
+}
+
+QImage VideoFrame::convertToQImage(OrvoPixelFormat format, int x, int y, int width, int height, int imageWidth,
+                                   int imageHeight, int widthNumerator, int widthDenominator, int heightNumerator,
+                                   int heightDenominator) const
+{
+    if (!d)
+        return QImage();
+    return d->convertToQImage(format, x, y, width, height, imageWidth, imageHeight, widthNumerator,
+                              widthDenominator, heightNumerator, heightDenominator);
+}
+
+}  // namespace orvo

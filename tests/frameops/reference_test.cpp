@@ -1,0 +1,225 @@
+// Conversions checked against independent references: swscale called directly on the same
+// planes, and the ffmpeg command line on the same picture.
+#include "frameops_util.h"
+#include "orvo/scale_context.h"
+
+#include <gtest/gtest.h>
+
+extern "C" {
+#include <libswscale/swscale.h>
+}
+
+using namespace frameops;
+
+namespace {
+
+constexpr int kW = 322;  // not a multiple of 8 or 16: vector code must not spill
+constexpr int kH = 182;
+
+// A real picture: a JPEG made by FFmpeg's encoder, decoded by the command line into
+// studio-range 4:2:0 planes.
+QString picturePlanes(const char* pixFmt)
+{
+    const QString jpeg = dataDir() + "/picture.jpg";
+    if (!QFile::exists(jpeg))
+        ffmpeg({"-y", "-f", "lavfi", "-i", QString("testsrc2=size=%1x%2:rate=1").arg(kW).arg(kH), "-frames:v", "1",
+                "-q:v", "3", jpeg});
+    const QString raw = dataDir() + QString("/picture_%1.yuv").arg(pixFmt);
+    if (!QFile::exists(raw))
+        ffmpeg({"-y", "-i", jpeg, "-pix_fmt", pixFmt, "-f", "rawvideo", raw});
+    return raw;
+}
+
+VideoFrame picture(const char* pixFmt, VideoFrame::OrvoPixelFormat format)
+{
+    return frameFromPlanar(readFile(picturePlanes(pixFmt)), kW, kH, format);
+}
+
+// The command line's own conversion of the same planes to packed BGRA.
+QByteArray cliBgra(int outW, int outH)
+{
+    return ffmpeg({"-f", "rawvideo", "-pix_fmt", "yuv420p", "-s", QString("%1x%2").arg(kW).arg(kH), "-i",
+                   picturePlanes("yuv420p"), "-vf", QString("scale=%1:%2:flags=bilinear").arg(outW).arg(outH),
+                   "-pix_fmt", "bgra", "-f", "rawvideo", "-"});
+}
+
+// swscale on the frame's own planes, region (x, y, w, h), into a packed BGRA buffer.
+QByteArray directSws(const VideoFrame& frame, int x, int y, int w, int h, int outW, int outH)
+{
+    VideoFrame f = frame;
+    EXPECT_TRUE(f.map(QAbstractVideoBuffer::ReadOnly));
+    SwsContext* c = sws_getContext(w, h, AV_PIX_FMT_YUV420P, outW, outH, AV_PIX_FMT_BGRA, SWS_BILINEAR, nullptr,
+                                   nullptr, nullptr);
+    // swscale writes past tight rows: convert into padded rows, keep each row's pixels.
+    const int stride = (outW * 4 + 32 + 63) / 64 * 64;
+    QByteArray padded(stride * outH + 256, 0);
+    const uint8_t* src[4] = {f.bitsY() + y * f.bytesPerLineY() + x, f.bitsU() + y / 2 * f.bytesPerLineU() + x / 2,
+                             f.bitsV() + y / 2 * f.bytesPerLineV() + x / 2, nullptr};
+    const int srcStride[4] = {int(f.bytesPerLineY()), int(f.bytesPerLineU()), int(f.bytesPerLineV()), 0};
+    uint8_t* dst[4] = {reinterpret_cast<uint8_t*>(padded.data()), nullptr, nullptr, nullptr};
+    const int dstStride[4] = {stride, 0, 0, 0};
+    sws_scale(c, src, srcStride, 0, h, dst, dstStride);
+    sws_freeContext(c);
+    f.unmap();
+    QByteArray out;
+    for (int j = 0; j < outH; ++j)
+        out.append(padded.constData() + j * stride, outW * 4);
+    return out;
+}
+
+QByteArray packed(const QImage& image)
+{
+    QByteArray out;
+    for (int j = 0; j < image.height(); ++j)
+        out.append(reinterpret_cast<const char*>(image.constScanLine(j)), image.width() * 4);
+    return out;
+}
+
+int maxDiff(const QByteArray& a, const QByteArray& b)
+{
+    if (a.size() != b.size())
+        return 1000;
+    int worst = 0;
+    for (int i = 0; i < a.size(); ++i) {
+        const int d = qAbs(int(uchar(a[i])) - int(uchar(b[i])));
+        if (d > worst && d > 3)
+            ADD_FAILURE() << "first large difference at byte " << i << ": " << int(uchar(a[i])) << " vs "
+                          << int(uchar(b[i]));
+        worst = qMax(worst, d);
+    }
+    return worst;
+}
+
+}  // namespace
+
+TEST(FrameReference, ConvertToQImageMatchesSwscaleAndCommandLine)
+{
+    const VideoFrame frame = picture("yuv420p", VideoFrame::Format_YUV420P);
+    ASSERT_TRUE(frame.isValid());
+    struct Case {
+        int num, den;
+    };
+    for (Case c : {Case{1, 1}, Case{1, 2}}) {
+        SCOPED_TRACE(c.den);
+        const int outW = kW * c.num / c.den, outH = kH * c.num / c.den;
+        const QImage image =
+            frame.convertToQImage(VideoFrame::Format_RGB32, 0, 0, -1, -1, 0, 0, c.num, c.den, c.num, c.den);
+        ASSERT_EQ(image.size(), QSize(outW, outH));
+        ASSERT_EQ(image.format(), QImage::Format_RGB32);
+        const QByteArray ours = packed(image);
+        EXPECT_EQ(maxDiff(ours, directSws(frame, 0, 0, kW, kH, outW, outH)), 0);
+        const QByteArray cli = cliBgra(outW, outH);
+        ASSERT_EQ(cli.size(), outW * outH * 4);
+        EXPECT_LE(maxDiff(ours, cli), 3);
+    }
+    EXPECT_FALSE(frame.isMapped());
+}
+
+// A region from the right edge (x -10, width -1) and an explicit image size.
+TEST(FrameReference, ConvertRegionMatchesSwscale)
+{
+    const VideoFrame frame = picture("yuv420p", VideoFrame::Format_YUV420P);
+    ASSERT_TRUE(frame.isValid());
+    const QImage tail = frame.convertToQImage(VideoFrame::Format_RGB32, -10, 0, -1, -1, 0, 0, 0, 0, 0, 0);
+    ASSERT_EQ(tail.size(), QSize(10, kH));
+    EXPECT_EQ(maxDiff(packed(tail), directSws(frame, kW - 10, 0, 10, kH, 10, kH)), 0);
+
+    const QImage sized = frame.convertToQImage(VideoFrame::Format_RGB32, 31, 17, 100, 60, 100, 50, 7, 3, 7, 3);
+    ASSERT_EQ(sized.size(), QSize(100, 50));
+    EXPECT_EQ(maxDiff(packed(sized), directSws(frame, 31, 17, 100, 60, 100, 50)), 0);
+
+    // A frame the caller mapped stays mapped.
+    VideoFrame mapped = frame;
+    ASSERT_TRUE(mapped.map(QAbstractVideoBuffer::ReadOnly));
+    EXPECT_FALSE(mapped.convertToQImage(VideoFrame::Format_RGB32, 0, 0, 16, 16, 0, 0, 0, 0, 0, 0).isNull());
+    EXPECT_TRUE(mapped.isMapped());
+    mapped.unmap();
+}
+
+// Output size rules: frame scale, ratios, explicit image size.
+TEST(FrameReference, ConvertOutputSizes)
+{
+    VideoFrame frame = makeFrame(32, 24, VideoFrame::Format_YUV420P, constant(100), constant(128), constant(128));
+    EXPECT_EQ(frame.convertToQImage(VideoFrame::Format_RGB32, 0, 0, -1, -1, 0, 0, 0, 0, 0, 0).size(), QSize(32, 24));
+    frame.setScale(2, 1);
+    EXPECT_EQ(frame.convertToQImage(VideoFrame::Format_RGB32, 0, 0, -1, -1, 0, 0, 0, 0, 0, 0).size(), QSize(64, 24));
+    EXPECT_EQ(frame.convertToQImage(VideoFrame::Format_RGB32, 0, 0, -1, -1, 0, 0, 1, 2, 1, 2).size(), QSize(16, 12));
+    EXPECT_EQ(frame.convertToQImage(VideoFrame::Format_RGB32, 0, 0, -1, -1, 10, 5, 1, 2, 1, 2).size(), QSize(10, 5));
+    EXPECT_TRUE(VideoFrame().convertToQImage(VideoFrame::Format_RGB32, 0, 0, -1, -1, 0, 0, 0, 0, 0, 0).isNull());
+    EXPECT_FALSE(frame.isMapped());
+}
+
+// scaleTo equals swscale on the same planes; a same-size scaling is an exact copy.
+TEST(FrameReference, ScaleToMatchesSwscale)
+{
+    const VideoFrame frame = picture("yuv420p", VideoFrame::Format_YUV420P);
+    ASSERT_TRUE(frame.isValid());
+    VideoFrame small(160, 90, VideoFrame::Format_YUV420P, orvo::defaultBufferProperties);
+    orvo::ScaleContext ctx;
+    ASSERT_TRUE(frame.scaleTo(small, ctx, 0, 0, -1, -1));
+    ASSERT_NE(ctx.context, nullptr);
+    SwsContext* const kept = ctx.context;
+
+    VideoFrame f = frame;
+    ASSERT_TRUE(f.map(QAbstractVideoBuffer::ReadOnly));
+    orvo::BufferProperties padded;
+    padded.minBytesPerLineY = 256;
+    padded.minBytesPerLineU = 256;
+    VideoFrame ref(160, 90, VideoFrame::Format_YUV420P, padded);
+    ASSERT_TRUE(ref.map(QAbstractVideoBuffer::WriteOnly));
+    SwsContext* c = sws_getContext(kW, kH, AV_PIX_FMT_YUV420P, 160, 90, AV_PIX_FMT_YUV420P, SWS_BILINEAR, nullptr,
+                                   nullptr, nullptr);
+    const uint8_t* src[4] = {f.bitsY(), f.bitsU(), f.bitsV(), nullptr};
+    const int ss[4] = {int(f.bytesPerLineY()), int(f.bytesPerLineU()), int(f.bytesPerLineV()), 0};
+    uint8_t* dst[4] = {ref.bitsY(), ref.bitsU(), ref.bitsV(), nullptr};
+    const int ds[4] = {int(ref.bytesPerLineY()), int(ref.bytesPerLineU()), int(ref.bytesPerLineV()), 0};
+    sws_scale(c, src, ss, 0, kH, dst, ds);
+    sws_freeContext(c);
+    f.unmap();
+    ref.unmap();
+    for (Plane p : {Plane::Y, Plane::U, Plane::V})
+        EXPECT_EQ(planeBytes(small, p), planeBytes(ref, p));
+
+    // The same geometry reuses the context.
+    ASSERT_TRUE(frame.scaleTo(small, ctx, 0, 0, -1, -1));
+    EXPECT_EQ(ctx.context, kept);
+
+    // Whole picture into a frame of the same size: identical planes.
+    VideoFrame same(kW, kH, VideoFrame::Format_YUV420P, orvo::defaultBufferProperties);
+    ASSERT_TRUE(frame.scaleTo(same, 0, 0, -1, -1));
+    for (Plane p : {Plane::Y, Plane::U, Plane::V})
+        EXPECT_EQ(planeBytes(same, p), planeBytes(frame, p));
+    EXPECT_FALSE(same.isMapped());
+    EXPECT_FALSE(frame.isMapped());
+}
+
+// Format conversion against the command line converting the same picture.
+TEST(FrameReference, ConvertToFormatMatchesCommandLine)
+{
+    const VideoFrame frame = picture("yuv444p", VideoFrame::Format_YUV444P);
+    ASSERT_TRUE(frame.isValid());
+    frame.body()->setViewName("cam 7");
+    for (auto target : {VideoFrame::Format_YUV420P, VideoFrame::Format_YUV422P}) {
+        SCOPED_TRACE(target);
+        const char* pixFmt = target == VideoFrame::Format_YUV420P ? "yuv420p" : "yuv422p";
+        const VideoFrame out = frame.convertToFormat(target, orvo::defaultBufferProperties);
+        ASSERT_TRUE(out.isValid());
+        EXPECT_EQ(out.pixelFormat(), target);
+        EXPECT_EQ(out.viewName(), QByteArray("cam 7"));
+        const QByteArray cli = ffmpeg({"-f", "rawvideo", "-pix_fmt", "yuv444p", "-s", QString("%1x%2").arg(kW).arg(kH),
+                                       "-i", picturePlanes("yuv444p"), "-sws_flags", "bilinear", "-pix_fmt", pixFmt,
+                                       "-f", "rawvideo", "-"});
+        const VideoFrame ref = frameFromPlanar(cli, kW, kH, target);
+        ASSERT_TRUE(ref.isValid());
+        EXPECT_EQ(planeBytes(out, Plane::Y), planeBytes(frame, Plane::Y));  // luma is carried unchanged
+        EXPECT_LE(maxDiff(planeBytes(out, Plane::U), planeBytes(ref, Plane::U)), 2);
+        EXPECT_LE(maxDiff(planeBytes(out, Plane::V), planeBytes(ref, Plane::V)), 2);
+        // And back to 4:4:4: chroma close to the original picture's.
+        const VideoFrame back = out.convertToFormat(VideoFrame::Format_YUV444P, orvo::defaultBufferProperties);
+        ASSERT_TRUE(back.isValid());
+        EXPECT_EQ(planeBytes(back, Plane::Y), planeBytes(frame, Plane::Y));
+        EXPECT_EQ(planeBytes(back, Plane::U).size(), kW * kH);
+    }
+    EXPECT_FALSE(frame.convertToFormat(VideoFrame::Format_NV12, orvo::defaultBufferProperties).isValid());
+    EXPECT_TRUE(VideoFrame().convertToFormat(VideoFrame::Format_YUV420P, orvo::defaultBufferProperties).isNull());
+}
