@@ -1,29 +1,183 @@
-// Placeholder dispatcher: knows no format yet.
 #include "orvo/decoder.h"
 
-Decoder::Decoder() = default;
-Decoder::Decoder(unsigned char type, int param) { init(type, param); }
-Decoder::Decoder(const Decoder& other) = default;
-Decoder& Decoder::operator=(const Decoder& other) = default;
-Decoder::~Decoder() = default;
-bool Decoder::init(unsigned char, int) { return false; }
-bool Decoder::isFormat(unsigned char, int) { return false; }
-bool Decoder::isInitialized() { return !decoder_.isNull(); }
-unsigned char Decoder::getFormat() { return decoder_ ? decoder_->getFormat() : ' '; }
-bool Decoder::decode(unsigned char type, unsigned char* data, int size, orvo::VideoFrame& frame, int param, bool iframe)
+#include "orvo/decoder_av.h"
+#include "orvo/decoder_h264.h"
+#include "orvo/decoder_jpeg.h"
+#include "orvo/decoder_jpeg2000.h"
+#include "orvo/decoder_mxpeg.h"
+#include "orvo/decoder_null.h"
+#include "orvo/decoder_preferences.h"
+#include "orvo/decoder_wavelet.h"
+#include "orvo/decoder_yuv.h"
+#include "orvo/elapsed_timer.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+#include <exception>
+#include <new>
+
+using namespace orvo;
+
+namespace {
+
+LogCategory decoderCategory("orvo.decoder");
+
+// The codes the dispatcher knows, with the terminating zero: code 0 counts as known.
+constexpr char kKnownCodes[] = "pPnNhHjJmMyYxXr";
+
+bool isKnownCode(unsigned char type)
 {
-    return init(type, param) && decode(data, size, frame, iframe);
+    return std::memchr(kKnownCodes, type, sizeof kKnownCodes) != nullptr;
 }
+
+unsigned char lower(unsigned char c) { return static_cast<unsigned char>(std::tolower(c)); }
+
+// The format decoder for a known code; preferences are read here, at creation.
+AbstractDecoder* createDecoder(unsigned char type, int param)
+{
+    DecoderPreferences* prefs = DecoderPreferences::instance();
+    switch (type) {
+    case 'h':
+    case 'H':
+        if (prefs->isLookForNALsH264())
+            return DecoderH264::get();
+        return new DecoderAV(FormatIn_H264);
+    case 'j':
+    case 'J':
+        if (prefs->isDecodeMJPEGThroughQImage())
+            return new DecoderJPEG;
+        return new DecoderAV(FormatIn_MJPEG);
+    case 'M':
+        return new DecoderAV(FormatIn_MPEG2);
+    case 'm':
+        return new DecoderMPEG4;
+    case 'n':
+    case 'N':
+        return new DecoderWavelet(720, 243, std::min(param, 2));
+    case 'p':
+    case 'P':
+        return new DecoderWavelet(720, 288, std::min(param, 2));
+    case 'x':
+    case 'X':
+        if (prefs->isUsedMxPEGNative())
+            return new DecoderMXPEG;
+        return new DecoderAV(FormatIn_MXPEG);
+    case 'r':
+        return new DecoderJPEG2000(param);
+    case 'y':
+        return new DecoderYUV;
+    default:  // 'Y' and 0
+        return nullptr;
+    }
+}
+
+void noDelete(AbstractDecoder*) {}
+
+}  // namespace
+
+Decoder::Decoder() = default;
+
+Decoder::Decoder(unsigned char type, int param) { init(type, param); }
+
+Decoder::Decoder(const Decoder& other) = default;
+
+Decoder& Decoder::operator=(const Decoder& other) = default;
+
+Decoder::~Decoder() = default;
+
+bool Decoder::init(unsigned char type, int param)
+{
+    if (!isKnownCode(type))
+        return false;
+    if (decoder_ && isFormat(type, param)) {
+        if (type == 'r')
+            if (auto* jpeg2000 = dynamic_cast<DecoderJPEG2000*>(decoder_.data()))
+                jpeg2000->setScaleLevel(param);
+        return true;
+    }
+    decoder_.reset();
+    if (type == 'Y' || type == 0) {
+        // The process-wide null decoder must never be freed.
+        decoder_ = QSharedPointer<AbstractDecoder>(DecoderNULL::instance(), noDelete);
+        return true;
+    }
+    // No exception crosses the library's interface: a decoder that cannot be built
+    // (out of memory, a backend that fails to start) leaves the dispatcher empty.
+    try {
+        AbstractDecoder* created = createDecoder(type, param);
+        if (!created)
+            return false;
+        decoder_ = QSharedPointer<AbstractDecoder>(created);
+    } catch (const std::bad_alloc&) {
+        return false;
+    } catch (const char* reason) {
+        olog(decoderCategory, LOG_ERROR, "Decoder::init", "%s", reason);
+        return false;
+    } catch (const std::exception& e) {
+        olog(decoderCategory, LOG_ERROR, "Decoder::init", "%s", e.what());
+        return false;
+    }
+    return true;
+}
+
+bool Decoder::isFormat(unsigned char type, int param)
+{
+    if (!decoder_ || !isKnownCode(type))
+        return false;
+    const unsigned char wanted = lower(type);
+    if (lower(decoder_->getFormat()) != wanted)
+        return false;
+    if (wanted == 'n' || wanted == 'p') {
+        const auto* wavelet = dynamic_cast<const DecoderWavelet*>(decoder_.data());
+        if (!wavelet)
+            return false;
+        const int level = wavelet->scaleLevel();
+        return level == param || (param >= 3 && level == 2);
+    }
+    return true;
+}
+
+bool Decoder::isInitialized() { return !decoder_.isNull(); }
+
+unsigned char Decoder::getFormat() { return decoder_ ? decoder_->getFormat() : ' '; }
+
+bool Decoder::decode(unsigned char type, unsigned char* data, int size, orvo::VideoFrame& frame, int param,
+                     bool iframe)
+{
+    if (!init(type, param))
+        return false;
+    return decode(data, size, frame, iframe);
+}
+
+// `data` is handed to the format decoder as it is: the H.264 camera repairs write into
+// the payload (images' payloads are writable for that reason).
 bool Decoder::decode(const unsigned char* data, int size, orvo::VideoFrame& frame, bool iframe)
 {
-    return decoder_ && decoder_->decode(const_cast<unsigned char*>(data), size, frame, iframe);
+    if (!decoder_) {
+        olog(decoderCategory, LOG_ERROR, "Decoder::decode", "Decoder not intialized");
+        return false;
+    }
+    const bool debug = decoderCategory.isDebugEnabled();
+    if (debug)
+        olog(decoderCategory, LOG_DEBUG, "Decoder::decode", "[DECODE] About to decode");
+    ElapsedTimer timer;
+    const bool ok = decoder_->decode(const_cast<unsigned char*>(data), size, frame, iframe);
+    const qint64 elapsed = timer.nsecsElapsed();
+    if (debug)
+        olog(decoderCategory, LOG_DEBUG, "Decoder::decode", "[DECODE] Finished decoding image, id: %llu",
+             static_cast<unsigned long long>(frame.id()));
+    frame.setDecodingDurationNanoSecs(elapsed);
+    return ok;
 }
+
 orvo::VideoFrame Decoder::decode2videoframe(unsigned char* data, int size, bool* ok, bool iframe)
 {
     orvo::VideoFrame frame;
-    const bool r = decode(data, size, frame, iframe);
+    const bool result = decode(data, size, frame, iframe);
     if (ok)
-        *ok = r;
+        *ok = result;
     return frame;
 }
+
 void Decoder::swap(Decoder& other) { decoder_.swap(other.decoder_); }

@@ -48,7 +48,9 @@ public:
     void setBadCastFrom(int v) { badCastFrom_ = v; }
 
     // Zero-copy decoding: frames of yuv420p pictures wrap FFmpeg's own reference-counted
-    // buffers instead of copying them. Read at every image.
+    // buffers instead of copying them (bytes per line are then FFmpeg's). Such frames are
+    // read-only: the decoder may still predict later pictures from them. They stay valid
+    // after the decoder is gone. Read at every image.
     bool isZeroCopyDecoding() const { return zeroCopyDecoding_; }
     void setZeroCopyDecoding(bool on) { zeroCopyDecoding_ = on; }
 

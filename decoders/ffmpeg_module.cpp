@@ -1,0 +1,458 @@
+#include "orvo/ffmpeg_module.h"
+
+#include "orvo/decoder_preferences.h"
+#include "orvo/log.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/buffer.h>
+#include <libavutil/frame.h>
+#include <libavutil/imgutils.h>
+#include <libavutil/log.h>
+#include <libavutil/opt.h>
+#include <libswscale/swscale.h>
+}
+
+#include <algorithm>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+#include <new>
+
+namespace orvo {
+namespace {
+
+LogCategory ffmpegCategory("orvo.ffmpeg");
+
+// Decoders of the old API were given 32 zeroed bytes after each packet; today's
+// decoders may read further ahead, so the larger of the two is appended.
+constexpr int kInputPadding = std::max(32, AV_INPUT_BUFFER_PADDING_SIZE);
+
+void ignoreFFmpegLog(void*, int, const char*, va_list) {}
+
+// FFmpeg's own messages are not wanted in the client's log. The callback is installed
+// once and never removed: swapping it while other threads decode would be a data race,
+// and a removed callback silences FFmpeg just the same.
+void silenceFFmpeg()
+{
+    static std::once_flag once;
+    std::call_once(once, [] {
+        av_log_set_callback(ignoreFFmpegLog);
+        av_log_set_level(65535);
+    });
+}
+
+AVCodecID codecIdOf(FormatIn format)
+{
+    switch (format) {
+    case FormatIn_H264: return AV_CODEC_ID_H264;
+    case FormatIn_JPEG2000: return AV_CODEC_ID_JPEG2000;
+    case FormatIn_MJPEG: return AV_CODEC_ID_MJPEG;
+    case FormatIn_MPEG2: return AV_CODEC_ID_MPEG2VIDEO;
+    case FormatIn_MPEG4: return AV_CODEC_ID_MPEG4;
+    case FormatIn_MXPEG: return AV_CODEC_ID_MXPEG;
+    }
+    return AV_CODEC_ID_NONE;
+}
+
+AVPixelFormat defaultGetFormat(AVCodecContext* context, const AVPixelFormat* formats)
+{
+    return avcodec_default_get_format(context, formats);
+}
+
+bool isFullRange(const AVFrame* picture)
+{
+    switch (picture->format) {
+    case AV_PIX_FMT_YUVJ420P:
+    case AV_PIX_FMT_YUVJ422P:
+    case AV_PIX_FMT_YUVJ444P:
+    case AV_PIX_FMT_YUVJ440P:
+    case AV_PIX_FMT_YUVJ411P:
+        return true;
+    default:
+        return picture->color_range == AVCOL_RANGE_JPEG;
+    }
+}
+
+// Frame plane over one of FFmpeg's reference-counted picture buffers; the buffer
+// reference is dropped when the last frame sharing the plane goes, on whichever
+// thread that happens (av_buffer_unref is thread-safe).
+MemoryVideoBuffer* wrapPlane(const AVFrame* picture, int plane, int rows)
+{
+    AVBufferRef* owner = av_frame_get_plane_buffer(const_cast<AVFrame*>(picture), plane);
+    if (!owner || picture->linesize[plane] <= 0)
+        return nullptr;
+    const qint64 available = owner->data + owner->size - picture->data[plane];
+    const qint64 wanted = qint64(picture->linesize[plane]) * rows;
+    if (available <= 0)
+        return nullptr;
+    AVBufferRef* ref = av_buffer_ref(owner);
+    if (!ref)
+        return nullptr;
+    const int size = int(std::min(available, wanted));
+    return new MemoryVideoBuffer(picture->data[plane], size, picture->linesize[plane], [ref](unsigned char*) {
+        AVBufferRef* r = ref;
+        av_buffer_unref(&r);
+    });
+}
+
+bool wrapPicture(const AVFrame* picture, VideoFrame& frame)
+{
+    const int chromaRows = (picture->height + 1) / 2;
+    MemoryVideoBuffer* y = wrapPlane(picture, 0, picture->height);
+    MemoryVideoBuffer* u = y ? wrapPlane(picture, 1, chromaRows) : nullptr;
+    MemoryVideoBuffer* v = u ? wrapPlane(picture, 2, chromaRows) : nullptr;
+    if (!v) {
+        delete y;
+        delete u;
+        return false;
+    }
+    frame = VideoFrame(y, u, v, QSize(picture->width, picture->height), VideoFrame::Format_YUV420P);
+    return true;
+}
+
+// Output planes come from pools that live as long as their last buffer: a 1080p frame
+// is over 5 MB, and fresh allocations of that size each picture go back and forth to
+// the system (page faults cost more than the copy). The geometry is that of a frame
+// allocated with defaultBufferProperties: Y and A pitch w, chroma pitch (w + 1) / 2,
+// alignment at least 8, alpha plane present (its contents are undefined there too).
+class PlanePools {
+public:
+    ~PlanePools() { reset(); }
+
+    VideoFrame allocate(int w, int h)
+    {
+        const int chromaPitch = (w + 1) / 2;
+        const qint64 lumaBytes = qint64(w) * h;
+        const qint64 chromaBytes = qint64(chromaPitch) * ((h + 1) / 2);
+        if (lumaBytes > INT_MAX - 64 || lumaBytes <= 0)
+            return VideoFrame(w, h, VideoFrame::Format_YUV420P, defaultBufferProperties);
+        if (w != width_ || h != height_) {
+            reset();
+            luma_ = av_buffer_pool_init(size_t(lumaBytes), av_buffer_alloc);
+            chroma_ = av_buffer_pool_init(size_t(std::max<qint64>(chromaBytes, 1)), av_buffer_alloc);
+            width_ = w;
+            height_ = h;
+        }
+        const QSize lumaSize(w, h);
+        const QSize chromaSize = VideoFrame::planeUVSize(lumaSize, VideoFrame::Format_YUV420P);
+        QAbstractVideoBuffer* planes[4] = {plane(luma_, int(lumaBytes), w), plane(chroma_, int(chromaBytes), chromaPitch),
+                                           plane(chroma_, int(chromaBytes), chromaPitch),
+                                           plane(luma_, int(lumaBytes), w)};
+        if (!planes[0] || !planes[1] || !planes[2] || !planes[3]) {
+            for (QAbstractVideoBuffer* b : planes)
+                delete b;
+            return VideoFrame(w, h, VideoFrame::Format_YUV420P, defaultBufferProperties);
+        }
+        return VideoFrame(QVideoFrame(planes[0], lumaSize, QVideoFrame::Format_Y8),
+                          QVideoFrame(planes[1], chromaSize, QVideoFrame::Format_Y8),
+                          QVideoFrame(planes[2], chromaSize, QVideoFrame::Format_Y8),
+                          QVideoFrame(planes[3], lumaSize, QVideoFrame::Format_Y8), VideoFrame::Format_YUV420P);
+    }
+
+private:
+    // The buffer goes back to its pool when the last frame sharing the plane goes,
+    // on whichever thread that happens (pools are thread-safe).
+    static MemoryVideoBuffer* plane(AVBufferPool* pool, int size, int pitch)
+    {
+        AVBufferRef* ref = pool ? av_buffer_pool_get(pool) : nullptr;
+        if (!ref)
+            return nullptr;
+        return new MemoryVideoBuffer(ref->data, size, pitch, [ref](unsigned char*) {
+            AVBufferRef* r = ref;
+            av_buffer_unref(&r);
+        });
+    }
+
+    // Buffers still held by frames keep their pool alive until they come back.
+    void reset()
+    {
+        av_buffer_pool_uninit(&luma_);
+        av_buffer_pool_uninit(&chroma_);
+        width_ = height_ = 0;
+    }
+
+    AVBufferPool* luma_ = nullptr;
+    AVBufferPool* chroma_ = nullptr;
+    int width_ = 0;
+    int height_ = 0;
+};
+
+void copyPicture(const AVFrame* picture, VideoFrame& frame, PlanePools& pools)
+{
+    const int w = picture->width, h = picture->height;
+    frame = pools.allocate(w, h);
+    if (!frame.mapIfNotMapped(QAbstractVideoBuffer::ReadWrite))
+        return;
+    av_image_copy_plane(frame.bitsY(), int(frame.bytesPerLineY()), picture->data[0], picture->linesize[0], w, h);
+    av_image_copy_plane(frame.bitsU(), int(frame.bytesPerLineU()), picture->data[1], picture->linesize[1],
+                        (w + 1) / 2, (h + 1) / 2);
+    av_image_copy_plane(frame.bitsV(), int(frame.bytesPerLineV()), picture->data[2], picture->linesize[2],
+                        (w + 1) / 2, (h + 1) / 2);
+    frame.unmap();
+}
+
+SwsContext* makeScaler(int srcW, int srcH, AVPixelFormat srcFormat, bool srcFullRange, int dstW, int dstH,
+                       AVPixelFormat dstFormat, int flags)
+{
+    SwsContext* s = sws_alloc_context();
+    if (!s)
+        return nullptr;
+    av_opt_set_int(s, "srcw", srcW, 0);
+    av_opt_set_int(s, "srch", srcH, 0);
+    av_opt_set_int(s, "src_format", srcFormat, 0);
+    av_opt_set_int(s, "dstw", dstW, 0);
+    av_opt_set_int(s, "dsth", dstH, 0);
+    av_opt_set_int(s, "dst_format", dstFormat, 0);
+    av_opt_set_int(s, "sws_flags", flags, 0);
+    // Full-range (JPEG) input is brought to the studio range that the rest of the
+    // library assumes; the conversion must be known before init so that swscale
+    // does not pick a plain plane copy.
+    av_opt_set_int(s, "src_range", srcFullRange ? 1 : 0, 0);
+    av_opt_set_int(s, "dst_range", 0, 0);
+    if (sws_init_context(s, nullptr, nullptr) < 0) {
+        sws_freeContext(s);
+        return nullptr;
+    }
+    return s;
+}
+
+}  // namespace
+
+struct FFmpegModule::State {
+    AVCodecContext* codec = nullptr;
+    SwsContext* scaler = nullptr;
+    bool ok = false;
+    // What the cached scaler was made for.
+    int scalerWidth = 0;
+    int scalerHeight = 0;
+    int scalerFormat = AV_PIX_FMT_NONE;
+    bool scalerFullRange = false;
+    AVPacket* packet = nullptr;
+    AVFrame* picture = nullptr;  // the newest picture of the current packet
+    AVFrame* received = nullptr;
+    PlanePools pools;
+
+    // Takes every picture FFmpeg has ready; keeps the newest in `picture`.
+    bool receiveAll()
+    {
+        bool got = false;
+        while (avcodec_receive_frame(codec, received) >= 0) {
+            av_frame_unref(picture);
+            av_frame_move_ref(picture, received);
+            got = true;
+        }
+        return got;
+    }
+
+    void convert(VideoFrame& frame);
+};
+
+FFmpegModule::FFmpegModule(const DecodeContext& context) : d(new State)
+{
+    silenceFFmpeg();
+    const AVCodecID id = codecIdOf(context.format);
+    const AVCodec* codec = avcodec_find_decoder(id);
+    if (!codec) {
+        std::fprintf(stderr, "could not find codec with id:%d\n", int(id));
+        std::fflush(stderr);
+        std::abort();
+    }
+    d->codec = avcodec_alloc_context3(codec);
+    d->packet = av_packet_alloc();
+    d->picture = av_frame_alloc();
+    d->received = av_frame_alloc();
+    if (!d->codec || !d->packet || !d->picture || !d->received || avcodec_open2(d->codec, codec, nullptr) < 0) {
+        std::fprintf(stderr, "could not open codec\n");
+        std::fflush(stderr);
+        std::abort();
+    }
+    d->codec->get_format = defaultGetFormat;
+    d->ok = true;
+}
+
+FFmpegModule::~FFmpegModule()
+{
+    avcodec_free_context(&d->codec);
+    sws_freeContext(d->scaler);
+    av_packet_free(&d->packet);
+    av_frame_free(&d->picture);
+    av_frame_free(&d->received);
+    delete d;
+}
+
+bool FFmpegModule::decode(QByteArray& packet, VideoFrame& frame)
+{
+    if (!d->ok)
+        return false;
+    const int size = packet.size();
+    packet.append(kInputPadding, '\0');
+    // An empty packet would switch a send/receive decoder into draining, after which it
+    // accepts nothing until flushed: it yields no picture instead.
+    if (size == 0)
+        return false;
+
+    AVPacket* pkt = d->packet;
+    pkt->data = reinterpret_cast<uint8_t*>(packet.data());
+    pkt->size = size;
+    int ret = avcodec_send_packet(d->codec, pkt);
+    bool got = false;
+    if (ret == AVERROR(EAGAIN)) {
+        // A picture is still waiting: take it, then the packet is accepted.
+        got = d->receiveAll();
+        ret = avcodec_send_packet(d->codec, pkt);
+    }
+    pkt->data = nullptr;
+    pkt->size = 0;
+    if (ret >= 0)
+        got = d->receiveAll() || got;
+    if (!got) {
+        if (ret < 0 && ffmpegCategory.isTraceEnabled())
+            olog(ffmpegCategory, LOG_TRACE, "orvo::FFmpegModule::decode", "packet of %d bytes rejected: %d", size, ret);
+        return false;
+    }
+    // The picture is lost when its frame cannot be allocated; no exception leaves the library.
+    bool converted = true;
+    try {
+        d->convert(frame);
+    } catch (const std::bad_alloc&) {
+        converted = false;
+    }
+    av_frame_unref(d->picture);
+    return converted;
+}
+
+void FFmpegModule::State::convert(VideoFrame& frame)
+{
+    const AVFrame* pic = picture;
+    const int w = pic->width, h = pic->height;
+    if (w <= 0 || h <= 0)
+        return;
+    const bool full = isFullRange(pic);
+    if (pic->format == AV_PIX_FMT_YUV420P && !full) {
+        // Already what frames hold: no conversion needed.
+        if (DecoderPreferences::instance()->isZeroCopyDecoding() && wrapPicture(pic, frame))
+            return;
+        copyPicture(pic, frame, pools);
+        return;
+    }
+
+    frame = pools.allocate(w, h);
+    if (!frame.mapIfNotMapped(QAbstractVideoBuffer::ReadWrite))
+        return;
+    if (!scaler || scalerWidth != w || scalerHeight != h || scalerFormat != pic->format || scalerFullRange != full) {
+        sws_freeContext(scaler);
+        scaler = makeScaler(w, h, AVPixelFormat(pic->format), full, w, h, AV_PIX_FMT_YUV420P, SWS_BILINEAR);
+        scalerWidth = w;
+        scalerHeight = h;
+        scalerFormat = pic->format;
+        scalerFullRange = full;
+    }
+    if (scaler) {
+        const int chromaStride = int(std::max(frame.bytesPerLineU(), frame.bytesPerLineV()));
+        uint8_t* const dst[4] = {frame.bitsY(), frame.bitsU(), frame.bitsV(), nullptr};
+        const int dstStride[4] = {int(frame.bytesPerLineY()), chromaStride, chromaStride, 0};
+        sws_scale(scaler, pic->data, pic->linesize, 0, h, dst, dstStride);
+    }
+    frame.unmap();
+}
+
+namespace {
+
+// 32-bit Qt formats are B,G,R,A in memory on little-endian machines.
+AVPixelFormat imageFormatOf(QImage::Format format)
+{
+    switch (format) {
+    case QImage::Format_ARGB32:
+        return AV_PIX_FMT_BGRA;
+    case QImage::Format_RGB32:
+        return AV_PIX_FMT_BGR0;
+    case QImage::Format_RGB888:
+        return AV_PIX_FMT_RGB24;
+    default:
+        return AV_PIX_FMT_NONE;
+    }
+}
+
+AVPixelFormat planarFormatOf(VideoFrame::OrvoPixelFormat format)
+{
+    switch (format) {
+    case VideoFrame::Format_YUV420P: return AV_PIX_FMT_YUV420P;
+    case VideoFrame::Format_YUV422P: return AV_PIX_FMT_YUV422P;
+    default: return AV_PIX_FMT_YUV444P;
+    }
+}
+
+}  // namespace
+
+bool FFmpegModule::qimageToVideoFrame(const QImage& image, VideoFrame& frame)
+{
+    if (image.isNull() || image.format() == QImage::Format_Invalid)
+        return false;
+    if (frame.mapMode() == QAbstractVideoBuffer::ReadOnly || !frame.areSeparatePlanes())
+        return false;
+    // Any other layout is read as 24-bit RGB, so it is brought into that layout first.
+    QImage source = image;
+    AVPixelFormat sourceFormat = imageFormatOf(image.format());
+    if (sourceFormat == AV_PIX_FMT_NONE) {
+        source = image.convertToFormat(QImage::Format_RGB888);
+        sourceFormat = AV_PIX_FMT_RGB24;
+    }
+    const bool wasMapped = frame.isMapped();
+    if (!wasMapped && !frame.map(QAbstractVideoBuffer::WriteOnly))
+        return false;
+    bool ok = false;
+    SwsContext* s = makeScaler(source.width(), source.height(), sourceFormat, false, frame.width(), frame.height(),
+                               planarFormatOf(frame.pixelFormat()), 0);
+    if (s && frame.bitsY() && frame.bitsU() && frame.bitsV()) {
+        const uint8_t* const src[4] = {source.constBits(), nullptr, nullptr, nullptr};
+        const int srcStride[4] = {int(source.bytesPerLine()), 0, 0, 0};
+        uint8_t* const dst[4] = {frame.bitsY(), frame.bitsU(), frame.bitsV(), nullptr};
+        const int dstStride[4] = {int(frame.bytesPerLineY()), int(frame.bytesPerLineU()), int(frame.bytesPerLineV()), 0};
+        sws_scale(s, src, srcStride, 0, source.height(), dst, dstStride);
+        ok = true;
+    }
+    sws_freeContext(s);
+    if (!wasMapped)
+        frame.unmap();
+    return ok;
+}
+
+bool FFmpegModule::videoFrameToQImage(const VideoFrame& frame, QImage& image)
+{
+    if (!frame.isValid() || !frame.isMapped() || !frame.areSeparatePlanes())
+        return false;
+    if (image.isNull() || image.format() == QImage::Format_Invalid)
+        return false;
+    if (!frame.bitsY() || !frame.bitsU() || !frame.bitsV())
+        return false;
+    // Written as 24-bit RGB into any other layout, through a converted copy.
+    AVPixelFormat targetFormat = imageFormatOf(image.format());
+    if (image.format() == QImage::Format_RGB32)
+        targetFormat = AV_PIX_FMT_BGRA;  // Qt wants 0xFF in the unused byte
+    const bool direct = targetFormat != AV_PIX_FMT_NONE;
+    QImage converted;
+    if (!direct) {
+        converted = QImage(image.size(), QImage::Format_RGB888);
+        targetFormat = AV_PIX_FMT_RGB24;
+    }
+    QImage& target = direct ? image : converted;
+    if (target.isNull())
+        return false;
+    SwsContext* s = makeScaler(frame.width(), frame.height(), planarFormatOf(frame.pixelFormat()), false,
+                               target.width(), target.height(), targetFormat, 0);
+    if (!s)
+        return false;
+    const uint8_t* const src[4] = {frame.bitsY(), frame.bitsU(), frame.bitsV(), nullptr};
+    const int srcStride[4] = {int(frame.bytesPerLineY()), int(frame.bytesPerLineU()), int(frame.bytesPerLineV()), 0};
+    uint8_t* const dst[4] = {target.bits(), nullptr, nullptr, nullptr};
+    const int dstStride[4] = {int(target.bytesPerLine()), 0, 0, 0};
+    sws_scale(s, src, srcStride, 0, frame.height(), dst, dstStride);
+    sws_freeContext(s);
+    if (!direct)
+        image = converted.convertToFormat(image.format());
+    return true;
+}
+
+}  // namespace orvo

@@ -1,0 +1,45 @@
+#pragma once
+// DecoderAV: the generic FFmpeg decoder behind the codes 'h' (H.264), 'j' (Motion
+// JPEG), 'M' (MPEG-2), 'm' (MPEG-4) and 'x' (MxPEG). Each instance owns one FFmpeg
+// decoder and its reference pictures: use one per stream, from one thread at a time.
+#include "orvo/decoder.h"
+#include "orvo/ffmpeg_module.h"
+
+namespace orvo {
+
+class DecoderAV : public AbstractDecoder {
+public:
+    explicit DecoderAV(FormatIn format);
+    ~DecoderAV() override;
+    // Decodes one payload into `frame` (false and `frame` untouched when no picture came
+    // out). Unless JPEG 2000 pass-through is on, the payload is first searched for
+    // JPEG 2000 boxes and decoding starts where they say.
+    bool decode(unsigned char* data, int size, orvo::VideoFrame& frame, bool iframe) override;
+    // 'h', 'r', 'j', 'M', 'm', 'X' by format, '?' for an unknown one.
+    unsigned char getFormat() const override;
+    bool is_stream_based() const override { return true; }
+    bool produces_shallow_images() const override { return true; }
+
+    FormatIn formatIn() const { return format_; }
+
+protected:
+    FFmpegModule& module() { return module_; }
+
+private:
+    FormatIn format_;
+    FFmpegModule module_;
+};
+
+// Motion JPEG through FFmpeg, for applications (the dispatcher uses DecoderAV directly).
+class DecoderMJPEG : public DecoderAV {
+public:
+    DecoderMJPEG() : DecoderAV(FormatIn_MJPEG) {}
+    bool is_stream_based() const override { return false; }
+};
+
+class DecoderMPEG4 : public DecoderAV {
+public:
+    DecoderMPEG4() : DecoderAV(FormatIn_MPEG4) {}
+};
+
+}  // namespace orvo

@@ -1,0 +1,62 @@
+#pragma once
+// FFmpegModule: one FFmpeg video decoder that turns compressed packets into
+// Format_YUV420P frames, plus two swscale conversions between QImage and VideoFrame.
+//
+// FFmpeg's headers stay out of this header: the codec context and the cached scaler
+// live in a private record.
+#include "orvo/video_frame.h"
+
+#include <QByteArray>
+#include <QImage>
+#include <QtGlobal>
+
+namespace orvo {
+
+// The codec behind a DecoderAV / FFmpegModule. Any other value names no codec.
+enum FormatIn : qint32 {
+    FormatIn_H264 = 1,
+    FormatIn_JPEG2000 = 2,
+    FormatIn_MJPEG = 3,
+    FormatIn_MPEG2 = 4,
+    FormatIn_MPEG4 = 5,
+    FormatIn_MXPEG = 6,
+};
+
+struct DecodeContext {
+    FormatIn format = FormatIn_H264;
+    qint32 reserved = 0;  // DecoderAV sets 1; the module does not read it
+};
+
+class FFmpegModule {
+public:
+    // Opens the decoder for context.format. A codec that FFmpeg lacks or that will not
+    // open is a broken installation, not bad input: the module reports it on standard
+    // error and stops the process.
+    explicit FFmpegModule(const DecodeContext& context);
+    ~FFmpegModule();
+    FFmpegModule(const FFmpegModule&) = delete;
+    FFmpegModule& operator=(const FFmpegModule&) = delete;
+
+    // Decodes one packet and, when it yields a picture, replaces `frame` by a new
+    // unmapped Format_YUV420P frame holding it (studio range). `packet` is grown in place
+    // by FFmpeg's zeroed input padding. Returns false when no picture came out (the
+    // decoder wants more input, or the data was corrupt); `frame` is then untouched.
+    // With the zero-copy preference, yuv420p pictures are not copied: the planes hold
+    // references to FFmpeg's buffers (which stay valid after the module is gone) and
+    // must be treated as read-only, since the decoder may still predict from them.
+    // Use one module from one thread at a time.
+    bool decode(QByteArray& packet, VideoFrame& frame);
+
+    // Converts `image` into `frame`, which already has its size and a planar format
+    // (4:2:0, 4:2:2, else 4:4:4). ARGB32 is read as such, other formats as 24-bit RGB.
+    static bool qimageToVideoFrame(const QImage& image, VideoFrame& frame);
+    // Converts a mapped planar frame into `image` (ARGB32, else 24-bit RGB), scaling to
+    // the image's size.
+    static bool videoFrameToQImage(const VideoFrame& frame, QImage& image);
+
+private:
+    struct State;
+    State* d;
+};
+
+}  // namespace orvo

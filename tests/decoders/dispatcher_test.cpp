@@ -1,0 +1,339 @@
+// The dispatcher's rules that the asynchronous layers rely on, the preferences, and the
+// raw YUV layouts.
+#include "decoders/decoder_test_util.h"
+#include "orvo/decoder.h"
+#include "orvo/decoder_av.h"
+#include "orvo/decoder_h264.h"
+#include "orvo/decoder_jpeg.h"
+#include "orvo/decoder_jpeg2000.h"
+#include "orvo/decoder_mxpeg.h"
+#include "orvo/decoder_null.h"
+#include "orvo/decoder_preferences.h"
+#include "orvo/decoder_wavelet.h"
+#include "orvo/decoder_yuv.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+using namespace orvo;
+using orvo::test::LogCapture;
+using orvo::test::PreferencesGuard;
+
+namespace {
+
+AbstractDecoder* held(const Decoder& d) { return d.formatDecoder().data(); }
+
+}  // namespace
+
+TEST(DecoderPreferencesTest, FreshProcessDefaults)
+{
+    DecoderPreferences* p = DecoderPreferences::instance();
+    EXPECT_EQ(p, DecoderPreferences::instance());
+    EXPECT_FALSE(p->isDecodeMJPEGThroughQImage());
+    EXPECT_FALSE(p->isUsedMxPEGNative());
+    EXPECT_FALSE(p->isLookForNALsH264());
+    EXPECT_TRUE(p->isRemoveLastExtraByteH264());
+    EXPECT_TRUE(p->isRemoveDoubleStartCodesH264());
+    EXPECT_FALSE(p->isSingleThreadedDecoding());
+    EXPECT_TRUE(p->isBitRateToleranceAdjustement());
+    EXPECT_TRUE(p->jpeg2000passthrough());
+    EXPECT_FALSE(p->jpeg2000codestream());
+    EXPECT_FALSE(p->jpeg2000display_atoms());
+    EXPECT_FALSE(p->useFFMPEGEncodeAvInterleavedWriteFrame());
+    EXPECT_FALSE(p->isDumpImagesEnabled());
+    EXPECT_FALSE(p->isIMVDewarperEnabled());
+    EXPECT_FALSE(p->isTemporaryQimageForIMVDewarperEnabled());
+    EXPECT_FALSE(p->isTimingForIMVDewarperEnabled());
+    EXPECT_FALSE(p->isCheckImageForIMVDewarperEnabled());
+    EXPECT_TRUE(p->isPaningDewarpingDowngradeResolutionEnabled());
+    EXPECT_EQ(p->badCastFrom(), 0);
+    EXPECT_FALSE(p->isZeroCopyDecoding());
+}
+
+TEST(DecoderDispatchTest, CodeTableAndKeepingDecoders)
+{
+    EXPECT_EQ(Decoder().getFormat(), ' ');
+    EXPECT_FALSE(Decoder().isInitialized());
+
+    // Code 0 and 'Y' hold the one null decoder, which fails every image.
+    Decoder d;
+    ASSERT_TRUE(d.init(0, 0));
+    EXPECT_EQ(held(d), DecoderNULL::instance());
+    EXPECT_EQ(d.getFormat(), 0);
+    unsigned char bytes[8] = {};
+    VideoFrame frame;
+    EXPECT_FALSE(d.decode(bytes, sizeof bytes, frame, true));
+    Decoder other('Y', 0);
+    EXPECT_EQ(held(other), DecoderNULL::instance());
+
+    // An unknown code changes nothing.
+    EXPECT_FALSE(d.init('R', 0));
+    EXPECT_EQ(held(d), DecoderNULL::instance());
+    EXPECT_FALSE(Decoder('R', 0).isInitialized());
+    EXPECT_FALSE(d.decode('R', bytes, sizeof bytes, frame, 0, false));
+    EXPECT_EQ(held(d), DecoderNULL::instance());
+
+    ASSERT_TRUE(d.init('y', 0));
+    EXPECT_NE(dynamic_cast<DecoderYUV*>(held(d)), nullptr);
+    EXPECT_EQ(d.getFormat(), 'y');
+
+    // Codes compare case-insensitively; the parameter means nothing for H.264.
+    ASSERT_TRUE(d.init('h', 0));
+    AbstractDecoder* h264 = held(d);
+    EXPECT_EQ(d.getFormat(), 'h');
+    EXPECT_TRUE(d.isFormat('H', 5));
+    ASSERT_TRUE(d.init('H', 5));
+    EXPECT_EQ(held(d), h264);
+
+    // MPEG-2 reports 'M', MPEG-4 'm'.
+    ASSERT_TRUE(d.init('M', 0));
+    EXPECT_EQ(d.getFormat(), 'M');
+    EXPECT_EQ(dynamic_cast<DecoderAV*>(held(d))->formatIn(), FormatIn_MPEG2);
+    Decoder mpeg4('m', 0);
+    EXPECT_NE(dynamic_cast<DecoderMPEG4*>(held(mpeg4)), nullptr);
+    EXPECT_EQ(mpeg4.getFormat(), 'm');
+
+    // Wavelet decoders are kept only for the same scale level (above 2 counts as 2).
+    ASSERT_TRUE(d.init('p', 2));
+    AbstractDecoder* wavelet = held(d);
+    EXPECT_EQ(d.getFormat(), 'p');
+    ASSERT_TRUE(d.init('p', 7));
+    EXPECT_EQ(held(d), wavelet);
+    ASSERT_TRUE(d.init('P', 2));
+    EXPECT_EQ(held(d), wavelet);
+    ASSERT_TRUE(d.init('p', 1));
+    EXPECT_NE(held(d), wavelet);
+    EXPECT_EQ(dynamic_cast<DecoderWavelet*>(held(d))->scaleLevel(), 1);
+    ASSERT_TRUE(d.init('n', 1));
+    EXPECT_EQ(d.getFormat(), 'n');
+
+    // JPEG 2000 keeps its decoder and takes the new scale level in place.
+    ASSERT_TRUE(d.init('r', 1));
+    auto* jpeg2000 = dynamic_cast<DecoderJPEG2000*>(held(d));
+    ASSERT_NE(jpeg2000, nullptr);
+    EXPECT_EQ(jpeg2000->scaleLevel(), 1);
+    ASSERT_TRUE(d.init('r', 3));
+    EXPECT_EQ(held(d), jpeg2000);
+    EXPECT_EQ(jpeg2000->scaleLevel(), 3);
+}
+
+TEST(DecoderDispatchTest, PreferencesAreReadWhenADecoderIsCreated)
+{
+    PreferencesGuard guard;
+    DecoderPreferences* p = DecoderPreferences::instance();
+
+    Decoder h('h', 0);
+    EXPECT_EQ(dynamic_cast<DecoderH264*>(held(h)), nullptr);
+    EXPECT_EQ(dynamic_cast<DecoderAV*>(held(h))->formatIn(), FormatIn_H264);
+    Decoder j('j', 0);
+    EXPECT_EQ(dynamic_cast<DecoderAV*>(held(j))->formatIn(), FormatIn_MJPEG);
+    Decoder x('x', 0);
+    EXPECT_EQ(dynamic_cast<DecoderAV*>(held(x))->formatIn(), FormatIn_MXPEG);
+    EXPECT_EQ(x.getFormat(), 'X');
+
+    p->lookForNALsH264(true);
+    p->decodeMJPEGThroughQImage(true);
+    p->useMxPEGNative(true);
+    AbstractDecoder* before = held(h);
+    ASSERT_TRUE(h.init('h', 0));
+    EXPECT_EQ(held(h), before) << "a held decoder keeps its kind";
+    EXPECT_NE(dynamic_cast<DecoderH264*>(held(Decoder('h', 0))), nullptr);
+    EXPECT_NE(dynamic_cast<DecoderJPEG*>(held(Decoder('J', 0))), nullptr);
+    EXPECT_NE(dynamic_cast<DecoderMXPEG*>(held(Decoder('x', 0))), nullptr);
+    // Going through another format picks up the new preference.
+    ASSERT_TRUE(h.init('y', 0));
+    ASSERT_TRUE(h.init('h', 0));
+    EXPECT_NE(dynamic_cast<DecoderH264*>(held(h)), nullptr);
+}
+
+TEST(DecoderDispatchTest, CopiesShareTheFormatDecoder)
+{
+    Decoder a('h', 0);
+    Decoder b(a);
+    EXPECT_EQ(held(a), held(b));
+    Decoder c('y', 0);
+    AbstractDecoder* yuv = held(c);
+    c.swap(a);
+    EXPECT_EQ(held(a), yuv);
+    EXPECT_EQ(held(c), held(b));
+    b = a;
+    EXPECT_EQ(held(b), yuv);
+    // The H.264 decoder lives on in `c` after the other copies let go.
+    QWeakPointer<AbstractDecoder> weak = c.formatDecoder();
+    c = Decoder();
+    EXPECT_TRUE(weak.isNull());
+}
+
+TEST(DecoderDispatchTest, DecodeWithoutDecoderLogsAndTimesEveryDecode)
+{
+    LogCapture log;
+    Decoder empty;
+    VideoFrame frame;
+    unsigned char payload[16] = {0, 4, 0, 2};  // a 4x2 raw picture
+    EXPECT_FALSE(empty.decode(payload, 16, frame, false));
+    ASSERT_EQ(log.items.size(), 1u);
+    EXPECT_EQ(log.items[0].level, unsigned(LOG_ERROR));
+    EXPECT_EQ(log.items[0].function, QStringLiteral("Decoder::decode"));
+    EXPECT_EQ(log.items[0].message, QStringLiteral("Decoder not intialized"));
+    EXPECT_TRUE(frame.isNull());
+
+    // The decoding time reaches the frame, also when decoding fails.
+    Decoder yuv('y', 0);
+    VideoFrame failed;
+    EXPECT_FALSE(yuv.decode(payload, 15, failed, false));
+    EXPECT_GT(failed.decodingDurationNanoSecs(), 0);
+    EXPECT_FALSE(failed.isValid());
+
+    bool ok = false;
+    VideoFrame decoded = yuv.decode2videoframe(payload, 16, &ok, true);
+    EXPECT_TRUE(ok);
+    EXPECT_TRUE(decoded.isValid());
+    EXPECT_GT(decoded.decodingDurationNanoSecs(), 0);
+    EXPECT_EQ(decoded.width(), 4);
+    ok = true;
+    VideoFrame none = yuv.decode2videoframe(payload, 17, &ok, true);
+    EXPECT_FALSE(ok);
+    EXPECT_FALSE(none.isValid());
+    yuv.decode2videoframe(payload, 16, nullptr, true);  // no result pointer is fine
+
+    // The six-argument form decodes with the decoder it selects.
+    VideoFrame viaCode;
+    EXPECT_TRUE(Decoder().decode('y', payload, 16, viaCode, 0, false));
+    EXPECT_TRUE(viaCode.isValid());
+}
+
+namespace {
+
+std::vector<unsigned char> shortForm(int w, int h)
+{
+    std::vector<unsigned char> p{static_cast<unsigned char>(w >> 8), static_cast<unsigned char>(w),
+                                 static_cast<unsigned char>(h >> 8), static_cast<unsigned char>(h)};
+    const int area = w * h;
+    for (int i = 0; i < area + area / 2; ++i)
+        p.push_back(static_cast<unsigned char>(i * 7 + 3));
+    return p;
+}
+
+std::vector<unsigned char> longForm(int ry, int ru, int rv, int w, int h)
+{
+    std::vector<unsigned char> p = shortForm(w, h);
+    const int fields[6] = {0, ry, ru, rv, w, h};
+    for (int i = 0; i < 6; ++i) {
+        p[size_t(2 * i)] = static_cast<unsigned char>(fields[i] >> 8);
+        p[size_t(2 * i + 1)] = static_cast<unsigned char>(fields[i]);
+    }
+    return p;
+}
+
+// Checks every visible sample of a decoded raw picture against the payload, with the
+// given rotations, and that odd-sized chroma edges repeat their neighbours.
+void expectPlanes(const VideoFrame& frame, const std::vector<unsigned char>& p, int w, int h, int ry, int ru, int rv)
+{
+    ASSERT_TRUE(frame.map());
+    const unsigned char* src = p.data() + 4;
+    const int area = w * h, cw = w / 2, ch = h / 2;
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x)
+            ASSERT_EQ(frame.lineY(y)[x], src[y * w + (x + ry) % w]) << "Y " << x << "," << y;
+    for (int y = 0; y < ch; ++y)
+        for (int x = 0; x < cw; ++x) {
+            ASSERT_EQ(frame.lineU(y)[x], src[area + y * cw + (x + ru) % cw]) << "U " << x << "," << y;
+            ASSERT_EQ(frame.lineV(y)[x], src[area + area / 4 + y * cw + (x + rv) % cw]) << "V " << x << "," << y;
+        }
+    if (w % 2 && cw > 0)
+        for (int y = 0; y < ch; ++y)
+            EXPECT_EQ(frame.lineU(y)[cw], frame.lineU(y)[cw - 1]);
+    if (h % 2 && ch > 0)
+        for (int x = 0; x < (w + 1) / 2; ++x)
+            EXPECT_EQ(frame.lineV(ch)[x], frame.lineV(ch - 1)[x]);
+    frame.unmap();
+}
+
+}  // namespace
+
+TEST(DecoderYUVTest, ShortAndLongFormsWithRotations)
+{
+    DecoderYUV yuv;
+    EXPECT_EQ(yuv.getFormat(), 'y');
+    EXPECT_FALSE(yuv.is_stream_based());
+
+    // 4x2: accepted only at exactly 4 + 8 + 4 bytes.
+    std::vector<unsigned char> small = shortForm(4, 2);
+    ASSERT_EQ(small.size(), 16u);
+    VideoFrame frame;
+    ASSERT_TRUE(yuv.decode(small.data(), 16, frame, false));
+    EXPECT_EQ(frame.pixelFormat(), VideoFrame::Format_YUV420P);
+    EXPECT_EQ(frame.width(), 4);
+    EXPECT_EQ(frame.height(), 2);
+    EXPECT_EQ(frame.getScaleX(), 1);
+    EXPECT_FALSE(frame.isMapped());
+    ASSERT_TRUE(frame.map());
+    EXPECT_EQ(frame.bytesPerLineY(), 16u);
+    EXPECT_EQ(frame.bytesPerLineU(), 8u);
+    frame.unmap();
+    expectPlanes(frame, small, 4, 2, 0, 0, 0);
+    const VideoFrame kept = frame;
+    small.push_back(0);
+    EXPECT_FALSE(yuv.decode(small.data(), 15, frame, false));
+    EXPECT_FALSE(yuv.decode(small.data(), 17, frame, false));
+    EXPECT_EQ(frame, kept) << "a rejected payload leaves the frame alone";
+
+    // 17 wide: rows copied one by one into a 32-byte pitch, odd chroma edges completed.
+    std::vector<unsigned char> odd = shortForm(17, 5);
+    ASSERT_TRUE(yuv.decode(odd.data(), int(odd.size()), frame, false));
+    ASSERT_TRUE(frame.map());
+    EXPECT_EQ(frame.bytesPerLineY(), 32u);
+    frame.unmap();
+    EXPECT_EQ(frame.widthU(), 9);
+    EXPECT_EQ(frame.heightU(), 3);
+    expectPlanes(frame, odd, 17, 5, 0, 0, 0);
+
+    // Long form: RY = 1 turns a row a b c d into b c d a. The header's last eight bytes
+    // are the first two Y rows.
+    std::vector<unsigned char> rotated = longForm(1, 0, 0, 4, 4);
+    ASSERT_EQ(rotated.size(), 28u);
+    rotated[12] = 'a', rotated[13] = 'b', rotated[14] = 'c', rotated[15] = 'd';
+    ASSERT_TRUE(yuv.decode(rotated.data(), 28, frame, false));
+    ASSERT_TRUE(frame.map());
+    EXPECT_EQ(QByteArray(reinterpret_cast<char*>(frame.lineY(1)), 4), QByteArray("\x04\x00\x04\x00", 4));
+    EXPECT_EQ(QByteArray(reinterpret_cast<char*>(frame.lineY(2)), 4), QByteArray("bcda"));
+    frame.unmap();
+    expectPlanes(frame, rotated, 4, 4, 1, 0, 0);
+
+    // All three rotations on a picture whose width is a multiple of 16 (the one-piece path).
+    std::vector<unsigned char> wide = longForm(5, 3, 7, 32, 6);
+    ASSERT_TRUE(yuv.decode(wide.data(), int(wide.size()), frame, false));
+    expectPlanes(frame, wide, 32, 6, 5, 3, 7);
+    std::vector<unsigned char> plain = shortForm(32, 6);
+    ASSERT_TRUE(yuv.decode(plain.data(), int(plain.size()), frame, false));
+    expectPlanes(frame, plain, 32, 6, 0, 0, 0);
+}
+
+TEST(DecoderYUVTest, HostilePayloadsAreRejected)
+{
+    DecoderYUV yuv;
+    VideoFrame frame;
+    // Sides whose product overflows 32 bits and wraps to exactly this payload's size.
+    std::vector<unsigned char> overflow(4 + 1529, 0x55);
+    overflow[0] = 60025 >> 8, overflow[1] = 60025 & 0xFF, overflow[2] = 47702 >> 8, overflow[3] = 47702 & 0xFF;
+    EXPECT_FALSE(yuv.decode(overflow.data(), int(overflow.size()), frame, false));
+
+    // Rotations at or beyond their row: Y rows are 4 bytes, chroma rows 2.
+    for (auto bad : {longForm(4, 0, 0, 4, 4), longForm(65535, 0, 0, 4, 4), longForm(0, 2, 0, 4, 4),
+                     longForm(0, 0, 2, 4, 4), longForm(0, 1, 0, 1, 8)}) {
+        EXPECT_FALSE(yuv.decode(bad.data(), int(bad.size()), frame, false));
+    }
+    std::vector<unsigned char> edge = longForm(3, 1, 1, 4, 4);
+    VideoFrame accepted;
+    EXPECT_TRUE(yuv.decode(edge.data(), int(edge.size()), accepted, false));
+
+    // Shorter than its header, exactly sized buffers so that any overread shows under ASan.
+    for (int size = 0; size < 12; ++size) {
+        std::vector<unsigned char> tiny(size_t(size), 0);
+        EXPECT_FALSE(yuv.decode(size ? tiny.data() : nullptr, size, frame, false)) << size;
+    }
+    EXPECT_TRUE(frame.isNull());
+    std::vector<unsigned char> empty{0, 0, 0, 0};  // a 0-wide long form needs 12 bytes
+    EXPECT_FALSE(yuv.decode(empty.data(), 4, frame, false));
+}

@@ -1,0 +1,372 @@
+// Real streams from FFmpeg's encoders, decoded image by image through the dispatcher and
+// compared plane by plane with the ffmpeg command line's own decode.
+#include "common/test_streams.h"
+#include "decoders/decoder_test_util.h"
+#include "decoders/jpeg2000_boxes.h"
+#include "orvo/decoder.h"
+#include "orvo/decoder_av.h"
+#include "orvo/decoder_preferences.h"
+#include "orvo/ffmpeg_module.h"
+
+#include <QFile>
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+
+using namespace orvo;
+using namespace orvo::test;
+
+namespace {
+
+struct StreamCase {
+    const char* name;
+    const char* encode;  // ffmpeg arguments that make the file
+    const char* file;
+    quint8 code;
+    int width;
+    int height;
+    bool yuv420pSource;  // FFmpeg's picture is already what frames hold (copied or wrapped)
+    const char* referenceArgs;
+    int delay = 0;  // pictures the codec holds back until the next one arrives
+};
+
+std::ostream& operator<<(std::ostream& os, const StreamCase& c) { return os << c.name; }
+
+#define TESTSRC(size, frames) "-f lavfi -i testsrc2=size=" size ":rate=25 -frames:v " frames " "
+
+const StreamCase kCases[] = {
+    {"h264_baseline", TESTSRC("642x362", "30") "-c:v libx264 -profile:v baseline -bf 0 -g 10 -pix_fmt yuv420p",
+     "h264_baseline_642x362.mkv", 'h', 642, 362, true, ""},
+    {"h264_main", TESTSRC("642x362", "30") "-c:v libx264 -profile:v main -bf 0 -g 10 -pix_fmt yuv420p",
+     "h264_main_642x362.mkv", 'H', 642, 362, true, ""},
+    {"h264_main_720p", TESTSRC("1280x720", "12") "-c:v libx264 -profile:v main -bf 0 -g 10 -pix_fmt yuv420p",
+     "h264_main_1280x720.mkv", 'h', 1280, 720, true, ""},
+    {"mjpeg_yuvj420p", TESTSRC("642x362", "8") "-c:v mjpeg -pix_fmt yuvj420p -q:v 3", "mjpeg_420_642x362.avi", 'j',
+     642, 362, false, "-sws_flags bilinear"},
+    {"mjpeg_yuvj422p", TESTSRC("642x362", "8") "-c:v mjpeg -pix_fmt yuvj422p -q:v 3", "mjpeg_422_642x362.avi", 'J',
+     642, 362, false, "-sws_flags bilinear"},
+    {"mpeg2", TESTSRC("642x362", "30") "-c:v mpeg2video -bf 0 -g 10 -q:v 3 -pix_fmt yuv420p", "mpeg2_642x362.m2v",
+     'M', 642, 362, true, "", 1},
+    {"mpeg2_low_delay", TESTSRC("642x362", "30") "-c:v mpeg2video -bf 0 -g 10 -q:v 3 -flags +low_delay -pix_fmt yuv420p",
+     "mpeg2_low_delay_642x362.m2v", 'M', 642, 362, true, ""},
+    {"mpeg4", TESTSRC("642x362", "30") "-c:v mpeg4 -bf 0 -g 10 -q:v 3 -pix_fmt yuv420p", "mpeg4_642x362.avi", 'm',
+     642, 362, true, ""},
+};
+
+struct StreamData {
+    std::vector<Image> images;
+    std::vector<QByteArray> reference;
+};
+
+// Each stream is made and decoded by the command line once per test run.
+const StreamData& streamData(const StreamCase& c)
+{
+    static std::map<std::string, StreamData> cache;
+    auto it = cache.find(c.name);
+    if (it != cache.end())
+        return it->second;
+    StreamData data;
+    const QString path = ffmpegFile(QString::fromLatin1(c.file), QString::fromLatin1(c.encode));
+    if (!path.isEmpty()) {
+        data.images = toImages(demuxVideo(path), c.code);
+        data.reference = ffmpegFrames(path, c.width, c.height, QStringLiteral("yuv420p"),
+                                      QString::fromLatin1(c.referenceArgs));
+    }
+    return cache.emplace(c.name, std::move(data)).first->second;
+}
+
+// Decodes every image with a fresh dispatcher that is destroyed before the frames are
+// returned, so that the frames must stand on their own.
+std::vector<VideoFrame> decodeAll(const std::vector<Image>& images)
+{
+    std::vector<VideoFrame> pictures;
+    Decoder decoder;
+    for (const Image& image : images) {
+        VideoFrame frame;
+        if (decoder.decode(image.type(), image.payloadData(), int(image.payloadSize()), frame, 0, image.iframe()))
+            pictures.push_back(frame);
+        else
+            EXPECT_TRUE(frame.isNull() || !frame.isValid()) << "no picture must leave no planes";
+    }
+    return pictures;
+}
+
+class StreamDecodeTest : public ::testing::TestWithParam<StreamCase> {};
+
+TEST_P(StreamDecodeTest, MatchesTheReferenceDecodeWithAndWithoutZeroCopy)
+{
+    const StreamCase& c = GetParam();
+    const StreamData& data = streamData(c);
+    ASSERT_FALSE(data.images.empty());
+    ASSERT_FALSE(data.reference.empty());
+    for (bool zeroCopy : {false, true}) {
+        SCOPED_TRACE(zeroCopy ? "zero-copy" : "copy");
+        PreferencesGuard guard;
+        DecoderPreferences::instance()->setZeroCopyDecoding(zeroCopy);
+        const std::vector<VideoFrame> pictures = decodeAll(data.images);
+        // One packet in, at most one picture out: every reference picture comes out, in
+        // order, but for those a delayed codec still holds at the end.
+        ASSERT_EQ(pictures.size() + size_t(c.delay), data.reference.size());
+        for (size_t k = 0; k < pictures.size(); ++k) {
+            const VideoFrame& f = pictures[k];
+            ASSERT_EQ(f.pixelFormat(), VideoFrame::Format_YUV420P);
+            ASSERT_TRUE(f.areSeparatePlanes());
+            EXPECT_FALSE(f.isMapped());
+            EXPECT_EQ(f.widthU(), (c.width + 1) / 2);
+            EXPECT_EQ(f.heightV(), (c.height + 1) / 2);
+            if (c.yuv420pSource) {
+                // Copies have the tight default pitch; zero-copy frames keep FFmpeg's aligned one.
+                ASSERT_TRUE(f.map());
+                if (zeroCopy)
+                    EXPECT_EQ(f.bytesPerLineY() % 32, 0u);
+                else
+                    EXPECT_EQ(f.bytesPerLineY(), unsigned(c.width));
+                f.unmap();
+            }
+            const int diff = maxDiffYuv420p(f, data.reference[k], c.width, c.height);
+            ASSERT_GE(diff, 0) << "picture " << k;
+            // Full-range JPEG pictures go through swscale just as the reference does (the
+            // same bilinear studio-range conversion), so they match to the byte as well.
+            ASSERT_EQ(diff, 0) << "picture " << k;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Streams, StreamDecodeTest, ::testing::ValuesIn(kCases),
+                         [](const ::testing::TestParamInfo<StreamCase>& info) { return info.param.name; });
+
+TEST(FFmpegDecodeTest, FullRangeJpegBecomesStudioRange)
+{
+    struct Level {
+        const char* colour;
+        int y;
+    };
+    for (const Level level : {Level{"white", 235}, Level{"black", 16}}) {
+        const QString name = QStringLiteral("mjpeg_%1_66x34.avi").arg(QLatin1String(level.colour));
+        const QString path = ffmpegFile(name, QStringLiteral("-f lavfi -i color=c=%1:size=66x34 -frames:v 1 "
+                                                             "-c:v mjpeg -pix_fmt yuvj422p")
+                                                  .arg(QLatin1String(level.colour)));
+        ASSERT_FALSE(path.isEmpty());
+        const std::vector<Packet> packets = demuxVideo(path);
+        ASSERT_EQ(packets.size(), 1u);
+        QByteArray payload = packets[0].data;
+        VideoFrame frame;
+        ASSERT_TRUE(Decoder().decode('j', reinterpret_cast<unsigned char*>(payload.data()), payload.size(), frame, 0,
+                                     true));
+        ASSERT_TRUE(frame.map());
+        EXPECT_EQ(frame.lineY(17)[33], level.y) << level.colour;
+        EXPECT_EQ(frame.lineU(8)[16], 128) << level.colour;
+        frame.unmap();
+    }
+}
+
+TEST(FFmpegDecodeTest, CorruptAndEmptyPayloadsLeaveTheFrameAlone)
+{
+    const StreamData& data = streamData(kCases[0]);
+    ASSERT_GT(data.images.size(), 10u);
+    for (bool zeroCopy : {false, true}) {
+        PreferencesGuard guard;
+        DecoderPreferences::instance()->setZeroCopyDecoding(zeroCopy);
+        DecoderAV decoder(FormatIn_H264);
+        VideoFrame frame;
+        QByteArray first = data.images[0].payload();
+        ASSERT_TRUE(decoder.decode(reinterpret_cast<unsigned char*>(first.data()), first.size(), frame, true));
+        const VideoFrame kept = frame;
+
+        unsigned char nothing = 0;
+        EXPECT_FALSE(decoder.decode(&nothing, 0, frame, false));
+        EXPECT_EQ(frame, kept);
+
+        // Truncated and garbled pictures, then random bytes: no crash, and where no picture
+        // comes out the frame is untouched.
+        std::mt19937 random(7);
+        for (size_t i = 1; i < 10; ++i) {
+            QByteArray payload = data.images[i].payload();
+            payload.truncate(payload.size() / 3);
+            for (int j = 0; j < 20; ++j)
+                payload[int(random() % unsigned(payload.size()))] = char(random());
+            VideoFrame before = frame;
+            if (!decoder.decode(reinterpret_cast<unsigned char*>(payload.data()), payload.size(), frame, false))
+                EXPECT_EQ(frame, before);
+        }
+        std::vector<unsigned char> noise(4096);
+        for (auto& b : noise)
+            b = static_cast<unsigned char>(random());
+        VideoFrame before = frame;
+        if (!decoder.decode(noise.data(), int(noise.size()), frame, false))
+            EXPECT_EQ(frame, before);
+
+        // The stream recovers at the next I-frame.
+        QByteArray key = data.images[10].payload();
+        ASSERT_TRUE(data.images[10].iframe());
+        VideoFrame recovered;
+        EXPECT_TRUE(decoder.decode(reinterpret_cast<unsigned char*>(key.data()), key.size(), recovered, true));
+        EXPECT_EQ(maxDiffYuv420p(recovered, data.reference[10], 642, 362), 0);
+    }
+}
+
+TEST(FFmpegDecodeTest, ModulePadsThePacketInPlace)
+{
+    FFmpegModule module(DecodeContext{FormatIn_MPEG4, 1});
+    QByteArray packet("\x00\x00\x01\xb6", 4);
+    VideoFrame frame;
+    EXPECT_FALSE(module.decode(packet, frame));
+    ASSERT_GE(packet.size(), 4 + 64);
+    EXPECT_EQ(packet.mid(4), QByteArray(packet.size() - 4, '\0'));
+    EXPECT_TRUE(frame.isNull());
+    QByteArray empty;
+    EXPECT_FALSE(module.decode(empty, frame));
+    EXPECT_EQ(empty, QByteArray(empty.size(), '\0'));
+    EXPECT_GE(empty.size(), 32);
+}
+
+TEST(FFmpegDecodeTest, JPEG2000BoxesChooseWhereDecodingStarts)
+{
+    PreferencesGuard guard;
+    DecoderPreferences* prefs = DecoderPreferences::instance();
+    const QString path = ffmpegFile(QStringLiteral("still_642x362.jp2"),
+                                    QStringLiteral("-f lavfi -i testsrc2=size=642x362 -frames:v 1 -c:v jpeg2000 "
+                                                   "-pix_fmt yuv420p -format jp2"));
+    ASSERT_FALSE(path.isEmpty());
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    const QByteArray jp2 = file.readAll();
+    const std::vector<QByteArray> reference = ffmpegFrames(path, 642, 362);
+    ASSERT_EQ(reference.size(), 1u);
+    ASSERT_EQ(jp2.mid(4, 4), QByteArray("jP  "));
+    const int codestream = jp2.indexOf("jp2c") + 4;
+
+    DecoderAV decoder(FormatIn_JPEG2000);
+    EXPECT_EQ(decoder.getFormat(), 'r');
+    auto decode = [&](QByteArray payload) {
+        VideoFrame frame;
+        if (!decoder.decode(reinterpret_cast<unsigned char*>(payload.data()), payload.size(), frame, true))
+            return -1;
+        return maxDiffYuv420p(frame, reference[0], 642, 362);
+    };
+    // A camera header in front of the file: only the box search finds the picture.
+    const QByteArray wrapped = QByteArray(24, '\x5a') + jp2;
+    EXPECT_EQ(jp2::codestreamStart(reinterpret_cast<const unsigned char*>(wrapped.constData()), wrapped.size(), false,
+                                   false),
+              24);
+    EXPECT_EQ(jp2::codestreamStart(reinterpret_cast<const unsigned char*>(wrapped.constData()), wrapped.size(), true,
+                                   false),
+              24 + codestream);
+    prefs->setJpeg2000passthrough(false);
+    EXPECT_EQ(decode(wrapped), 0);
+    prefs->setJpeg2000codestream(true);
+    EXPECT_EQ(decode(wrapped), 0);
+    EXPECT_EQ(decode(jp2), 0);
+    // From the file-type box on, the code stream is looked for whatever the switch says.
+    prefs->setJpeg2000codestream(false);
+    EXPECT_EQ(decode(jp2.mid(12)), 0);
+
+    // The box list goes to the debug stream.
+    {
+        QtMessageCapture capture;
+        prefs->setJpeg2000display_atoms(true);
+        EXPECT_EQ(decode(jp2), 0);
+        const QStringList& lines = QtMessageCapture::lines();
+        ASSERT_GE(lines.size(), 4);
+        EXPECT_EQ(lines[0], QStringLiteral("offset=0 size=12 name=106 80 32 32(jP  )"));
+        EXPECT_EQ(lines[1], QStringLiteral("offset=12 size=20 name=102 116 121 112(ftyp)"));
+        EXPECT_TRUE(lines.last().startsWith(QStringLiteral("offset=%1 size=").arg(codestream - 8)));
+        EXPECT_TRUE(lines.last().endsWith(QStringLiteral("name=106 112 50 99(jp2c)")));
+    }
+}
+
+TEST(FFmpegDecodeTest, BoxWalkStaysInsideThePayload)
+{
+    auto be32 = [](quint32 v) {
+        const char b[4] = {char(v >> 24), char(v >> 16), char(v >> 8), char(v)};
+        return QByteArray(b, 4);
+    };
+    auto start = [](const QByteArray& p, bool codestream) {
+        return jp2::codestreamStart(reinterpret_cast<const unsigned char*>(p.constData()), p.size(), codestream, true);
+    };
+    QtMessageCapture capture;
+    // A length far past the end: the walk stops, the search fails and decoding starts at 0.
+    QByteArray huge = be32(0xFFFFFFF0u) + "ftyp" + QByteArray(16, 'x') + be32(12) + "jp2c" + be32(0);
+    EXPECT_EQ(start(huge, false), 0);
+    // A zero length ends the walk as corruption.
+    QByteArray zero = be32(12) + "ftyp" + be32(0) + be32(0) + "jp2h" + be32(7) + be32(9) + "jp2c" + be32(0);
+    EXPECT_EQ(start(zero, false), 0);
+    EXPECT_TRUE(QtMessageCapture::lines().contains(QStringLiteral("block size=0 possible corruption")));
+    // Length 1 advances byte by byte and still ends at the data's end.
+    QByteArray ones = be32(1) + "jp2h" + QByteArray(30, '\x01');
+    EXPECT_EQ(start(ones, true), 0);
+    // A code-stream box whose header is the last thing in the payload.
+    QByteArray tight = be32(8) + "ftyp" + be32(9) + "jp2c" + "Z";
+    EXPECT_EQ(start(tight, false), 16);
+    QByteArray headerOnly = be32(8) + "ftyp" + be32(8) + "jp2c";
+    EXPECT_EQ(start(headerOnly, false), 0);
+    // Payloads shorter than a box header.
+    for (int n = 0; n <= 9; ++n) {
+        std::vector<unsigned char> bytes(size_t(n), 0);
+        const unsigned char* p = n ? bytes.data() : nullptr;
+        EXPECT_EQ(jp2::codestreamStart(p, n, true, true), 0);
+        EXPECT_EQ(jp2::findBox(p, n, jp2::kCodestream), -1);
+    }
+    // Random box chains: every answer lies inside the payload.
+    std::mt19937 random(11);
+    for (int round = 0; round < 2000; ++round) {
+        std::vector<unsigned char> bytes(size_t(random() % 64));
+        const char* types[] = {"jP  ", "ftyp", "jp2h", "jp2c"};
+        for (size_t i = 0; i < bytes.size(); ++i)
+            bytes[i] = (random() % 4 == 0) ? static_cast<unsigned char>(types[random() % 4][i % 4])
+                                           : static_cast<unsigned char>(random() % 24);
+        const int s = jp2::codestreamStart(bytes.data(), int(bytes.size()), round % 2, round % 3 == 0);
+        ASSERT_GE(s, 0);
+        ASSERT_LE(s, int(bytes.size()));
+    }
+}
+
+TEST(FFmpegModuleTest, QImageConversionsKeepTheColours)
+{
+    struct Colour {
+        QRgb rgb;
+        int y, u, v;  // BT.601 studio range
+    };
+    const Colour colours[] = {{qRgb(255, 0, 0), 82, 90, 240}, {qRgb(0, 0, 255), 41, 240, 110},
+                              {qRgb(0, 255, 0), 145, 54, 34}};
+    for (QImage::Format format : {QImage::Format_ARGB32, QImage::Format_RGB32, QImage::Format_RGB888,
+                                  QImage::Format_RGB16, QImage::Format_Indexed8}) {
+        for (const Colour& c : colours) {
+            SCOPED_TRACE(testing::Message() << "format " << int(format) << " colour " << std::hex << c.rgb);
+            QImage image(34, 18, QImage::Format_ARGB32);
+            image.fill(c.rgb);
+            image = image.convertToFormat(format);
+            VideoFrame frame(34, 18, VideoFrame::Format_YUV420P, defaultBufferProperties);
+            ASSERT_TRUE(FFmpegModule::qimageToVideoFrame(image, frame));
+            ASSERT_TRUE(frame.map());
+            EXPECT_NEAR(frame.lineY(9)[17], c.y, 2);
+            EXPECT_NEAR(frame.lineU(4)[8], c.u, 2);
+            EXPECT_NEAR(frame.lineV(4)[8], c.v, 2);
+
+            QImage back(34, 18, format);
+            back.fill(0);
+            ASSERT_TRUE(FFmpegModule::videoFrameToQImage(frame, back));
+            frame.unmap();
+            EXPECT_EQ(back.format(), format);
+            const QRgb px = back.pixel(17, 9);
+            const int tolerance = format == QImage::Format_RGB16 || format == QImage::Format_Indexed8 ? 12 : 4;
+            EXPECT_NEAR(qRed(px), qRed(c.rgb), tolerance);
+            EXPECT_NEAR(qGreen(px), qGreen(c.rgb), tolerance);
+            EXPECT_NEAR(qBlue(px), qBlue(c.rgb), tolerance);
+            EXPECT_EQ(qAlpha(px), 255);
+        }
+    }
+    // Refusals: null image, a read-only mapped frame, an unmapped frame for the way back.
+    VideoFrame frame(8, 8, VideoFrame::Format_YUV420P, defaultBufferProperties);
+    EXPECT_FALSE(FFmpegModule::qimageToVideoFrame(QImage(), frame));
+    ASSERT_TRUE(frame.map());
+    QImage image(8, 8, QImage::Format_RGB32);
+    EXPECT_FALSE(FFmpegModule::qimageToVideoFrame(image, frame));
+    frame.unmap();
+    EXPECT_FALSE(FFmpegModule::videoFrameToQImage(frame, image));
+    VideoFrame none;
+    EXPECT_FALSE(FFmpegModule::qimageToVideoFrame(image, none));
+}
+
+}  // namespace

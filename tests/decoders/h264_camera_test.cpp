@@ -1,0 +1,217 @@
+// The H.264 camera path: cutting and repairing payloads, on hand-made bytes and on a
+// real stream whose NAL units are wrapped the way cameras send them.
+#include "common/test_streams.h"
+#include "decoders/decoder_test_util.h"
+#include "decoders/h264_payload.h"
+#include "decoders/h264_slice_dump.h"
+#include "orvo/decoder.h"
+#include "orvo/decoder_h264.h"
+#include "orvo/decoder_preferences.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+using namespace orvo;
+using namespace orvo::test;
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+
+int cut(Bytes bytes, bool lastByte = true, bool doubleStart = true)
+{
+    return h264::cameraPayloadLength(bytes.empty() ? nullptr : bytes.data(), int(bytes.size()), lastByte,
+                                     doubleStart);
+}
+
+// NAL units of an Annex B access unit, each with a four-byte start code.
+std::vector<QByteArray> splitNals(const QByteArray& au)
+{
+    std::vector<QByteArray> nals;
+    const QByteArray sc3("\x00\x00\x01", 3);
+    int begin = au.indexOf(sc3);
+    while (begin >= 0) {
+        const int payload = begin + 3;
+        int next = au.indexOf(sc3, payload);
+        int end = next < 0 ? au.size() : next;
+        while (next >= 0 && end > payload && au[end - 1] == '\0')  // the zero of a four-byte code
+            --end;
+        nals.push_back(QByteArray("\x00\x00\x00\x01", 4) + au.mid(payload, end - payload));
+        begin = next;
+    }
+    return nals;
+}
+
+}  // namespace
+
+TEST(H264PayloadTest, CutAndRepairs)
+{
+    EXPECT_EQ(cut({0, 0, 0, 1, 0x65, 0xAA, 0xBB, 0, 0, 0, 1}), 7);
+    // A start code and a single byte before the cut lose that byte only when asked.
+    EXPECT_EQ(cut({0, 0, 0, 1, 0x09, 0, 0, 0, 1}), 4);
+    EXPECT_EQ(cut({0, 0, 0, 1, 0x09, 0, 0, 0, 1}, false), 5);
+    // Trailing FF padding goes with the double-start-code repair.
+    EXPECT_EQ(cut({0, 0, 0, 1, 0x65, 1, 2, 0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 1}), 7);
+    EXPECT_EQ(cut({0, 0, 0, 1, 0x65, 1, 2, 0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 1}, true, false), 11);
+    EXPECT_EQ(cut({0, 0, 0, 1, 0x65, 1, 2, 0xFE, 0xFF, 0xFF, 0xFF, 0, 0, 0, 1}), 11);
+    // No start code after offset 0, or too short.
+    EXPECT_EQ(cut({0, 0, 0, 1, 0x65, 1, 2, 3}), -1);
+    EXPECT_EQ(cut({0, 0, 0, 1}), -1);
+    EXPECT_EQ(cut({}), -1);
+    EXPECT_EQ(cut({7, 0, 0, 0, 1}), 1);
+    EXPECT_EQ(cut({0, 0, 0, 0, 1}), 1);
+    EXPECT_EQ(cut({0, 0, 0, 1, 9}), -1);
+
+    // The repair turns the first of two adjacent start codes into padding, in place; a
+    // run of three shrinks to one.
+    Bytes doubled{0, 0, 0, 1, 0, 0, 0, 1, 0x67, 0x42};
+    h264::repairDoubleStartCodes(doubled.data(), int(doubled.size()));
+    EXPECT_EQ(doubled, (Bytes{0, 0, 0, 0, 0, 0, 0, 1, 0x67, 0x42}));
+    Bytes tripled{0x09, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1, 0x65};
+    h264::repairDoubleStartCodes(tripled.data(), int(tripled.size()));
+    EXPECT_EQ(tripled, (Bytes{0x09, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0x65}));
+}
+
+TEST(H264PayloadTest, CutsNearTheStartStayInsideThePayload)
+{
+    // Cuts at offsets 1 to 4 leave no room to look back five or four bytes; exact-size
+    // heap buffers make any look before the payload visible under ASan.
+    for (int at = 1; at <= 4; ++at) {
+        Bytes bytes(size_t(at), 0xFF);
+        bytes.insert(bytes.end(), {0, 0, 0, 1});
+        EXPECT_EQ(cut(bytes), at == 4 ? 0 : at) << at;  // four FF bytes are padding
+        bytes[0] = 0xEE;
+        EXPECT_EQ(cut(bytes), at) << at;
+    }
+    std::mt19937 random(3);
+    for (int round = 0; round < 20000; ++round) {
+        Bytes bytes(size_t(random() % 24));
+        for (auto& b : bytes) {
+            const unsigned r = random() % 8;
+            b = r < 4 ? 0 : r < 6 ? 1 : r < 7 ? 0xFF : static_cast<unsigned char>(random());
+        }
+        const int n = cut(bytes, round % 2, round % 3 != 0);
+        ASSERT_GE(n, -1);
+        ASSERT_LT(n, int(bytes.size()));
+    }
+}
+
+TEST(H264DecoderTest, ShortOrUncutPayloadsFailWithoutTouchingTheFrame)
+{
+    DecoderH264* decoder = DecoderH264::get();
+    EXPECT_EQ(decoder->getFormat(), 'h');
+    EXPECT_TRUE(decoder->is_stream_based());
+    EXPECT_TRUE(decoder->is_iframe_wanted());
+    decoder->i_dont_want_iframe();
+    EXPECT_FALSE(decoder->is_iframe_wanted());
+    decoder->i_want_iframe();
+    EXPECT_TRUE(decoder->is_iframe_wanted());
+    decoder->get_last_frame_number() = 12;
+    EXPECT_EQ(decoder->get_last_frame_number(), 12);
+    decoder->get_frame_num_bits() = 4;
+    EXPECT_EQ(decoder->get_frame_num_bits(), 4);
+
+    VideoFrame frame;
+    frame.setId(99);
+    const VideoFrame kept = frame;
+    Bytes four{0, 0, 0, 1};
+    EXPECT_FALSE(decoder->decode(four.data(), 4, frame, true));
+    Bytes single{0, 0, 0, 1, 0x65, 0x88, 0x84};
+    EXPECT_FALSE(decoder->decode(single.data(), int(single.size()), frame, true));
+    EXPECT_EQ(frame, kept);
+    DecoderH264::release(decoder);
+    DecoderH264::release(nullptr);
+    DecoderH264::get()->release();
+}
+
+TEST(H264DecoderTest, CameraWrappedNalUnitsDecodeToTheSamePictures)
+{
+    PreferencesGuard guard;
+    const QString path = ffmpegFile(QStringLiteral("h264_baseline_642x362.mkv"),
+                                    QStringLiteral("-f lavfi -i testsrc2=size=642x362:rate=25 -frames:v 30 "
+                                                   "-c:v libx264 -profile:v baseline -bf 0 -g 10 -pix_fmt yuv420p"));
+    ASSERT_FALSE(path.isEmpty());
+    const std::vector<Packet> packets = demuxVideo(path);
+    const std::vector<QByteArray> reference = ffmpegFrames(path, 642, 362);
+    ASSERT_EQ(packets.size(), reference.size());
+
+    // Each NAL unit is one camera image with a trailer: a start code and one byte, FF
+    // padding before it, or a doubled start code. Between access units come stray
+    // images that carry a start code and a single byte only.
+    std::vector<QByteArray> payloads;
+    const QByteArray sc("\x00\x00\x00\x01", 4);
+    int n = 0;
+    for (const Packet& p : packets) {
+        for (const QByteArray& nal : splitNals(p.data)) {
+            switch (n++ % 3) {
+            case 0: payloads.push_back(nal + sc + '\x09'); break;
+            case 1: payloads.push_back(nal + QByteArray(4, '\xFF') + sc + '\x41'); break;
+            default: payloads.push_back(nal + sc + sc + '\x65'); break;
+            }
+        }
+        payloads.push_back(sc + '\x09' + sc + '\x10');
+    }
+
+    for (bool zeroCopy : {false, true}) {
+        SCOPED_TRACE(zeroCopy ? "zero-copy" : "copy");
+        DecoderPreferences::instance()->setZeroCopyDecoding(zeroCopy);
+        DecoderPreferences::instance()->lookForNALsH264(true);
+        std::vector<VideoFrame> pictures;
+        {
+            Decoder decoder('h', 0);
+            ASSERT_NE(dynamic_cast<DecoderH264*>(decoder.formatDecoder().data()), nullptr);
+            for (QByteArray payload : payloads) {
+                VideoFrame frame;
+                if (decoder.decode(reinterpret_cast<unsigned char*>(payload.data()), payload.size(), frame, false))
+                    pictures.push_back(frame);
+            }
+        }
+        ASSERT_EQ(pictures.size(), reference.size());
+        for (size_t k = 0; k < pictures.size(); ++k)
+            ASSERT_EQ(maxDiffYuv420p(pictures[k], reference[k], 642, 362), 0) << "picture " << k;
+    }
+}
+
+TEST(H264SliceDumpTest, PrintsSliceHeadersAndStaysInBounds)
+{
+    // first_mb ue 0 ("1"), slice_type ue 7 ("0001000"), ppsid ue 0 ("1"), frame_num "0101".
+    Bytes slice{0, 0, 0, 1, 0x65, 0x88, 0xA8, 0, 0, 0, 1, 0x41, 0x9A};
+    testing::internal::CaptureStdout();
+    const int last = h264::dumpSliceHeaders(slice.data(), int(slice.size()));
+    const std::string out = testing::internal::GetCapturedStdout();
+    // The second header runs past the end of the data, where bits read as zero.
+    EXPECT_EQ(last, 0);
+    EXPECT_EQ(out, "\n___________h264 debug_________________\n"
+                   "offset=0 nal=65, first_mb=0 slice_type=7 ppsid=0 frame_num=5\n"
+                   "offset=7 nal=41, first_mb=0 slice_type=5 ppsid=0 frame_num=0\n"
+                   "___________h264 debug____end_____________\n");
+
+    testing::internal::CaptureStdout();
+    Bytes tiny{0, 0, 0, 1, 0x65};
+    EXPECT_EQ(h264::dumpSliceHeaders(tiny.data(), int(tiny.size())), -1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "\n___________h264 debug_________________\n___________h264 debug____end_____________\n");
+
+    const Bytes bits{0x38, 0x80};  // 00111 -> 6, then 000 and 100
+    h264::BitReader reader(bits.data(), 2);
+    EXPECT_EQ(reader.readUE(), 6u);
+    EXPECT_EQ(reader.readBits(3), 0u);
+    EXPECT_EQ(reader.readBits(3), 4u);
+    EXPECT_EQ(reader.readBits(32), 0u);  // past the end reads zeros
+
+    // Zero bits to the end: the readers stop at the end of the data instead of running on.
+    testing::internal::CaptureStdout();
+    Bytes zeros{0, 0, 0, 1, 0x65, 0, 0, 0, 0, 0, 0, 0};
+    EXPECT_EQ(h264::dumpSliceHeaders(zeros.data(), int(zeros.size())), 0);
+    testing::internal::GetCapturedStdout();
+    std::mt19937 random(5);
+    for (int round = 0; round < 500; ++round) {
+        Bytes bytes(size_t(random() % 40));
+        for (auto& b : bytes)
+            b = random() % 3 ? 0 : static_cast<unsigned char>(random() % 3);
+        testing::internal::CaptureStdout();
+        h264::dumpSliceHeaders(bytes.empty() ? nullptr : bytes.data(), int(bytes.size()));
+        testing::internal::GetCapturedStdout();
+    }
+}
