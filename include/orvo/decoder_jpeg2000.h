@@ -1,7 +1,10 @@
 #pragma once
-// JPEG 2000 at a reduced resolution chosen by a scale level (format code 'r'),
-// through the JPEG 2000 library, into Format_YUV422P frames.
+// JPEG 2000 at a reduced resolution chosen by a scale level (format code 'r'), through the
+// aj2k library, into Format_YUV422P frames. Each level halves width and height; frames
+// report the image's full size as maximal width and height.
 #include "orvo/decoder.h"
+
+struct aj2k_handle;
 
 namespace orvo {
 
@@ -10,9 +13,12 @@ public:
     // Throws the C string "error in initialization of DecoderJPEG2000" when the library fails.
     explicit DecoderJPEG2000(int scaleLevel);
     ~DecoderJPEG2000() override;
-    static DecoderJPEG2000* get();
+    static DecoderJPEG2000* get();  // level 0; the caller owns the decoder
+    // Used from the next image on.
     void setScaleLevel(int level) { scaleLevel_ = level; }
     int scaleLevel() const { return scaleLevel_; }
+    // Strict decoding: truncated or corrupt code streams fail. On a decoding failure the
+    // frame has already been replaced (by an empty picture); a failed size query leaves it.
     bool decode(unsigned char* data, int size, orvo::VideoFrame& frame, bool iframe) override;
     unsigned char getFormat() const override { return 'r'; }
     bool is_stream_based() const override { return false; }
@@ -20,7 +26,7 @@ public:
 
 private:
     int scaleLevel_ = 0;
-    void* handle_ = nullptr;
+    aj2k_handle* handle_ = nullptr;
 };
 
 }  // namespace orvo

@@ -1,8 +1,10 @@
 #pragma once
-// Wavelet-compressed analog-server fields: 'n' (720 x 243) and 'p' (720 x 288).
+// Wavelet-compressed analog-server fields: 'n' (720 x 243) and 'p' (720 x 288), through the
+// wavelet library. Scale level 0 gives the whole field marked with scale (1, 2) (lines are
+// to be doubled on display); levels 1 and 2 give a quarter and a sixteenth of the frame,
+// marked (1, 1). Levels above 2 are clamped to 2.
 #include "orvo/decoder.h"
-
-#include <memory>
+#include "orvo/wavelet_decoder.h"
 
 namespace orvo {
 
@@ -10,16 +12,15 @@ class DecoderWavelet : public AbstractDecoder {
 public:
     DecoderWavelet(int width, int height, int scaleLevel);
     ~DecoderWavelet() override;
-    int scaleLevel() const;
+    int scaleLevel() const { return wavelet_.scaleLevel(); }
+    // On a decoding failure the frame has already been replaced by the new, unfilled picture.
     bool decode(unsigned char* data, int size, orvo::VideoFrame& frame, bool iframe) override;
-    unsigned char getFormat() const override;
+    unsigned char getFormat() const override { return wavelet_.height() == 243 ? 'n' : 'p'; }
     bool is_stream_based() const override { return false; }
     bool produces_shallow_images() const override { return false; }
 
 private:
-    int width_;
-    int height_;
-    int scaleLevel_;
+    WaveletDecoder wavelet_;
 };
 
 }  // namespace orvo

@@ -1,0 +1,125 @@
+// The wavelet library over FFmpeg's VC-2/Dirac decoder, reduced with swscale.
+#include "orvo/wavelet_decoder.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libswscale/swscale.h>
+}
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+
+namespace orvo {
+
+struct WaveletDecoder::Codec {
+    AVCodecContext* context = nullptr;
+    AVPacket* packet = nullptr;
+    AVFrame* frame = nullptr;
+    AVFrame* spare = nullptr;
+    SwsContext* scaler = nullptr;
+
+    ~Codec()
+    {
+        sws_freeContext(scaler);
+        av_frame_free(&frame);
+        av_frame_free(&spare);
+        av_packet_free(&packet);
+        avcodec_free_context(&context);
+    }
+
+    // Decodes one self-contained image into `frame`. The decoder holds pictures back until
+    // their picture number comes up, so it is drained and reset after every image: images
+    // stay independent of the ones before (skipped or repeated numbers do not stall it).
+    bool decodeImage(const unsigned char* data, int size)
+    {
+        av_frame_unref(frame);
+        av_packet_unref(packet);
+        if (av_new_packet(packet, size) < 0)  // zeroed padding behind the copy
+            return false;
+        std::memcpy(packet->data, data, size_t(size));
+        bool got = false;
+        if (avcodec_send_packet(context, packet) >= 0 && avcodec_send_packet(context, nullptr) >= 0) {
+            got = avcodec_receive_frame(context, frame) >= 0;
+            while (got && avcodec_receive_frame(context, spare) >= 0)
+                av_frame_unref(spare);  // only the first picture of a payload counts
+        }
+        avcodec_flush_buffers(context);
+        av_packet_unref(packet);
+        return got;
+    }
+};
+
+WaveletDecoder::WaveletDecoder(int width, int height, int scaleLevel)
+    : width_(width), height_(height), scaleLevel_(std::clamp(scaleLevel, 0, 2))
+{
+    if (width <= 0 || height <= 0 || width > 8192 || height > 8192)
+        return;
+    outputWidth_ = width >> scaleLevel_;
+    outputHeight_ = scaleLevel_ < 2 ? height : height / 2;
+    if (outputWidth_ < 2 || (outputWidth_ & 1) || outputHeight_ < 1)
+        return;
+
+    const AVCodec* dirac = avcodec_find_decoder(AV_CODEC_ID_DIRAC);
+    if (!dirac)
+        return;
+    auto codec = std::make_unique<Codec>();
+    codec->context = avcodec_alloc_context3(dirac);
+    codec->packet = av_packet_alloc();
+    codec->frame = av_frame_alloc();
+    codec->spare = av_frame_alloc();
+    if (!codec->context || !codec->packet || !codec->frame || !codec->spare)
+        return;
+    codec->context->thread_count = 1;  // many cameras decode at once; one thread each
+    // A sequence header announcing a much larger picture fails before FFmpeg allocates for
+    // it. The bound is generous: the decoder's own work buffers (edges, half-sample planes)
+    // count against it too.
+    codec->context->max_pixels = int64_t(width) * height * 16;
+    if (avcodec_open2(codec->context, dirac, nullptr) < 0)
+        return;
+    codec_ = std::move(codec);
+    initialized_ = true;
+}
+
+WaveletDecoder::~WaveletDecoder() = default;
+
+bool WaveletDecoder::decode(unsigned char* data, long size, unsigned char* y, unsigned char* u, unsigned char* v,
+                            unsigned char* yEnd, unsigned char* uEnd, unsigned char* vEnd)
+{
+    if (!initialized_ || !data || size <= 0 || size > INT_MAX - AV_INPUT_BUFFER_PADDING_SIZE)
+        return false;
+    if (!y || !u || !v || yEnd < y || uEnd < u || vEnd < v)
+        return false;
+    const int ow = outputWidth_, oh = outputHeight_;
+    const int cPitch = chromaBytesPerLine(), cLines = chromaLines();
+    if (yEnd - y < long(ow) * oh || uEnd - u < long(cPitch) * cLines || vEnd - v < long(cPitch) * cLines)
+        return false;
+
+    if (!codec_->decodeImage(data, int(size)))
+        return false;
+    const AVFrame* f = codec_->frame;
+    if (f->width != width_ || f->height != height_ || !f->data[0])
+        return false;
+
+    const AVPixelFormat format = AVPixelFormat(f->format);
+    if (format == AV_PIX_FMT_YUV420P && ow == f->width && oh == f->height && f->data[1] && f->data[2]) {
+        const int cw = (ow + 1) / 2;
+        for (int row = 0; row < oh; ++row)
+            std::memcpy(y + size_t(row) * ow, f->data[0] + ptrdiff_t(row) * f->linesize[0], size_t(ow));
+        for (int row = 0; row < cLines; ++row) {
+            std::memcpy(u + size_t(row) * cPitch, f->data[1] + ptrdiff_t(row) * f->linesize[1], size_t(cw));
+            std::memcpy(v + size_t(row) * cPitch, f->data[2] + ptrdiff_t(row) * f->linesize[2], size_t(cw));
+        }
+        return true;
+    }
+    // Other sizes (levels 1 and 2) and other layouts (4:2:2, 4:4:4, 10 bits) through swscale.
+    codec_->scaler = sws_getCachedContext(codec_->scaler, f->width, f->height, format, ow, oh, AV_PIX_FMT_YUV420P,
+                                          SWS_BILINEAR, nullptr, nullptr, nullptr);
+    if (!codec_->scaler)
+        return false;
+    uint8_t* dst[4] = {y, u, v, nullptr};
+    int dstStride[4] = {ow, cPitch, cPitch, 0};
+    return sws_scale(codec_->scaler, f->data, f->linesize, 0, f->height, dst, dstStride) == oh;
+}
+
+}  // namespace orvo

@@ -1,0 +1,105 @@
+#include "orvo/decoder_jpeg.h"
+
+#include <QByteArray>
+#include <QDebug>
+#include <QImage>
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+extern "C" {
+#include <libswscale/swscale.h>
+}
+
+namespace orvo {
+
+namespace {
+
+constexpr int kHeaderSize = 384;
+
+// The loaded picture as a Format_YUV420P frame of its size (BT.601 video range, the
+// convention of the library's other frames). Null frame on failure.
+VideoFrame toYuv420(const QImage& loaded)
+{
+    const int w = loaded.width(), h = loaded.height();
+    if (loaded.isNull() || w <= 0 || h <= 0)
+        return VideoFrame();
+    // swscale mis-weights the last chroma column and row of odd sizes, so the picture is
+    // converted at an even size with its last column and row repeated, then cropped.
+    const int ew = w + (w & 1), eh = h + (h & 1);
+    QImage image = loaded.convertToFormat(QImage::Format_RGB32);  // B,G,R,X bytes on little-endian
+    if (ew != w || eh != h) {
+        QImage padded(ew, eh, QImage::Format_RGB32);
+        if (padded.isNull())
+            return VideoFrame();
+        for (int y = 0; y < eh; ++y) {
+            const auto* src = reinterpret_cast<const QRgb*>(image.constScanLine(std::min(y, h - 1)));
+            auto* dst = reinterpret_cast<QRgb*>(padded.scanLine(y));
+            std::copy(src, src + w, dst);
+            dst[ew - 1] = src[w - 1];
+        }
+        image = padded;
+    }
+    const int cw = ew / 2, ch = eh / 2;
+    std::vector<uint8_t> planes(size_t(ew) * eh + 2 * size_t(cw) * ch);
+    uint8_t* dst[4] = {planes.data(), planes.data() + size_t(ew) * eh, planes.data() + size_t(ew) * eh + size_t(cw) * ch,
+                       nullptr};
+    const int dstStride[4] = {ew, cw, cw, 0};
+    SwsContext* sws = sws_getContext(ew, eh, AV_PIX_FMT_BGR0, ew, eh, AV_PIX_FMT_YUV420P,
+                                     SWS_BILINEAR | SWS_ACCURATE_RND, nullptr, nullptr, nullptr);
+    if (!sws)
+        return VideoFrame();
+    const uint8_t* src[4] = {image.constBits(), nullptr, nullptr, nullptr};
+    const int srcStride[4] = {int(image.bytesPerLine()), 0, 0, 0};
+    const int rows = sws_scale(sws, src, srcStride, 0, eh, dst, dstStride);
+    sws_freeContext(sws);
+    VideoFrame frame(w, h, VideoFrame::Format_YUV420P, defaultBufferProperties);
+    if (rows != eh || !frame.map(QAbstractVideoBuffer::WriteOnly))
+        return VideoFrame();
+    for (int y = 0; y < h; ++y)
+        std::memcpy(frame.lineY(y), dst[0] + size_t(y) * ew, size_t(w));
+    for (int y = 0; y < ch; ++y) {
+        std::memcpy(frame.lineU(y), dst[1] + size_t(y) * cw, size_t(cw));
+        std::memcpy(frame.lineV(y), dst[2] + size_t(y) * cw, size_t(cw));
+    }
+    frame.unmap();
+    frame.setScale(1, 1);
+    return frame;
+}
+
+// The caller's frame changes only when the conversion succeeded.
+bool fill(VideoFrame& frame, const QImage& image)
+{
+    VideoFrame converted = toYuv420(image);
+    if (converted.isNull())
+        return false;
+    frame = converted;
+    return true;
+}
+
+}  // namespace
+
+bool DecoderJPEG::decode(unsigned char* data, int size, orvo::VideoFrame& frame, bool)
+{
+    const int n = size - kHeaderSize;
+    if (!data || n <= 0)  // nothing after the header (retrying there would read past the payload)
+        return false;
+    const QByteArray payload(reinterpret_cast<const char*>(data), size);
+    const uchar* jpeg = reinterpret_cast<const uchar*>(payload.constData()) + kHeaderSize;
+
+    // The JPEG may start anywhere after the header. Only offsets holding an SOI marker can
+    // load, so the others are skipped without asking Qt: same outcome, linear time.
+    QImage image;
+    for (int i = 0; i < n; ++i) {
+        if (i + 1 < n && jpeg[i] == 0xFF && jpeg[i + 1] == 0xD8 && image.loadFromData(jpeg + i, n - i, "JPEG")) {
+            qDebug() << "found i=" << i;
+            return fill(frame, image);
+        }
+        if (i % 1000 == 0)
+            qDebug() << "i=" << i;
+    }
+    return image.loadFromData(jpeg, n, "JPEG") && fill(frame, image);
+}
+
+}  // namespace orvo

@@ -1,0 +1,46 @@
+#include "orvo/decoder_wavelet.h"
+
+#include <QDebug>
+#include <algorithm>
+
+namespace orvo {
+
+DecoderWavelet::DecoderWavelet(int width, int height, int scaleLevel)
+    : wavelet_(width, height, std::clamp(scaleLevel, 0, 2))
+{
+}
+
+DecoderWavelet::~DecoderWavelet() = default;
+
+bool DecoderWavelet::decode(unsigned char* data, int size, orvo::VideoFrame& frame, bool)
+{
+    if (!wavelet_.isInitialized()) {
+        qDebug().noquote() << "Error: WaveletDecoder::decompress called for  not intialized WaveletDecoder.";
+        return false;
+    }
+    const int w = wavelet_.outputWidth();
+    const int h = wavelet_.outputHeight();
+    int chromaPitch = w / 2;
+    chromaPitch += chromaPitch & 1;
+    const int chromaRows = (h + 1) / 2;
+
+    auto* yb = new MemoryVideoBuffer(w * h, w, 128);
+    auto* ub = new MemoryVideoBuffer(chromaRows * chromaPitch, chromaPitch, 128);
+    auto* vb = new MemoryVideoBuffer(chromaRows * chromaPitch, chromaPitch, 128);
+    VideoFrame out(yb, ub, vb, QSize(w, h), VideoFrame::Format_YUV420P);
+    out.setScale(1, 1);
+    bool ok = false;
+    if (out.map(QAbstractVideoBuffer::WriteOnly)) {
+        ok = wavelet_.decode(data, size, out.bitsY(), out.bitsU(), out.bitsV(), out.bitsY() + out.mappedBytesY(),
+                             out.bitsU() + out.mappedBytesU(), out.bitsV() + out.mappedBytesV());
+        out.unmap();
+    }
+    frame = out;
+    if (ok)
+        frame.setScale(1, wavelet_.scaleLevel() == 0 ? 2 : 1);
+    else
+        qDebug().noquote() << QString("DecoderWavelet::decode/  wavelet decoding failed buflen=%1").arg(size);
+    return ok;
+}
+
+}  // namespace orvo

@@ -1,0 +1,293 @@
+// JPEG 2000 at scale levels 0-3 through DecoderJPEG2000 and the aj2k library, compared with
+// decodes by opj_decompress -r LEVEL (RGB and greyscale files) and by FFmpeg's own JPEG 2000
+// decoder at -lowres LEVEL (YCbCr files: opj_decompress turns those into RGB on output).
+#include "camera/camera_test_support.h"
+#include "orvo/aj2k.h"
+#include "orvo/decoder_jpeg2000.h"
+
+#include <QFileInfo>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <memory>
+
+using camera_test::Plane;
+using orvo::DecoderJPEG2000;
+using orvo::VideoFrame;
+
+namespace {
+
+enum class Reference { FFmpeg420, FFmpeg444, OpjRgb, OpjGrey };
+
+struct J2kFile {
+    const char* name;
+    int width;
+    int height;
+    Reference reference;
+};
+
+// Each file is made once per data directory by encoders of FFmpeg and OpenJPEG.
+QString makeFile(const J2kFile& f)
+{
+    const QString name = QString::fromLatin1(f.name);
+    const QString size = QString("%1x%2").arg(f.width).arg(f.height);
+    switch (f.reference) {
+    case Reference::FFmpeg420:
+        if (f.width == 1920)
+            return orvo::test::ffmpegFile(name, "-f lavfi -i testsrc2=size=" + size +
+                                                    " -frames:v 1 -pix_fmt yuv420p -c:v libopenjpeg -format j2k");
+        return orvo::test::ffmpegFile(name, "-f lavfi -i testsrc=size=" + size +
+                                                " -vf format=yuv420p -frames:v 1 -c:v libopenjpeg -format jp2");
+    case Reference::FFmpeg444:
+        return orvo::test::ffmpegFile(name, "-f lavfi -i testsrc=size=" + size +
+                                                " -vf format=yuv444p -frames:v 1 -c:v libopenjpeg -format jp2");
+    case Reference::OpjRgb:
+    case Reference::OpjGrey: {
+        const bool rgb = f.reference == Reference::OpjRgb;
+        const QString source = orvo::test::ffmpegFile(
+            name + (rgb ? ".ppm" : ".pgm"),
+            "-f lavfi -i testsrc=size=" + size + " -frames:v 1 -pix_fmt " + (rgb ? "rgb24" : "gray"));
+        const QString out = camera_test::dataPath(name);
+        if (!source.isEmpty() && QFileInfo(out).size() == 0)
+            camera_test::run("opj_compress", {"-i", source, "-o", out});
+        return out;
+    }
+    }
+    return QString();
+}
+
+int reduced(int size, int level) { return (size + (1 << level) - 1) >> level; }
+
+// The reference picture at `level` as 4:2:2 planes.
+std::vector<Plane> referencePlanes(const J2kFile& f, const QString& path, int level)
+{
+    const int w = reduced(f.width, level), h = reduced(f.height, level), cw = (w + 1) / 2;
+    std::vector<Plane> planes(3);
+    planes[0] = {w, h, std::vector<int>(size_t(w) * h)};
+    planes[1] = planes[2] = {cw, h, std::vector<int>(size_t(cw) * h)};
+
+    if (f.reference == Reference::FFmpeg420 || f.reference == Reference::FFmpeg444) {
+        const bool sub = f.reference == Reference::FFmpeg420;
+        const QByteArray raw = camera_test::run(
+            "ffmpeg", {"-nostdin", "-loglevel", "error", "-lowres", QString::number(level), "-i", path, "-f",
+                       "rawvideo", "-pix_fmt", sub ? "yuv420p" : "yuv444p", "-"});
+        const int sw = sub ? cw : w, sh = sub ? (h + 1) / 2 : h;
+        if (raw.size() != w * h + 2 * sw * sh) {
+            ADD_FAILURE() << "reference of " << raw.size() << " bytes for " << w << "x" << h;
+            return {};
+        }
+        const auto* p = reinterpret_cast<const uchar*>(raw.constData());
+        for (int i = 0; i < w * h; ++i)
+            planes[0].samples[size_t(i)] = p[i];
+        for (int c = 1; c <= 2; ++c) {
+            const uchar* src = p + w * h + (c - 1) * sw * sh;
+            for (int y = 0; y < h; ++y)
+                for (int x = 0; x < cw; ++x)
+                    planes[size_t(c)].samples[size_t(y) * cw + x] =
+                        sub ? src[(y / 2) * sw + x]
+                            : (src[y * sw + 2 * x] + src[y * sw + std::min(2 * x + 1, w - 1)] + 1) / 2;
+        }
+        return planes;
+    }
+
+    const bool rgb = f.reference == Reference::OpjRgb;
+    const QString out = camera_test::dataPath(QString("%1.r%2.%3").arg(f.name).arg(level).arg(rgb ? "ppm" : "pgm"));
+    camera_test::run("opj_decompress", {"-i", path, "-o", out, "-r", QString::number(level), "-quiet"});
+    const camera_test::Pnm pnm = camera_test::readPnm(out);
+    if (!pnm.valid() || pnm.width != w || pnm.height != h) {
+        ADD_FAILURE() << "opj_decompress gave " << pnm.width << "x" << pnm.height << " for " << w << "x" << h;
+        return {};
+    }
+    const auto* p = reinterpret_cast<const uchar*>(pnm.pixels.constData());
+    for (int y = 0; y < h; ++y) {
+        for (int x = 0; x < w; ++x) {
+            if (!rgb) {
+                planes[0].samples[size_t(y) * w + x] = p[y * w + x];
+                continue;
+            }
+            const uchar* px = p + (size_t(y) * w + x) * 3;
+            planes[0].samples[size_t(y) * w + x] =
+                int(std::lround(16 + (65.481 * px[0] + 128.553 * px[1] + 24.966 * px[2]) / 255.0));
+        }
+        for (int x = 0; x < cw; ++x) {
+            if (!rgb) {
+                planes[1].samples[size_t(y) * cw + x] = planes[2].samples[size_t(y) * cw + x] = 128;
+                continue;
+            }
+            const uchar* a = p + (size_t(y) * w + 2 * x) * 3;
+            const uchar* b = p + (size_t(y) * w + std::min(2 * x + 1, w - 1)) * 3;
+            const double r = (a[0] + b[0]) / 2.0, g = (a[1] + b[1]) / 2.0, bl = (a[2] + b[2]) / 2.0;
+            planes[1].samples[size_t(y) * cw + x] = int(std::lround(128 + (-37.797 * r - 74.203 * g + 112.0 * bl) / 255.0));
+            planes[2].samples[size_t(y) * cw + x] = int(std::lround(128 + (112.0 * r - 93.786 * g - 18.214 * bl) / 255.0));
+        }
+    }
+    return planes;
+}
+
+const J2kFile kFullHd{"cam_fullhd420.j2k", 1920, 1080, Reference::FFmpeg420};
+
+class Jpeg2000Levels : public ::testing::TestWithParam<J2kFile> {};
+
+TEST_P(Jpeg2000Levels, MatchesIndependentDecodeAtLevels0To3)
+{
+    const J2kFile f = GetParam();
+    const QString path = makeFile(f);
+    ASSERT_FALSE(path.isEmpty());
+    QByteArray data = camera_test::readFile(path);
+    ASSERT_GT(data.size(), 0);
+
+    DecoderJPEG2000 decoder(0);  // one decoder for all levels: the level changes in place
+    for (int level = 0; level <= 3; ++level) {
+        SCOPED_TRACE(std::string(f.name) + " level " + std::to_string(level));
+        decoder.setScaleLevel(level);
+        VideoFrame frame;
+        ASSERT_TRUE(decoder.decode(reinterpret_cast<uchar*>(data.data()), data.size(), frame, true));
+        EXPECT_EQ(frame.pixelFormat(), VideoFrame::Format_YUV422P);
+        EXPECT_EQ(frame.maximalWidth(), f.width);
+        EXPECT_EQ(frame.maximalHeight(), f.height);
+        ASSERT_EQ(frame.width(), reduced(f.width, level));
+        ASSERT_EQ(frame.height(), reduced(f.height, level));
+        ASSERT_EQ(frame.widthU(), (frame.width() + 1) / 2);
+        ASSERT_EQ(frame.heightU(), frame.height());
+
+        const std::vector<Plane> ref = referencePlanes(f, path, level);
+        ASSERT_EQ(ref.size(), 3u);
+        for (int c = 0; c < 3; ++c) {
+            const int diff = camera_test::maxDiff(camera_test::framePlane(frame, c), ref[size_t(c)]);
+            EXPECT_TRUE(diff >= 0 && diff <= 1) << "plane " << c << " differs by " << diff;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Files, Jpeg2000Levels,
+    ::testing::Values(kFullHd, J2kFile{"cam_odd420.jp2", 641, 361, Reference::FFmpeg420},
+                      J2kFile{"cam_odd444.jp2", 641, 361, Reference::FFmpeg444},
+                      J2kFile{"cam_rgb.j2k", 333, 199, Reference::OpjRgb},
+                      J2kFile{"cam_grey.jp2", 201, 150, Reference::OpjGrey}),
+    [](const ::testing::TestParamInfo<J2kFile>& info) {
+        return std::string(info.param.name).substr(4, std::string(info.param.name).find('.') - 4);
+    });
+
+TEST(Jpeg2000, FullHdPlaneSizesAndLevelsBeyondTheCodeStream)
+{
+    QByteArray data = camera_test::readFile(makeFile(kFullHd));
+    ASSERT_GT(data.size(), 0);
+    DecoderJPEG2000 decoder(1);
+    VideoFrame frame;
+    ASSERT_TRUE(decoder.decode(reinterpret_cast<uchar*>(data.data()), data.size(), frame, false));
+    ASSERT_TRUE(frame.map());
+    EXPECT_EQ(frame.mappedBytesY(), 518400);
+    EXPECT_EQ(frame.mappedBytesU(), 259200);
+    EXPECT_EQ(frame.mappedBytesV(), 259200);
+    frame.unmap();
+
+    // FFmpeg's encoder writes 6 resolutions: level 5 is the smallest, higher levels give it too.
+    decoder.setScaleLevel(9);
+    ASSERT_TRUE(decoder.decode(reinterpret_cast<uchar*>(data.data()), data.size(), frame, false));
+    EXPECT_EQ(frame.width(), 60);
+    EXPECT_EQ(frame.height(), 34);
+    EXPECT_EQ(frame.maximalWidth(), 1920);
+    decoder.setScaleLevel(-2);
+    ASSERT_TRUE(decoder.decode(reinterpret_cast<uchar*>(data.data()), data.size(), frame, false));
+    EXPECT_EQ(frame.width(), 1920);
+}
+
+TEST(Jpeg2000, HostileInputFailsWithoutTouchingMemoryOutsideThePlanes)
+{
+    const QByteArray good = camera_test::readFile(makeFile({"cam_odd420.jp2", 641, 361, Reference::FFmpeg420}));
+    ASSERT_GT(good.size(), 1000);
+    DecoderJPEG2000 decoder(1);
+    VideoFrame untouched(8, 8, VideoFrame::Format_YUV420P, orvo::defaultBufferProperties);
+
+    auto decode = [&](QByteArray bytes, VideoFrame& frame) {
+        return decoder.decode(reinterpret_cast<uchar*>(bytes.data()), bytes.size(), frame, false);
+    };
+
+    // Not JPEG 2000 at all, or nothing: the size query fails and the frame stays as it was.
+    for (const QByteArray& junk : {QByteArray(), QByteArray("\xff\x4f"), QByteArray(5000, '\x5a'), good.left(40)}) {
+        VideoFrame frame = untouched;
+        EXPECT_FALSE(decode(junk, frame));
+        EXPECT_TRUE(frame == untouched);
+    }
+    VideoFrame frame;
+    EXPECT_FALSE(decoder.decode(nullptr, 100, frame, false));
+
+    // Truncated code streams fail (strict decoding), at every cut.
+    for (int cut : {good.size() / 8, good.size() / 2, good.size() - 3}) {
+        VideoFrame f;
+        EXPECT_FALSE(decode(good.left(cut), f)) << "cut at " << cut;
+    }
+
+    // A header announcing a huge picture is refused before decoding.
+    QByteArray huge = camera_test::readFile(makeFile(kFullHd));
+    ASSERT_EQ(uchar(huge[2]), 0xFF);
+    ASSERT_EQ(uchar(huge[3]), 0x51);  // SIZ: Xsiz at offset 8, Ysiz at 12
+    for (int i : {8, 12}) {
+        huge[i] = 0;
+        huge[i + 1] = char(0xEA);
+        huge[i + 2] = 0x60;
+        huge[i + 3] = 0;
+    }
+    VideoFrame hugeFrame = untouched;
+    EXPECT_FALSE(decode(huge, hugeFrame));
+    EXPECT_TRUE(hugeFrame == untouched);
+
+    // Damaged bytes in the tile data: whatever the outcome, no memory error (ASan) and a
+    // picture of the right size when it succeeds.
+    for (int step : {7, 97, 1001}) {
+        QByteArray damaged = good;
+        for (int i = 200; i < damaged.size(); i += step)
+            damaged[i] = char(damaged[i] ^ 0x5C);
+        VideoFrame f;
+        if (decode(damaged, f))
+            EXPECT_EQ(f.width(), 321);
+    }
+
+    // The decoder still works after all that.
+    VideoFrame ok;
+    EXPECT_TRUE(decode(good, ok));
+    EXPECT_EQ(ok.width(), 321);
+}
+
+TEST(Jpeg2000, LibraryReplacesPlanesThatAreTooSmall)
+{
+    const QByteArray data = camera_test::readFile(makeFile({"cam_odd420.jp2", 641, 361, Reference::FFmpeg420}));
+    aj2k_handle* h = nullptr;
+    ASSERT_EQ(aj2k_initjp2(&h, AJ2K_INIT_STRICT), 0);
+    std::unique_ptr<aj2k_handle, void (*)(aj2k_handle*)> guard(h, aj2k_deinitjp2);
+    int w = 0, ht = 0, comps = 0;
+    const auto* bytes = reinterpret_cast<const uchar*>(data.constData());
+    ASSERT_EQ(aj2k_jp2memgetdims(h, bytes, data.size(), AJ2K_INPUT_AUTO, &w, &ht, &comps), 0);
+    EXPECT_EQ(w, 641);
+    EXPECT_EQ(ht, 361);
+    EXPECT_EQ(comps, 3);
+    EXPECT_NE(aj2k_jp2memgetdims(h, bytes, data.size(), AJ2K_INPUT_J2K, &w, &ht, &comps), 0);  // a JP2 file
+    EXPECT_EQ(w, 0);
+    EXPECT_STRNE(aj2k_lasterror(h), "");
+
+    // Level 1 of 641 x 361 is 321 x 181: larger than planes sized 320 x 180 by halving.
+    unsigned char* y = new unsigned char[1];
+    unsigned char* u = nullptr;
+    unsigned char* v = new unsigned char[320 * 180 / 2];
+    int ySize = 1, uSize = 0, vSize = 320 * 180 / 2, yBpl = 0, uBpl = 0, vBpl = 0, ow = 0, oh = 0;
+    ASSERT_EQ(aj2k_jp2memtoraw_splanes(h, bytes, data.size(), AJ2K_INPUT_AUTO, &y, &ySize, &yBpl, &u, &uSize, &uBpl,
+                                       &v, &vSize, &vBpl, &ow, &oh, 1, 8),
+              0);
+    EXPECT_EQ(ow, 321);
+    EXPECT_EQ(oh, 181);
+    EXPECT_GE(yBpl, 321);
+    EXPECT_GE(uBpl, 161);
+    EXPECT_GE(ySize, yBpl * oh);
+    EXPECT_GE(uSize, uBpl * oh);
+    EXPECT_GE(vSize, vBpl * oh);
+    EXPECT_NE(aj2k_jp2memtoraw_splanes(h, bytes, data.size(), AJ2K_INPUT_AUTO, &y, &ySize, &yBpl, &u, &uSize, &uBpl,
+                                       &v, &vSize, &vBpl, &ow, &oh, 1, 16),
+              0);  // only 8-bit output
+    EXPECT_EQ(ow, 0);
+    delete[] y;
+    delete[] u;
+    delete[] v;
+}
+
+}  // namespace

@@ -1,0 +1,165 @@
+// JPEG through Qt's reader (payloads with a 384-byte header), and the four camera decoders
+// reached through the dispatcher with default and switched preferences.
+#include "camera/camera_test_support.h"
+#include "orvo/decoder_jpeg.h"
+#include "orvo/decoder_jpeg2000.h"
+#include "orvo/decoder_mxpeg.h"
+#include "orvo/decoder_preferences.h"
+#include "orvo/decoder_wavelet.h"
+
+#include <QBuffer>
+#include <QImage>
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+using orvo::DecoderJPEG;
+using orvo::DecoderPreferences;
+using orvo::VideoFrame;
+
+namespace {
+
+// A smooth colour picture (red along x, blue along y) saved as JPEG by Qt's libjpeg.
+QByteArray gradientJpeg(int w, int h)
+{
+    QImage img(w, h, QImage::Format_RGB32);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x)
+            img.setPixel(x, y, qRgb(20 + 200 * x / w, 90, 230 - 200 * y / h));
+    QByteArray out;
+    QBuffer buffer(&out);
+    buffer.open(QIODevice::WriteOnly);
+    EXPECT_TRUE(img.save(&buffer, "JPEG", 95));
+    return out;
+}
+
+QByteArray header384()
+{
+    QByteArray h(384, '\0');
+    for (int i = 0; i < h.size(); ++i)
+        h[i] = char(i * 7 % 251);  // no FF D8 pair
+    return h;
+}
+
+
+bool decodeJpeg(DecoderJPEG& d, QByteArray bytes, VideoFrame& frame)
+{
+    return d.decode(reinterpret_cast<uchar*>(bytes.data()), bytes.size(), frame, false);
+}
+
+TEST(JpegThroughQt, FillsAYuv420FrameMatchingTheJpegsDecode)
+{
+    const int w = 97, h = 61;
+    const QByteArray jpeg = gradientJpeg(w, h);
+    QImage ref;
+    ASSERT_TRUE(ref.loadFromData(jpeg, "JPEG"));
+    ref = ref.convertToFormat(QImage::Format_RGB32);
+
+    DecoderJPEG decoder;
+    camera_test::MessageCatcher messages;
+    for (const QByteArray& junk : {QByteArray(), QByteArray("\x00\xff\x00", 3)}) {
+        VideoFrame frame;
+        ASSERT_TRUE(decodeJpeg(decoder, header384() + junk + jpeg, frame));
+        ASSERT_EQ(frame.pixelFormat(), VideoFrame::Format_YUV420P);
+        ASSERT_EQ(frame.width(), w);
+        ASSERT_EQ(frame.height(), h);
+        const camera_test::Plane y = camera_test::framePlane(frame, 0);
+        const camera_test::Plane u = camera_test::framePlane(frame, 1);
+        const camera_test::Plane v = camera_test::framePlane(frame, 2);
+        int worstY = 0, worstC = 0;
+        for (int r = 0; r < h; ++r)
+            for (int c = 0; c < w; ++c) {
+                const QRgb p = ref.pixel(c, r);
+                const double ey = 16 + (65.481 * qRed(p) + 128.553 * qGreen(p) + 24.966 * qBlue(p)) / 255.0;
+                worstY = std::max(worstY, int(std::abs(y.at(c, r) - ey) + 0.5));
+                const double eu = 128 + (-37.797 * qRed(p) - 74.203 * qGreen(p) + 112.0 * qBlue(p)) / 255.0;
+                const double ev = 128 + (112.0 * qRed(p) - 93.786 * qGreen(p) - 18.214 * qBlue(p)) / 255.0;
+                worstC = std::max(worstC, int(std::abs(u.at(c / 2, r / 2) - eu) + 0.5));
+                worstC = std::max(worstC, int(std::abs(v.at(c / 2, r / 2) - ev) + 0.5));
+            }
+        EXPECT_LE(worstY, 1);
+        EXPECT_LE(worstC, 3);
+    }
+    EXPECT_TRUE(messages.contains("found i= 0"));
+    EXPECT_TRUE(messages.contains("found i= 3"));
+
+    // Nothing after the header, or no JPEG in it: false and the frame stays.
+    VideoFrame untouched(4, 4, VideoFrame::Format_YUV420P, orvo::defaultBufferProperties);
+    for (const QByteArray& bad : {header384(), header384().left(100), header384() + QByteArray(3000, '\x42'),
+                                  header384() + QByteArray(4000, '\xff').replace(1, 1, "\xd8")}) {
+        VideoFrame frame = untouched;
+        EXPECT_FALSE(decodeJpeg(decoder, bad, frame));
+        EXPECT_TRUE(frame == untouched);
+    }
+    // Many SOI markers in junk: tried one by one, each failing quickly.
+    QByteArray sois = header384();
+    for (int i = 0; i < 2000; ++i)
+        sois += QByteArray("\xff\xd8", 2);
+    VideoFrame frame;
+    EXPECT_FALSE(decodeJpeg(decoder, sois, frame));
+}
+
+class Preferences : public ::testing::Test {
+protected:
+    void TearDown() override
+    {
+        DecoderPreferences::instance()->useMxPEGNative(mxpeg_);
+        DecoderPreferences::instance()->decodeMJPEGThroughQImage(jpeg_);
+    }
+    bool mxpeg_ = DecoderPreferences::instance()->isUsedMxPEGNative();
+    bool jpeg_ = DecoderPreferences::instance()->isDecodeMJPEGThroughQImage();
+};
+
+TEST_F(Preferences, CameraDecodersThroughTheDispatcher)
+{
+    // JPEG 2000: the level changes in place.
+    QByteArray j2k = camera_test::readFile(orvo::test::ffmpegFile(
+        "cam_disp.j2k", "-f lavfi -i testsrc2=size=640x360 -frames:v 1 -pix_fmt yuv420p -c:v libopenjpeg -format j2k"));
+    Decoder d;
+    ASSERT_TRUE(d.init('r', 0));
+    const auto held = d.formatDecoder();
+    ASSERT_TRUE(dynamic_cast<orvo::DecoderJPEG2000*>(held.data()));
+    VideoFrame frame;
+    ASSERT_TRUE(d.decode(reinterpret_cast<uchar*>(j2k.data()), j2k.size(), frame, true));
+    EXPECT_EQ(frame.width(), 640);
+    ASSERT_TRUE(d.init('r', 2));
+    EXPECT_EQ(d.formatDecoder(), held);
+    ASSERT_TRUE(d.decode(reinterpret_cast<uchar*>(j2k.data()), j2k.size(), frame, true));
+    EXPECT_EQ(frame.width(), 160);
+    EXPECT_EQ(frame.height(), 90);
+    EXPECT_EQ(frame.maximalWidth(), 640);
+    EXPECT_EQ(frame.maximalHeight(), 360);
+
+    // Wavelet 'p' at level 1.
+    const auto fields = orvo::test::demuxVideo(orvo::test::ffmpegFile(
+        "cam_disp.drc", "-f lavfi -i testsrc=size=720x288 -vf format=yuv420p -frames:v 1 -c:v vc2 -b:v 6M -f dirac"));
+    ASSERT_FALSE(fields.empty());
+    QByteArray field = fields[0].data;
+    ASSERT_TRUE(d.decode('p', reinterpret_cast<uchar*>(field.data()), field.size(), frame, 1, true));
+    EXPECT_EQ(d.getFormat(), 'p');
+    EXPECT_EQ(frame.width(), 360);
+    EXPECT_EQ(frame.height(), 288);
+    EXPECT_EQ(frame.getScaleY(), 1);
+
+    // MxPEG and JPEG: FFmpeg paths by default, the native decoders when switched on.
+    QByteArray jpeg = camera_test::readFile(orvo::test::ffmpegFile(
+        "cam_disp.jpg", "-f lavfi -i testsrc2=size=320x240 -frames:v 1 -pix_fmt yuvj420p -c:v mjpeg"));
+    DecoderPreferences::instance()->useMxPEGNative(false);
+    DecoderPreferences::instance()->decodeMJPEGThroughQImage(false);
+    Decoder x('x', 0), j('j', 0);
+    EXPECT_FALSE(dynamic_cast<orvo::DecoderMXPEG*>(x.formatDecoder().data()));
+    EXPECT_FALSE(dynamic_cast<orvo::DecoderJPEG*>(j.formatDecoder().data()));
+    DecoderPreferences::instance()->useMxPEGNative(true);
+    DecoderPreferences::instance()->decodeMJPEGThroughQImage(true);
+    Decoder xn('X', 0), jn('J', 0);
+    ASSERT_TRUE(dynamic_cast<orvo::DecoderMXPEG*>(xn.formatDecoder().data()));
+    ASSERT_TRUE(dynamic_cast<orvo::DecoderJPEG*>(jn.formatDecoder().data()));
+    ASSERT_TRUE(xn.decode(reinterpret_cast<uchar*>(jpeg.data()), jpeg.size(), frame, true));
+    EXPECT_EQ(frame.width(), 320);
+    QByteArray withHeader = header384() + jpeg;
+    ASSERT_TRUE(jn.decode(reinterpret_cast<uchar*>(withHeader.data()), withHeader.size(), frame, true));
+    EXPECT_EQ(frame.width(), 320);
+    EXPECT_EQ(frame.height(), 240);
+}
+
+}  // namespace

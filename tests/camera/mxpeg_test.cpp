@@ -1,0 +1,186 @@
+// MxPEG through DecoderMXPEG and the MxPEG library: I-frames are JPEG images made by FFmpeg's
+// mjpeg encoder; P-frames are built here the way MxPEG cameras send them.
+#include "camera/camera_test_support.h"
+#include "orvo/decoder_mxpeg.h"
+#include "orvo/mxpeg.h"
+
+#include <gtest/gtest.h>
+
+using orvo::DecoderMXPEG;
+using orvo::VideoFrame;
+
+namespace {
+
+constexpr int kW = 320, kH = 240, kMbW = kW / 16, kMbH = kH / 16;
+
+QString jpegFile(const QString& name, int frameNumber)
+{
+    return orvo::test::ffmpegFile(name, QString("-f lavfi -i testsrc2=size=%1x%2:rate=25 -vf trim=start_frame=%3 "
+                                                "-frames:v 1 -pix_fmt yuvj420p -c:v mjpeg -q:v 3")
+                                            .arg(kW)
+                                            .arg(kH)
+                                            .arg(frameNumber));
+}
+
+// A P-frame carrying the first `count` macroblocks (raster order) of JPEG `b`: SOI, the COM
+// segment "MXM" with the macroblock bitmask, b's tables, b's scan, EOI - no frame header. A
+// decoder reads scan data only for the masked macroblocks, so b's unchanged scan serves.
+QByteArray pFrame(const QByteArray& b, int count)
+{
+    QByteArray out("\xff\xd8", 2);
+    const int maskBytes = (kMbW * kMbH + 7) / 8;
+    QByteArray mxm("MXM\0", 4);
+    mxm += char(kMbW & 0xff);
+    mxm += char(kMbW >> 8);
+    mxm += char(kMbH & 0xff);
+    mxm += char(kMbH >> 8);
+    mxm += QByteArray(4, '\0');
+    QByteArray mask(maskBytes, '\0');
+    for (int i = 0; i < count; ++i)
+        mask[i / 8] = char(uchar(mask[i / 8]) | (0x80 >> (i % 8)));
+    mxm += mask;
+    out += '\xff';
+    out += '\xfe';
+    out += char((mxm.size() + 2) >> 8);
+    out += char((mxm.size() + 2) & 0xff);
+    out += mxm;
+    int i = 2;
+    while (i + 4 <= b.size()) {
+        const uchar marker = uchar(b[i + 1]);
+        const int length = (uchar(b[i + 2]) << 8) | uchar(b[i + 3]);
+        if (marker == 0xDA) {
+            out += b.mid(i);  // scan header, entropy data and EOI
+            break;
+        }
+        if (marker == 0xDB || marker == 0xC4)  // quantisation and Huffman tables
+            out += b.mid(i, 2 + length);
+        i += 2 + length;
+    }
+    return out;
+}
+
+bool decode(DecoderMXPEG& d, QByteArray bytes, VideoFrame& frame)
+{
+    return d.decode(reinterpret_cast<uchar*>(bytes.data()), bytes.size(), frame, false);
+}
+
+// Packed yuv420p picture: the first `count` macroblocks from `b`, the rest from `a`.
+QByteArray mix(const QByteArray& a, const QByteArray& b, int count)
+{
+    QByteArray out = a;
+    for (int mb = 0; mb < count; ++mb) {
+        const int mx = mb % kMbW, my = mb / kMbW;
+        for (int y = 0; y < 16; ++y)
+            for (int x = 0; x < 16; ++x) {
+                const int o = (my * 16 + y) * kW + mx * 16 + x;
+                out[o] = b[o];
+            }
+        for (int c = 0; c < 2; ++c)
+            for (int y = 0; y < 8; ++y)
+                for (int x = 0; x < 8; ++x) {
+                    const int o = kW * kH + c * (kW / 2) * (kH / 2) + (my * 8 + y) * (kW / 2) + mx * 8 + x;
+                    out[o] = b[o];
+                }
+    }
+    return out;
+}
+
+TEST(MxPEG, PFramesChangeOnlyTheirMacroblocks)
+{
+    const QString pathA = jpegFile("cam_mx_a.jpg", 0), pathB = jpegFile("cam_mx_b.jpg", 20);
+    const QByteArray a = camera_test::readFile(pathA), b = camera_test::readFile(pathB);
+    ASSERT_GT(a.size(), 0);
+    ASSERT_GT(b.size(), 0);
+    const auto refA = orvo::test::ffmpegFrames(pathA, kW, kH, "yuvj420p");
+    const auto refB = orvo::test::ffmpegFrames(pathB, kW, kH, "yuvj420p");
+    ASSERT_EQ(refA.size(), 1u);
+    ASSERT_EQ(refB.size(), 1u);
+
+    camera_test::MessageCatcher messages;
+    DecoderMXPEG decoder;
+    const int count = kMbW * 3 + 7;  // three rows and a part of the fourth
+    const QByteArray p = pFrame(b, count);
+    int w = -1, h = -1;
+    xpegGetWH(const_cast<char*>(p.constData()), p.size(), &w, &h);
+    EXPECT_EQ(w, 0);
+    EXPECT_EQ(h, 0);
+
+    // A P-frame first: no picture to lay it over.
+    VideoFrame untouched(4, 4, VideoFrame::Format_YUV420P, orvo::defaultBufferProperties);
+    VideoFrame frame = untouched;
+    EXPECT_FALSE(decode(decoder, p, frame));
+    EXPECT_TRUE(frame == untouched);
+    EXPECT_TRUE(messages.contains("I need an i-frame first. This looks like a p-frame."));
+
+    VideoFrame first;
+    ASSERT_TRUE(decode(decoder, a, first));
+    EXPECT_EQ(first.pixelFormat(), VideoFrame::Format_YUV420P);
+    EXPECT_EQ(first.getScaleX(), 1);
+    EXPECT_EQ(first.getScaleY(), 1);
+    EXPECT_EQ(orvo::test::maxDiffYuv420p(first, refA[0], kW, kH), 0);
+
+    VideoFrame second;
+    ASSERT_TRUE(decode(decoder, p, second));
+    EXPECT_EQ(orvo::test::maxDiffYuv420p(second, mix(refA[0], refB[0], count), kW, kH), 0);
+    EXPECT_NE(orvo::test::maxDiffYuv420p(second, refA[0], kW, kH), 0);
+    // The first frame is a deep copy: the P-frame did not change it.
+    EXPECT_EQ(orvo::test::maxDiffYuv420p(first, refA[0], kW, kH), 0);
+
+    // Trailing bytes after the image's end are cut off; an I-frame replaces everything.
+    VideoFrame third;
+    ASSERT_TRUE(decode(decoder, b + QByteArray(37, '\x11'), third));
+    EXPECT_EQ(orvo::test::maxDiffYuv420p(third, refB[0], kW, kH), 0);
+}
+
+TEST(MxPEG, HostileInput)
+{
+    const QByteArray a = camera_test::readFile(jpegFile("cam_mx_a.jpg", 0));
+    ASSERT_GT(a.size(), 100);
+    camera_test::MessageCatcher messages;
+    DecoderMXPEG decoder;
+    VideoFrame frame;
+
+    EXPECT_FALSE(decode(decoder, QByteArray("\xff\xd9\x00\x01", 4), frame));
+    EXPECT_TRUE(messages.contains("MxPEG: Data header incorrect: ff d9"));
+    EXPECT_FALSE(decode(decoder, QByteArray(), frame));
+    EXPECT_FALSE(decode(decoder, QByteArray("\xff", 1), frame));
+    EXPECT_FALSE(decoder.decode(nullptr, 10, frame, false));
+
+    // No D9 anywhere: handed on with length 1 (footer message), then no size, no reference.
+    EXPECT_FALSE(decode(decoder, QByteArray("\xff\xd8\x00\x00\x00", 5), frame));
+    EXPECT_TRUE(messages.contains("I need an i-frame first. This looks like a p-frame."));
+
+    // Frame headers that lie: a huge size is refused; a first header smaller than the real
+    // picture gives planes too small for it, which must fail without writing past them.
+    QByteArray huge = a;
+    const int sof = huge.indexOf(QByteArray("\xff\xc0", 2));
+    ASSERT_GT(sof, 0);
+    huge[sof + 5] = char(0xFF);
+    huge[sof + 7] = char(0xFF);
+    EXPECT_FALSE(decode(decoder, huge, frame));
+    QByteArray smaller = a;
+    smaller.insert(2, QByteArray("\xff\xc0\x00\x11\x08\x00\x10\x00\x10\x03\x01\x22\x00\x02\x11\x01\x03\x11\x01", 19));
+    int w = 0, h = 0;
+    xpegGetWH(smaller.data(), smaller.size(), &w, &h);
+    EXPECT_EQ(w, 16);
+    EXPECT_FALSE(decode(decoder, smaller, frame));
+
+    // Truncated and damaged I-frames: any result, never a memory error.
+    for (int cut : {20, a.size() / 3, a.size() - 5}) {
+        DecoderMXPEG d;
+        VideoFrame f;
+        if (decode(d, a.left(cut), f))
+            EXPECT_EQ(f.width(), kW);
+    }
+    QByteArray damaged = a;
+    for (int i = 100; i < damaged.size(); i += 13)
+        damaged[i] = char(damaged[i] ^ 0x21);
+    VideoFrame f;
+    decode(decoder, damaged, f);
+    // After all of it a good I-frame decodes.
+    ASSERT_TRUE(decode(decoder, a, f));
+    EXPECT_EQ(f.width(), kW);
+    EXPECT_EQ(f.height(), kH);
+}
+
+}  // namespace
