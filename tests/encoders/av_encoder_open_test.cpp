@@ -1,0 +1,311 @@
+// Opening and closing outputs: failures and their codes, the preset file, track ends.
+#include "encoders/encoder_test_support.h"
+#include "orvo/av_encoder.h"
+
+#include <QFile>
+#include <gtest/gtest.h>
+
+#include <thread>
+
+extern "C" {
+#include <libavcodec/codec_id.h>
+}
+
+using namespace orvo;
+using namespace orvo::test;
+
+namespace {
+
+bool openVideoOnly(AVEncoder& enc, const QString& path, const char* format, unsigned int video,
+                   EncoderError& error, int width = 64, void* preset = nullptr, bool noVideo = false)
+{
+    return enc.open(path.toStdString(), format, video, width, 48, 1, 1, 400000, 0, 25, 1, 12, 0, 0, 0, 0, preset,
+                    error, noVideo);
+}
+
+std::string closeAndCaptureStderr(AVEncoder& enc)
+{
+    CaptureFd err(2);
+    enc.close();
+    return err.text();
+}
+
+const char* const kDoubleClose = "\nAVEncoder::close called on closed encoder. Double close call??\n";
+
+TEST(AVEncoderOpen, FailuresReportTheirCodeAndLeaveTheEncoderClosed)
+{
+    const QString dir = dataDir();
+    {
+        AVEncoder enc;
+        EncoderError error;
+        EXPECT_FALSE(enc.open((dir + "/none.avi").toStdString(), "", 0, 64, 48, 1, 1, 1, 0, 25, 1, 12, 0, 0, 0, 0,
+                              nullptr, error, false));
+        EXPECT_EQ(error.errorId(), EncoderError::NoCodecSpecified);
+        EXPECT_EQ(closeAndCaptureStderr(enc), kDoubleClose);
+    }
+    {
+        AVEncoder enc;
+        EncoderError error;
+        EXPECT_FALSE(openVideoOnly(enc, dir + "/novideo.avi", "", AV_CODEC_ID_MPEG4, error, 64, nullptr, true));
+        EXPECT_EQ(error.errorId(), EncoderError::CouldNotAddStream);
+        EXPECT_FALSE(enc.hasVideo());
+        EXPECT_EQ(closeAndCaptureStderr(enc), kDoubleClose);
+    }
+    {
+        // A codec without an encoder, and a size the encoder refuses.
+        AVEncoder enc;
+        EncoderError error;
+        EXPECT_FALSE(openVideoOnly(enc, dir + "/vp6.avi", "", AV_CODEC_ID_VP6, error));
+        EXPECT_EQ(error.errorId(), EncoderError::CouldNotOpenCodecs);
+        EXPECT_FALSE(openVideoOnly(enc, dir + "/zero.avi", "", AV_CODEC_ID_MPEG4, error, 0));
+        EXPECT_EQ(error.errorId(), EncoderError::CouldNotOpenCodecs);
+        EXPECT_EQ(closeAndCaptureStderr(enc), kDoubleClose);
+    }
+    {
+        AVEncoder enc;
+        EncoderError error;
+        EXPECT_FALSE(openVideoOnly(enc, "/nonexistent-dir/x.avi", "", AV_CODEC_ID_MPEG4, error));
+        EXPECT_EQ(error.errorId(), EncoderError::CouldNotOpenFile);
+        EXPECT_EQ(error.additionalInfo(), "/nonexistent-dir/x.avi");
+        EXPECT_EQ(closeAndCaptureStderr(enc), kDoubleClose);
+    }
+    {
+        // MP4 takes no 16-bit PCM: the header fails with FFmpeg's reason.
+        AVEncoder enc;
+        EncoderError error;
+        EXPECT_FALSE(enc.open((dir + "/pcm.mp4").toStdString(), "", 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
+                              AV_CODEC_ID_PCM_S16LE, 0, 8000, 1, nullptr, error, false));
+        EXPECT_EQ(error.errorId(), EncoderError::CouldNotWriteHeader);
+        EXPECT_FALSE(error.additionalInfo().empty());
+        EXPECT_EQ(closeAndCaptureStderr(enc), kDoubleClose);
+    }
+}
+
+// Recorders of several cameras run side by side, sharing the "don't care" error record.
+TEST(AVEncoderOpen, EncodersOnSeveralThreads)
+{
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([t] {
+            Encoder enc(1);
+            const std::string path = (dataDir() + "/thread" + QString::number(t) + ".avi").toStdString();
+            if (!enc.open(1, path, "", AV_CODEC_ID_MPEG4, 64, 48, 1, 1, 400000, 0, 25, 1, 12, AV_CODEC_ID_MP2, 64000,
+                          48000, 1, nullptr, ignoreEncoderError))
+                return;
+            std::vector<unsigned char> p = makePicture(64, 48, t);
+            for (int i = 0; i < 20; ++i) {
+                enc.encode(p.data(), p.data() + 64 * 48, p.data() + 64 * 48 + 32 * 24, 64, 32, 32, nullptr, 0);
+                enc.sync_audio_to_video_with_silence(false);
+            }
+            // A failing open on the shared record as well.
+            Encoder broken(1);
+            broken.open(1, "/nonexistent-dir/x.avi", "", AV_CODEC_ID_MPEG4, 64, 48, 1, 1, 1, 0, 25, 1, 12, 0, 0, 0,
+                        0, nullptr, ignoreEncoderError);
+            enc.close();
+        });
+    for (auto& t : threads)
+        t.join();
+    EXPECT_FALSE(ignoreEncoderError.hasError());
+    EXPECT_EQ(ignoreEncoderError.additionalInfo(), "");
+    for (int t = 0; t < 4; ++t) {
+        const QJsonObject probe = ffprobe(dataDir() + "/thread" + QString::number(t) + ".avi");
+        EXPECT_EQ(number(streamOfType(probe, "video"), "nb_read_frames"), 20) << t;
+        EXPECT_EQ(streamOfType(probe, "audio").value("codec_name").toString(), "mp2") << t;
+    }
+}
+
+TEST(AVEncoderOpen, UnknownExtensionFallsBackToMpeg)
+{
+    const QString path = dataDir() + "/fallback.xyz123";
+    AVEncoder enc;
+    EncoderError error;
+    CaptureFd out(1);
+    const bool ok = openVideoOnly(enc, path, "", AV_CODEC_ID_MPEG1VIDEO, error);
+    const std::string text = out.text();
+    ASSERT_TRUE(ok) << error.toString();
+    EXPECT_NE(text.find("Could not deduce output format from file extension " + path.toStdString() +
+                        " and format name  using MPEG.\n"),
+              std::string::npos)
+        << text;
+    std::vector<unsigned char> p = makePicture(64, 48, 0);
+    EXPECT_GE(enc.encode(p.data(), p.data() + 64 * 48, p.data() + 64 * 48 + 32 * 24, 64, 32, 32, nullptr, 0), 0);
+    enc.close();
+    EXPECT_EQ(streamOfType(ffprobe(path), "video").value("codec_name").toString(), "mpeg1video");
+}
+
+// 102400 keeps the container's own codecs: AVI writes MPEG-4 and MP3 (whose encoder takes
+// only planar samples, so the interleaved input is converted).
+TEST(AVEncoderOpen, AutomaticCodecsAreTheContainerDefaults)
+{
+    const QString path = dataDir() + "/auto.avi";
+    AVEncoder enc;
+    EncoderError error;
+    ASSERT_TRUE(enc.open(path.toStdString(), "", AV_CODEC_ID_PROBE, 64, 48, 1, 1, 400000, 0, 25, 1, 12,
+                         AV_CODEC_ID_PROBE, 64000, 44100, 1, nullptr, error, false))
+        << error.toString();
+    std::vector<unsigned char> p = makePicture(64, 48, 0);
+    for (int i = 0; i < 25; ++i) {
+        ASSERT_GE(enc.encode(p.data(), p.data() + 64 * 48, p.data() + 64 * 48 + 32 * 24, 64, 32, 32, nullptr, 0), 0);
+        while (enc.behindAudioSamples() >= enc.getAudioInputFrameSize()) {
+            std::vector<short> s = tone(0, enc.getAudioInputFrameSize(), 1, 44100);
+            ASSERT_GE(enc.encode_audio(s.data(), nullptr, 0), 0);
+        }
+    }
+    enc.close();
+    const QJsonObject probe = ffprobe(path);
+    EXPECT_EQ(streamOfType(probe, "video").value("codec_name").toString(), "mpeg4");
+    EXPECT_EQ(streamOfType(probe, "audio").value("codec_name").toString(), "mp3");
+    EXPECT_EQ(number(streamOfType(probe, "video"), "nb_read_frames"), 25);
+}
+
+TEST(AVEncoderOpen, ClosedEncoderRefusesWorkWithoutCrashing)
+{
+    AVEncoder enc;
+    std::vector<unsigned char> p = makePicture(64, 48, 0);
+    std::vector<short> s(4096);
+    EXPECT_EQ(enc.encode(p.data(), p.data(), p.data(), 64, 32, 32, nullptr, 0), -1);
+    EXPECT_EQ(enc.encode_audio(s.data(), nullptr, 0), -1);
+    EXPECT_EQ(enc.output_encoded_video(p.data(), 10), -1);
+    EXPECT_EQ(enc.output_encoded_video(p.data(), 0), 0);
+    EXPECT_EQ(enc.getAudioInputFrameSize(), 0);
+    EXPECT_EQ(enc.behindAudioSamples(), 0);
+    EXPECT_EQ(closeAndCaptureStderr(enc), kDoubleClose);
+
+    // After a real output was closed, a second close is reported and work is refused.
+    EncoderError error;
+    ASSERT_TRUE(openVideoOnly(enc, dataDir() + "/closed.avi", "", AV_CODEC_ID_MPEG4, error));
+    EXPECT_GE(enc.encode(p.data(), p.data() + 64 * 48, p.data() + 64 * 48 + 32 * 24, 64, 32, 32, nullptr, 0), 0);
+    EXPECT_EQ(closeAndCaptureStderr(enc), "");
+    EXPECT_EQ(closeAndCaptureStderr(enc), kDoubleClose);
+    EXPECT_EQ(enc.encode(p.data(), p.data(), p.data(), 64, 32, 32, nullptr, 0), -1);
+    EXPECT_FALSE(enc.hasVideo());
+
+    // Reopening reports the output buffer the last close left recorded.
+    CaptureFd out(1);
+    ASSERT_TRUE(openVideoOnly(enc, dataDir() + "/reopened.avi", "", AV_CODEC_ID_MPEG4, error));
+    EXPECT_NE(out.text().find("error already \n"), std::string::npos);
+    enc.close();
+}
+
+TEST(AVEncoderOpen, AudioFailureAloneIsReportedInTheAdditionalInformation)
+{
+    AVEncoder enc;
+    EncoderError error;
+    error.setAdditionalInfo("earlier");
+    // MP2 has no 12,345 Hz mode.
+    ASSERT_TRUE(enc.open((dataDir() + "/noaudio.avi").toStdString(), "", AV_CODEC_ID_MPEG4, 64, 48, 1, 1, 400000,
+                         0, 25, 1, 12, AV_CODEC_ID_MP2, 64000, 12345, 1, nullptr, error, false));
+    EXPECT_FALSE(error.hasError());
+    EXPECT_EQ(error.additionalInfo(),
+              "earlier,could not open audio encoder:reason:Audio error. additional info:Invalid argument");
+    std::vector<short> s(4096);
+    EXPECT_LT(enc.encode_audio(s.data(), nullptr, 0), 0);
+    enc.close();
+}
+
+// Real preset lines: comments, blanks before the key, values with leading blanks, and
+// options the codec does not know.
+TEST(AVEncoderPreset, PresetFileLinesBecomeCodecOptions)
+{
+    const QString preset = dataDir() + "/test.ffpreset";
+    {
+        QFile f(preset);
+        ASSERT_TRUE(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        f.write("# x264 test preset\n"
+                "  # indented comment\n"
+                "\n"
+                "   bf = 3\n"
+                "preset=ultrafast\r\n"
+                "nosuchoption=1\n"
+                "g=7\n");
+    }
+    AVEncoder::setPresetFilePath(preset.toStdString());
+    EXPECT_EQ(AVEncoder::presetFilePath(), preset.toStdString());
+    const QString path = dataDir() + "/preset.mp4";
+    AVEncoder enc;
+    EncoderError error;
+    int presetSwitch = 1;
+    CaptureFd out(1);
+    const bool ok = openVideoOnly(enc, path, "", AV_CODEC_ID_H264, error, 64, &presetSwitch);
+    const std::string text = out.text();
+    AVEncoder::setPresetFilePath(std::string());
+    ASSERT_TRUE(ok) << error.toString();
+    const std::string expected = "Encoding preset file:'" + preset.toStdString() + "'\n" + "Preset file:" +
+                                 preset.toStdString() + "\n" +
+                                 "Option:bf= 3 (valid)\n"
+                                 "Option:preset=ultrafast (valid)\n"
+                                 "Option:nosuchoption=1 (invalid)\n"
+                                 "Option:g=7 (valid)\n";
+    EXPECT_EQ(text.substr(0, expected.size()), expected) << text;
+    for (int i = 0; i < 20; ++i) {
+        std::vector<unsigned char> p = makePicture(64, 48, i);
+        EXPECT_GE(enc.encode(p.data(), p.data() + 64 * 48, p.data() + 64 * 48 + 32 * 24, 64, 32, 32, nullptr, 0), 0);
+    }
+    enc.close();
+    // bf " 3" reached the codec: the stream has B-frames (ultrafast alone has none).
+    const QJsonObject video = streamOfType(ffprobe(path), "video");
+    EXPECT_GE(video.value("has_b_frames").toInt(), 1);
+    EXPECT_EQ(number(video, "nb_read_frames"), 20);
+}
+
+TEST(AVEncoderPreset, MissingPresetFileUsesTheFiveBuiltInOptions)
+{
+    AVEncoder enc;
+    EncoderError error;
+    CaptureFd out(1);
+    const bool ok = openVideoOnly(enc, dataDir() + "/nopreset.mp4", "", AV_CODEC_ID_H264, error);
+    const std::string text = out.text();
+    ASSERT_TRUE(ok);
+    EXPECT_NE(text.find("Encoding preset file:''\n"
+                        "Encoding preset file '/usr/share/ffmpeg/libx264-lossless_ultrafast.ffpreset' does not "
+                        "exist. Use '-encoding-preset-file' option.\n"
+                        "Option:i_qfactor=0.71 (valid)\n"
+                        "Option:qcomp=0.6 (valid)\n"
+                        "Option:qmin=10 (valid)\n"
+                        "Option:qmax=51 (valid)\n"
+                        "Option:qdiff=4 (valid)\n"),
+              std::string::npos)
+        << text;
+    enc.close();
+}
+
+TEST(AVEncoderSync, TrackEndsCompareAsFractionsOfSeconds)
+{
+    AVEncoder enc;
+    EncoderError error;
+    // 16 kHz MP2 (1,152-sample frames) beside 50 pictures per second.
+    ASSERT_TRUE(enc.open((dataDir() + "/compare.avi").toStdString(), "", AV_CODEC_ID_MPEG4, 64, 48, 1, 1, 400000, 0,
+                         50, 1, 12, AV_CODEC_ID_MP2, 32000, 16000, 1, nullptr, error, false));
+    ASSERT_EQ(enc.getAudioInputFrameSize(), 1152);
+    ASSERT_EQ(enc.getAudioSampleRate(), 16000);
+    int whole = 5, num = 5, den = 5;
+    bool exact = false;
+    EXPECT_EQ(enc.compareAudioVideoPTS(whole, num, den, exact), 0);
+    EXPECT_TRUE(exact);
+    EXPECT_EQ(whole, 0);
+    EXPECT_EQ(num, 0);
+
+    std::vector<short> s = tone(0, 1152, 1, 16000);
+    for (int i = 0; i < 10; ++i)  // 0.72 s
+        ASSERT_GE(enc.encode_audio(s.data(), nullptr, 0), 0);
+    EXPECT_EQ(enc.compareAudioVideoPTS(), 1);  // audio ahead: |0| + 1
+    std::vector<unsigned char> p = makePicture(64, 48, 0);
+    for (int i = 0; i < 61; ++i)  // 1.22 s
+        ASSERT_GE(enc.encode(p.data(), p.data() + 64 * 48, p.data() + 64 * 48 + 32 * 24, 64, 32, 32, nullptr, 0), 0);
+    EXPECT_EQ(enc.compareAudioVideoPTS(whole, num, den, exact), -1);
+    EXPECT_EQ(whole, 0);
+    EXPECT_EQ(num, -1);
+    EXPECT_EQ(den, 2);
+    EXPECT_TRUE(exact);
+    EXPECT_EQ(enc.behindAudioSamples(), 8000);
+    for (int i = 0; i < 100; ++i)  // 3.22 s of video
+        ASSERT_GE(enc.encode(p.data(), p.data() + 64 * 48, p.data() + 64 * 48 + 32 * 24, 64, 32, 32, nullptr, 0), 0);
+    EXPECT_EQ(enc.compareAudioVideoPTS(whole, num, den, exact), -3);  // -(|-2| + 1)
+    EXPECT_EQ(whole, -2);
+    EXPECT_EQ(num, -1);
+    EXPECT_EQ(den, 2);
+    EXPECT_EQ(enc.behindAudioSamples(), 40000);
+    enc.close();
+}
+
+}  // namespace

@@ -1,0 +1,241 @@
+// Files written through Encoder, read back by ffprobe and the ffmpeg command line.
+#include "encoders/encoder_test_support.h"
+#include "orvo/av_encoder.h"
+#include "orvo/decoder_preferences.h"
+
+#include <QFile>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <sys/wait.h>
+
+extern "C" {
+#include <libavcodec/codec_id.h>
+}
+
+using namespace orvo;
+using namespace orvo::test;
+
+namespace {
+
+struct OutputCase {
+    const char* name;
+    const char* file;
+    const char* format;
+    unsigned int video;
+    unsigned int audio;
+    const char* videoName;  // as ffprobe names the codecs
+    const char* audioName;
+    int sampleRate;
+    int channels;
+    const char* decodePixFmt;
+    double minPsnr;
+    bool interleavedVideo;
+};
+
+std::ostream& operator<<(std::ostream& os, const OutputCase& c) { return os << c.name; }
+
+class OutputFormats : public ::testing::TestWithParam<OutputCase> {};
+
+// Pictures and sound are fed the way a recorder does: a picture, then audio frames while
+// the audio track lags; at the end the audio is padded to the video with silence.
+TEST_P(OutputFormats, StreamsAndPicturesSurviveTheRoundTrip)
+{
+    const OutputCase& c = GetParam();
+    const int width = 176, height = 144, pictures = 50, fps = 25;
+    const QString path = dataDir() + QLatin1Char('/') + QLatin1String(c.file);
+    QFile::remove(path);
+    DecoderPreferences::instance()->setUseFFMPEGEncodeAvInterleavedWriteFrame(c.interleavedVideo);
+
+    Encoder enc(1);
+    EncoderError error;
+    ASSERT_TRUE(enc.open(1, path.toStdString(), c.format, c.video, width, height, 1, 1, 2000000, 0, fps, 1, 12,
+                         c.audio, 128000, c.sampleRate, c.channels, nullptr, error))
+        << error.toString() << " " << error.additionalInfo();
+    EXPECT_FALSE(error.hasError());
+    EXPECT_TRUE(enc.isVideo());
+    EXPECT_EQ(enc.isAudio(), c.audio != 0);
+
+    std::vector<std::vector<unsigned char>> input;
+    qint64 audioSamples = 0;
+    for (int i = 0; i < pictures; ++i) {
+        input.push_back(makePicture(width, height, i));
+        ASSERT_GE(encodePicture(enc, input.back(), width, height), 0);
+        while (c.audio && enc.behindAudioSamples() >= enc.getAudioInputFrameSize()) {
+            std::vector<short> s = tone(audioSamples, enc.getAudioInputFrameSize(), c.channels, c.sampleRate);
+            ASSERT_GE(enc.encode_audio(s.data(), nullptr, 0), 0);
+            audioSamples += enc.getAudioInputFrameSize();
+        }
+    }
+    if (c.audio)
+        EXPECT_TRUE(enc.sync_audio_to_video_with_silence(true));
+    enc.close();
+    DecoderPreferences::instance()->setUseFFMPEGEncodeAvInterleavedWriteFrame(false);
+
+    const QJsonObject probe = ffprobe(path);
+    const QJsonObject video = streamOfType(probe, QStringLiteral("video"));
+    ASSERT_FALSE(video.isEmpty()) << path.toStdString();
+    EXPECT_EQ(video.value(QStringLiteral("codec_name")).toString(), QLatin1String(c.videoName));
+    EXPECT_EQ(video.value(QStringLiteral("width")).toInt(), width);
+    EXPECT_EQ(video.value(QStringLiteral("height")).toInt(), height);
+    // Every picture reached the file, including those the codec held back until close.
+    EXPECT_EQ(number(video, "nb_read_frames"), pictures);
+    const double seconds = double(pictures) / fps;
+    const double videoDuration = video.contains(QStringLiteral("duration"))
+                                     ? number(video, "duration")
+                                     : number(probe.value(QStringLiteral("format")).toObject(), "duration");
+    EXPECT_NEAR(videoDuration, seconds, 1.5 / fps);
+
+    const QJsonObject audio = streamOfType(probe, QStringLiteral("audio"));
+    if (c.audio) {
+        ASSERT_FALSE(audio.isEmpty());
+        EXPECT_EQ(audio.value(QStringLiteral("codec_name")).toString(), QLatin1String(c.audioName));
+        EXPECT_EQ(number(audio, "sample_rate"), c.sampleRate);
+        EXPECT_EQ(audio.value(QStringLiteral("channels")).toInt(), c.channels);
+        // The tone comes back at its level: the sample conversion for the codec is right.
+        const std::vector<short> pcm = ffmpegAudio(path);
+        ASSERT_GT(pcm.size(), size_t(c.sampleRate));
+        double sum = 0;
+        const size_t from = pcm.size() / 4, to = pcm.size() / 2;
+        for (size_t i = from; i < to; ++i)
+            sum += double(pcm[i]) * pcm[i];
+        EXPECT_NEAR(std::sqrt(sum / double(to - from)), 8000 / std::sqrt(2.0), 600);
+    } else {
+        EXPECT_TRUE(audio.isEmpty());
+    }
+
+    const std::vector<QByteArray> decoded =
+        ffmpegFrames(path, width, height, QLatin1String(c.decodePixFmt), QStringLiteral("-fps_mode passthrough"));
+    ASSERT_EQ(decoded.size(), input.size());
+    double worst = 99;
+    for (size_t i = 0; i < decoded.size(); ++i)
+        worst = std::min(worst, psnrY(reinterpret_cast<const unsigned char*>(decoded[i].constData()),
+                                      input[i].data(), width, height));
+    EXPECT_GT(worst, c.minPsnr);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Containers, OutputFormats,
+    ::testing::Values(
+        OutputCase{"H264_AAC_MP4", "out_h264_aac.mp4", "", AV_CODEC_ID_H264, AV_CODEC_ID_AAC, "h264", "aac", 48000, 2,
+                   "yuv420p", 35, true},
+        OutputCase{"MPEG4_MP2_AVI", "out_mpeg4_mp2.avi", "", AV_CODEC_ID_MPEG4, AV_CODEC_ID_MP2, "mpeg4", "mp2",
+                   48000, 1, "yuv420p", 30, false},
+        OutputCase{"MJPEG_MOV", "out_mjpeg.mov", "mov", AV_CODEC_ID_MJPEG, 0, "mjpeg", "", 0, 0, "yuvj420p", 30,
+                   false},
+        OutputCase{"MPEG2_MP2_PS", "out_mpeg2_mp2.mpg", "mpeg", AV_CODEC_ID_MPEG2VIDEO, AV_CODEC_ID_MP2,
+                   "mpeg2video", "mp2", 48000, 1, "yuv420p", 30, false}),
+    [](const ::testing::TestParamInfo<OutputCase>& info) { return std::string(info.param.name); });
+
+// Ten seconds of pictures with the sound 1.5 frames short: padding with silence brings
+// the two tracks of the file within one audio frame of each other.
+TEST(AudioVideoSync, SilencePadsAudioToVideo)
+{
+    const int width = 160, height = 120, fps = 25, pictures = 10 * fps, rate = 48000;
+    const QString path = dataDir() + QStringLiteral("/sync.mp4");
+    QFile::remove(path);
+    Encoder enc(1);
+    EncoderError error;
+    ASSERT_TRUE(enc.open(1, path.toStdString(), "", AV_CODEC_ID_H264, width, height, 1, 1, 300000, 0, fps, 1, 25,
+                         AV_CODEC_ID_AAC, 64000, rate, 1, nullptr, error))
+        << error.toString();
+    std::vector<unsigned char> picture = makePicture(width, height, 0);
+    for (int i = 0; i < pictures; ++i)
+        ASSERT_GE(encodePicture(enc, picture, width, height), 0);
+    const int frame = enc.getAudioInputFrameSize();
+    ASSERT_EQ(frame, 1024);
+    const qint64 videoSamples = qint64(pictures) * rate / fps;
+    const qint64 frames = (videoSamples - frame * 3 / 2) / frame;
+    for (qint64 f = 0; f < frames; ++f) {
+        std::vector<short> s = tone(f * frame, frame, 1, rate);
+        ASSERT_GE(enc.encode_audio(s.data(), nullptr, 0), 0);
+    }
+    const qint64 behind = enc.behindAudioSamples();
+    EXPECT_EQ(behind, videoSamples - frames * frame);
+    EXPECT_GT(behind, frame);
+    double seconds = 0;
+    EXPECT_EQ(enc.compareAudioVideoPTS(seconds), -1);
+    EXPECT_NEAR(seconds, -double(behind) / rate, 1e-9);
+
+    EXPECT_TRUE(enc.sync_audio_to_video_with_silence(true));
+    EXPECT_LE(enc.behindAudioSamples(), 0);
+    EXPECT_GT(enc.behindAudioSamples(), -frame);
+    enc.close();
+
+    const QJsonObject probe = ffprobe(path);
+    const double v = number(streamOfType(probe, QStringLiteral("video")), "duration");
+    const double a = number(streamOfType(probe, QStringLiteral("audio")), "duration");
+    EXPECT_NEAR(v, 10.0, 1e-6);
+    EXPECT_LT(std::abs(a - v), double(frame) / rate) << "audio " << a << " video " << v;
+}
+
+// A fragmented MP4 stays readable when the recording process dies before close().
+TEST(FragmentedMp4, ReadableAfterTheProcessIsKilled)
+{
+    const int width = 160, height = 120;
+    const QString path = dataDir() + QStringLiteral("/killed.mp4");
+    QFile::remove(path);
+    std::fflush(nullptr);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        auto* backend = new AVEncoder;
+        backend->setMuxerOption("movflags", "frag_keyframe+empty_moov");
+        backend->setMuxerOption("flush_packets", "1");
+        Encoder enc;
+        enc.setBackend(backend);
+        bool ok = enc.open(1, path.toStdString(), "", AV_CODEC_ID_MPEG4, width, height, 1, 1, 500000, 0, 25, 1,
+                           10, 0, 0, 0, 0, nullptr, ignoreEncoderError);
+        for (int i = 0; ok && i < 60; ++i) {
+            std::vector<unsigned char> p = makePicture(width, height, i);
+            encodePicture(enc, p, width, height);
+        }
+        ::raise(SIGKILL);
+        ::_exit(3);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status));
+    const QJsonObject video = streamOfType(ffprobe(path), QStringLiteral("video"));
+    ASSERT_FALSE(video.isEmpty());
+    EXPECT_EQ(video.value(QStringLiteral("codec_name")).toString(), QStringLiteral("mpeg4"));
+    EXPECT_GE(number(video, "nb_read_frames"), 50);
+}
+
+}  // namespace
+
+namespace {
+
+// Packets copied out through the caller's buffer and written by a second encoder with
+// output_encoded_video make a file that decodes to the same pictures.
+TEST(PassThrough, EncodedPacketsAreWrittenAsTheyAre)
+{
+    const int width = 96, height = 64, pictures = 20;
+    const QString source = dataDir() + QStringLiteral("/source.avi");
+    const QString copy = dataDir() + QStringLiteral("/passthrough.avi");
+    Encoder a(1), b(1);
+    EncoderError error;
+    ASSERT_TRUE(a.open(1, source.toStdString(), "", AV_CODEC_ID_MPEG4, width, height, 1, 1, 800000, 0, 25, 1, 10, 0,
+                       0, 0, 0, nullptr, error));
+    ASSERT_TRUE(b.open(1, copy.toStdString(), "", AV_CODEC_ID_MPEG4, width, height, 1, 1, 800000, 0, 25, 1, 10, 0,
+                       0, 0, 0, nullptr, error));
+    std::vector<unsigned char> out(1 << 20);
+    for (int i = 0; i < pictures; ++i) {
+        std::vector<unsigned char> p = makePicture(width, height, i);
+        const int cw = width / 2;
+        const int size = a.encode(p.data(), p.data() + width * height, p.data() + width * height + cw * height / 2,
+                                  width, cw, cw, out.data(), int(out.size()));
+        ASSERT_GT(size, 0);  // MPEG-4 without B-frames: one packet per picture
+        EXPECT_EQ(b.output_encoded_video(out.data(), size), size);
+    }
+    EXPECT_EQ(b.output_encoded_video(out.data(), 0), 0);
+    a.close();
+    b.close();
+    const std::vector<QByteArray> original = ffmpegFrames(source, width, height);
+    const std::vector<QByteArray> passed = ffmpegFrames(copy, width, height);
+    ASSERT_EQ(original.size(), size_t(pictures));
+    EXPECT_EQ(passed, original);
+    EXPECT_NEAR(number(streamOfType(ffprobe(copy), QStringLiteral("video")), "duration"), pictures / 25.0, 0.041);
+}
+
+}  // namespace

@@ -1,0 +1,167 @@
+// The facade without and with a backend, silence padding, the error record.
+#include "encoders/encoder_test_support.h"
+#include "encoders/fake_backend.h"
+#include "orvo/av_encoder.h"
+
+#include <gtest/gtest.h>
+
+using namespace orvo;
+using namespace orvo::test;
+
+namespace {
+
+TEST(EncoderError, CodesMessagesAndReset)
+{
+    const std::pair<int, const char*> table[] = {
+        {0, "No error."},
+        {1, "Could not find a suitable output format."},
+        {2, "Memory allocation error."},
+        {3, "Neither video nor audio codec specified."},
+        {4, "Could not add audio or video stream."},
+        {5, "Invalid output format parameters."},
+        {6, "Neither video nor audio could be opened."},
+        {7, "Could not open file for writing."},
+        {8, "Could not write header."},
+        {900, "Audio error."},
+        {901, "Audio could not be opened."},
+        {9, "Unknown Error"},
+        {42, "Unknown Error"},
+        {899, "Unknown Error"},
+        {-1, "Unknown Error"},
+    };
+    for (const auto& [code, message] : table) {
+        EncoderError e;
+        e.setErrorId(static_cast<EncoderError::ErrorCode>(code));
+        EXPECT_EQ(e.toString(), message) << code;
+        EXPECT_EQ(e.hasError(), code != 0);
+    }
+    EncoderError e;
+    EXPECT_FALSE(e.hasError());
+    EXPECT_EQ(e.additionalInfo(), "");
+    e.setErrorId(EncoderError::CouldNotOpenFile);
+    e.setAdditionalInfo("/tmp/x.avi");
+    EncoderError copy(e);
+    e.reset();
+    EXPECT_FALSE(e.hasError());
+    EXPECT_EQ(e.additionalInfo(), "/tmp/x.avi");
+    EXPECT_EQ(copy.errorId(), EncoderError::CouldNotOpenFile);
+    copy = copy;
+    EXPECT_EQ(copy.additionalInfo(), "/tmp/x.avi");
+    EXPECT_EQ(EncoderError::tr("No error.").toStdString(), "No error.");
+}
+
+TEST(Encoder, WithoutBackendGivesFixedResults)
+{
+    Encoder enc;
+    std::vector<short> s(16);
+    unsigned char b[4] = {};
+    double seconds = 7.5;
+    int w = 1, n = 2, d = 3;
+    bool exact = false;
+    CaptureFd out(1);
+    EXPECT_EQ(enc.encode(b, b, b, 1, 1, 1, nullptr, 0), -1);
+    EXPECT_EQ(enc.output_encoded_video(b, 4), -1);
+    EXPECT_EQ(enc.engine_id(), -1);
+    EXPECT_EQ(enc.encode_audio(s.data(), nullptr, 0), 0);
+    EXPECT_EQ(enc.encode_audio(s.data(), 16, nullptr, 0), 0);
+    EXPECT_FALSE(enc.isAudio());
+    EXPECT_FALSE(enc.isVideo());
+    enc.close();
+    EXPECT_EQ(enc.behindAudioSamples(), 0);
+    EXPECT_EQ(enc.compareAudioVideoPTS(), 0);
+    EXPECT_EQ(enc.compareAudioVideoPTS(seconds), 0);
+    EXPECT_EQ(enc.compareAudioVideoPTS(w, n, d, exact), 0);
+    EXPECT_EQ(enc.getAudioInputFrameSize(), 0);
+    EXPECT_EQ(enc.getAudioSampleRate(), 0);
+    EXPECT_FALSE(enc.encode_silence(10000));
+    EXPECT_FALSE(enc.sync_audio_to_video_with_silence(true));
+    EXPECT_EQ(out.text(),
+              "Encoder::encode: Encoder not initialized.\n"
+              "Encoder::output_encoded_video: Encoder not initialized.\n"
+              "Encoder::engine_id: Encoder not initialized.\n");
+    EXPECT_EQ(seconds, 7.5);
+    EXPECT_EQ(w, 1);
+    EXPECT_EQ(n, 2);
+    EXPECT_EQ(d, 3);
+}
+
+TEST(Encoder, InitByEngineNumber)
+{
+    Encoder enc;
+    EXPECT_FALSE(enc.init(2));
+    EXPECT_FALSE(enc.init(-1));
+    EXPECT_EQ(enc.getBackend(), nullptr);
+
+    int destroyed = 0;
+    auto* fake = new FakeBackend(1152, 48000, &destroyed);
+    enc.setBackend(fake);
+    EXPECT_FALSE(enc.init(2));
+    EXPECT_TRUE(enc.init(1));  // engine 1 matches: kept
+    EXPECT_EQ(enc.getBackend(), fake);
+    EXPECT_EQ(destroyed, 0);
+    EXPECT_TRUE(enc.init(0));  // engine 0 never matches: replaced by a fresh AVEncoder
+    EXPECT_EQ(destroyed, 1);
+    EXPECT_NE(dynamic_cast<AVEncoder*>(enc.getBackend()), nullptr);
+    EXPECT_EQ(enc.engine_id(), 1);
+
+    // open with an engine the facade does not know, on an empty facade.
+    Encoder empty;
+    CaptureFd out(1);
+    EXPECT_FALSE(empty.open(7, "x.avi", "", 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, nullptr, ignoreEncoderError));
+    EXPECT_EQ(out.text(), "init(7) failed\n");
+
+    // Copies share one backend, deleted once by the last owner.
+    int gone = 0;
+    {
+        Encoder a;
+        a.setBackend(new FakeBackend(1152, 48000, &gone));
+        Encoder b;
+        b = a;
+        EXPECT_EQ(a.getBackend(), b.getBackend());
+        a.setBackend(nullptr);
+        EXPECT_EQ(gone, 0);
+        EXPECT_EQ(b.getAudioInputFrameSize(), 1152);
+    }
+    EXPECT_EQ(gone, 1);
+}
+
+TEST(Encoder, EncodeSilenceCountsWholeFrames)
+{
+    Encoder enc;
+    auto* fake = new FakeBackend(1152, 48000);
+    enc.setBackend(fake);
+    EXPECT_FALSE(enc.encode_silence(1151));
+    EXPECT_TRUE(fake->frames.empty());
+    EXPECT_TRUE(enc.encode_silence(2 * 1152 + 5));
+    ASSERT_EQ(fake->frames.size(), 2u);
+    for (const auto& frame : fake->contents)
+        for (short v : frame)
+            ASSERT_EQ(v, 0);
+    fake->audio = false;
+    EXPECT_FALSE(enc.encode_silence(5000));
+    EXPECT_FALSE(enc.sync_audio_to_video_with_silence(true));
+}
+
+TEST(Encoder, SyncPadsTheMissingFrames)
+{
+    for (bool pad : {true, false}) {
+        Encoder enc;
+        auto* fake = new FakeBackend(1152, 48000);
+        enc.setBackend(fake);
+        fake->videoEnd = 1152 * 3 / 2;  // audio 1.5 frames behind
+        EXPECT_TRUE(enc.sync_audio_to_video_with_silence(pad));
+        EXPECT_EQ(fake->frames.size(), pad ? 2u : 1u);
+    }
+    Encoder enc;
+    auto* fake = new FakeBackend(1152, 48000);
+    enc.setBackend(fake);
+    fake->videoEnd = 1152 * 3;  // exactly three frames: no partial frame to pad
+    EXPECT_TRUE(enc.sync_audio_to_video_with_silence(true));
+    EXPECT_EQ(fake->frames.size(), 3u);
+    EXPECT_EQ(enc.behindAudioSamples(), 0);
+    double seconds = 1;
+    EXPECT_EQ(enc.compareAudioVideoPTS(seconds), 0);
+    EXPECT_EQ(seconds, 0);
+}
+
+}  // namespace
