@@ -1,0 +1,82 @@
+#include "async/decode_scheduler.h"
+
+#include <QThreadPool>
+#include <QTime>
+
+namespace orvo {
+
+QSharedPointer<DecodeScheduler> DecodeScheduler::instance()
+{
+    static QSharedPointer<DecodeScheduler> scheduler = QSharedPointer<DecodeScheduler>::create();
+    return scheduler;
+}
+
+void DecodeScheduler::schedule(const WeakAsyncDecoder& decoder, const void* owner, const Image& image, int holdMs)
+{
+    auto entry = QSharedPointer<ScheduledImage>::create();
+    entry->decoder = decoder;
+    entry->owner = owner;
+    entry->image = WeakImage(image);
+    entry->imageId = image.id();
+    entry->queuedAtMs = QTime::currentTime().msecsSinceStartOfDay();
+    entry->holdMs = holdMs;
+    list_.append(entry);
+}
+
+void DecodeScheduler::forget(const void* owner)
+{
+    for (int i = list_.size() - 1; i >= 0; --i) {
+        if (list_.at(i)->owner == owner)
+            list_.removeAt(i);
+    }
+}
+
+int DecodeScheduler::submit()
+{
+    // Starting a job never emits, so submit() is not re-entered; guard anyway, since a
+    // nested walk would invalidate the outer one.
+    if (submitting_)
+        return 0;
+    submitting_ = true;
+    QThreadPool* pool = QThreadPool::globalInstance();
+    int count = 0;
+    while (!list_.isEmpty()) {
+        const int active = pool->activeThreadCount();
+        const int max = pool->maxThreadCount();
+        if (active >= max && inFlight_ > qMax(1, max / 2)) {
+            count = 0;
+            break;
+        }
+        // The oldest entry whose decoder is alive and idle; dead entries are dropped,
+        // busy decoders keep their place.
+        QSharedPointer<SignaledAsyncDecoderInterface> decoder;
+        Image image;
+        int i = 0;
+        while (i < list_.size()) {
+            const QSharedPointer<ScheduledImage>& entry = list_.at(i);
+            decoder = entry->decoder.toStrongRef();
+            image = entry->image.toStrong();
+            if (!decoder || image.isNull()) {
+                list_.removeAt(i);
+                continue;
+            }
+            if (decoder->isBusy()) {
+                ++i;
+                continue;
+            }
+            break;
+        }
+        if (i >= list_.size())
+            break;
+        list_.removeAt(i);
+        auto* scheduled = qobject_cast<ScheduledAsyncDecoderInterface*>(decoder.data());
+        if (scheduled && scheduled->decodeScheduledImage(image) > 0) {
+            ++inFlight_;
+            ++count;
+        }
+    }
+    submitting_ = false;
+    return count;
+}
+
+}  // namespace orvo

@@ -1,0 +1,70 @@
+#pragma once
+// The decode job and the per-stream decoding slot of the pooled decoder.
+#include "orvo/decoder.h"
+#include "orvo/decoder_error.h"
+#include "orvo/image.h"
+#include "orvo/video_frame.h"
+
+#include <QFuture>
+#include <QSharedPointer>
+#include <atomic>
+
+class QThread;
+
+namespace orvo {
+
+// A Decoder that runs one image at a time as a pool job. One job per object at a time:
+// the owner starts a job only after the previous one finished.
+//
+// Hand-off: the owner calls prepareJob() before starting a job and reads lastError()/
+// takeResult()/workerThread() only after the job's future reports finished. The two
+// atomics make that ordering explicit (Qt's own future locking is invisible to race
+// checkers); everything else of the object is touched by one side at a time.
+class ImageDecoder : public Decoder {
+public:
+    ImageDecoder() = default;
+    virtual ~ImageDecoder();
+
+    using Decoder::decode;
+
+    // The job (runs on a pool thread). `keep` holds the format decoder that was current
+    // when the job was started alive until the job ends; `ok` (may be null) receives the
+    // success flag; `scale` is the JPEG 2000 / wavelet scale level. Never throws: a
+    // failure yields a null frame and error code 1, memory exhaustion 3, anything else
+    // thrown 4.
+    VideoFrame decode(const Image& image, QSharedPointer<AbstractDecoder> keep, bool* ok, int scale);
+
+    // The inner step, also run directly on the owner thread by the synchronous path:
+    // decodes `image` into `frame` and stamps the frame with the image's identity
+    // whether or not decoding succeeded. May throw (std::bad_alloc from allocations).
+    virtual bool decodeInto(const Image& image, VideoFrame& frame, int scale);
+
+    void prepareJob() { handoff_.fetch_add(1, std::memory_order_release); }
+    DecoderError lastError() const { return DecoderError(errorCode_.load(std::memory_order_acquire)); }
+    void clearError() { errorCode_.store(0, std::memory_order_relaxed); }
+    QThread* workerThread() const { return workerThread_; }
+    VideoFrame takeResult();
+
+private:
+    std::atomic<unsigned> handoff_{0};
+    std::atomic<quint32> errorCode_{0};
+    QThread* workerThread_ = nullptr;
+    VideoFrame result_;
+};
+
+// The state of one decoding slot of a ConcurrentDecoderImpl (owner thread only, apart
+// from what the job writes through ImageDecoder).
+class DecodingSlot : public ImageDecoder {
+public:
+    // A new slot is idle.
+    bool cancelled = false;  // result of the current job is not to be emitted (or already was)
+    bool emitted = true;     // the result of the current job was taken and emitted
+    bool counted = false;    // the job is counted in the scheduler's in-flight total
+    QFuture<VideoFrame> future;
+    quint64 imageId = 0;
+    qint64 imageTime = 0;
+
+    bool isRunning() const { return !future.isFinished(); }
+};
+
+}  // namespace orvo

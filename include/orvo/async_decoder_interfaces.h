@@ -1,0 +1,73 @@
+#pragma once
+// The interface family of the asynchronous decoders.
+//
+// Images go in through InputAsyncDecoderInterface; decoded frames and errors come out
+// as the Qt signals of DecoderInterfaceSignals, emitted on the thread that owns the
+// decoder object. Return values of decode(const Image&) across the family:
+//   1 queued for asynchronous decoding, 2 submitted to the pool, 3 decoded
+//   synchronously, 0 not accepted, -1 synchronous decode failed.
+#include "orvo/decoder_error.h"
+#include "orvo/image.h"
+#include "orvo/video_frame.h"
+
+#include <QObject>
+
+namespace orvo {
+
+class InputAsyncDecoderInterface {
+public:
+    virtual int decode(const Image& image) = 0;
+    virtual bool isBusy() = 0;
+    virtual void reset() = 0;
+    virtual ~InputAsyncDecoderInterface() = default;
+};
+
+class OutputAsyncDecoderInterface {
+public:
+    virtual void frameFinished(const VideoFrame& frame) = 0;
+    virtual void decodingError(const DecoderError& error) = 0;
+    virtual ~OutputAsyncDecoderInterface() = default;
+};
+
+class AsyncDecoderInterface : public InputAsyncDecoderInterface, public OutputAsyncDecoderInterface {
+};
+
+class DecoderInterfaceSignals : public QObject {
+    Q_OBJECT
+public:
+    explicit DecoderInterfaceSignals(QObject* parent = nullptr);
+    ~DecoderInterfaceSignals() override;
+
+signals:
+    void frameDecoded(const orvo::VideoFrame& videoFrame);
+    void error(DecoderError err);
+};
+
+// What handles hold (by QSharedPointer): the signals plus the input side.
+class SignaledAsyncDecoderInterface : public DecoderInterfaceSignals, public InputAsyncDecoderInterface {
+    Q_OBJECT
+public:
+    explicit SignaledAsyncDecoderInterface(QObject* parent = nullptr) : DecoderInterfaceSignals(parent) {}
+};
+
+// A decoder that the process-wide scheduler can hand a queued image to.
+class ScheduledAsyncDecoderInterface : public SignaledAsyncDecoderInterface {
+    Q_OBJECT
+public:
+    explicit ScheduledAsyncDecoderInterface(QObject* parent = nullptr) : SignaledAsyncDecoderInterface(parent) {}
+    // Starts decoding the decoder's next image; > 0 when a job was started.
+    virtual int decodeScheduledImage(Image& image) = 0;
+};
+
+// Joins the signals with both sides: frameFinished/decodingError emit the signals.
+// The input side is inherited twice (once through each base); a concrete class
+// overrides decode/isBusy/reset once, which serves both.
+class AbstractSignaledAsyncDecoder : public SignaledAsyncDecoderInterface, public AsyncDecoderInterface {
+    Q_OBJECT
+public:
+    explicit AbstractSignaledAsyncDecoder(QObject* parent = nullptr) : SignaledAsyncDecoderInterface(parent) {}
+    void frameFinished(const VideoFrame& frame) override;
+    void decodingError(const DecoderError& error) override;
+};
+
+}  // namespace orvo

@@ -1,0 +1,142 @@
+#pragma once
+// ConcurrentDecoderImpl: decodes one stream on Qt's global thread pool.
+//
+// At most one decode job runs per object; parallelism comes from many streams at once,
+// shared fairly by one process-wide scheduler. Images that cannot start at once wait in
+// the object's input queue (the backlog). Frames and errors are emitted on the thread
+// that owns the object.
+//
+// Threads: every ConcurrentDecoderImpl of a process, and everything reached through it
+// (queues, the scheduler), belongs to one thread; pool threads only run decode jobs,
+// each on its own stream's Decoder. Destroying the object waits for a running job, so
+// no job outlives its decoder and no result reaches a destroyed object.
+#include "orvo/async_decoder_interfaces.h"
+
+#include <QFuture>
+#include <QFutureWatcher>
+#include <QList>
+#include <QSharedPointer>
+#include <QWeakPointer>
+
+namespace orvo {
+
+class DecodingSlot;
+class DecodeScheduler;
+
+class ConcurrentDecoderImpl : public ScheduledAsyncDecoderInterface {
+    Q_OBJECT
+public:
+    explicit ConcurrentDecoderImpl(QObject* parent = nullptr);
+    ~ConcurrentDecoderImpl() override;
+
+    // Asynchronous mode: queues the image and returns 1 (0 when the object was not given
+    // a weak pointer to itself, see setWeakPointerToThis; the handles do that).
+    // Synchronous mode: decodes at once, emits the frame (also a failed one) and returns
+    // 3 or -1; returns 0 without decoding while a backlog remains.
+    int decode(const Image& image) override;
+    // `maxQueue` is accepted and not used.
+    int decode(const Image& image, bool clearOnIFrame, int maxQueue, bool synchronous);
+    int decodeScheduledImage(Image& image) override;
+
+    virtual void frameFinished(const VideoFrame& frame);
+    virtual void decodingError(const DecoderError& error);
+
+    bool isBusy() override { return lastDecodingPending(); }
+    bool busyForPFrame() { return lastDecodingPending(); }
+    bool busyForIFrame();
+    // True while the last job runs (also a cancelled one, whose decoder is still in use)
+    // or its result waits to be emitted.
+    bool lastDecodingPending() const;
+    QFuture<VideoFrame> lastDecodingImage() const;
+    quint64 lastDecodingImageId() const;
+    quint64 lastDecodingImageTime() const;
+
+    Image lastBacklogImage() const { return inputQueue_.isEmpty() ? Image() : inputQueue_.last(); }
+    quint64 lastBacklogImageId() const { return inputQueue_.isEmpty() ? 0 : inputQueue_.last().id(); }
+    quint64 lastBacklogImageTime() const { return inputQueue_.isEmpty() ? 0 : quint64(inputQueue_.last().time()); }
+    quint64 oldestBacklogImageId() const { return inputQueue_.isEmpty() ? 0 : inputQueue_.first().id(); }
+    quint64 oldestBacklogImageTime() const { return inputQueue_.isEmpty() ? 0 : quint64(inputQueue_.first().time()); }
+    bool isBacklogEmpty() const { return inputQueue_.isEmpty(); }
+    int backlogSize() const { return inputQueue_.size(); }
+
+    int pendingDecodings() const;          // running jobs whose result will be emitted
+    int pendingCanceledDecodings() const;  // running jobs whose result will be dropped
+
+    // Results of running jobs will not be emitted; running jobs are not interrupted.
+    void cancelAllPendingDecodings();
+    void clearBacklog();
+    void reset() override { clearBacklog(); }
+    void clear();
+    void clearBlocking();
+    void commitSafeSuicide();
+    void waitForAllFinished();
+    void waitForAnyFinished();
+    void waitForLastFinished();
+
+    void setScaleLevel(int level) { scaleLevel_ = level; }
+    int scaleLevel() const { return scaleLevel_; }
+    void setWeakPointerToThis(const QWeakPointer<ConcurrentDecoderImpl>& self) { weakSelf_ = self; }
+
+    int inputQueueMaxSize() const { return inputQueueMaxSize_; }
+    void setInputQueueMaxSize(int size) { inputQueueMaxSize_ = size; }
+    bool isInputQueueClearedOnIFrames() const { return clearInputQueueOnIFrames_; }
+    void setClearInputQueueOnIFrames(bool on) { clearInputQueueOnIFrames_ = on; }
+    bool isSingleThreadedMode() const { return singleThreaded_; }
+    void setSingleThreadedMode(bool on) { singleThreaded_ = on; }
+
+protected:
+    int decode_async(const Image& image);
+    // The work of slotFinished(), shared with overrides.
+    void finishJob();
+
+protected slots:
+    virtual void slotFinished();
+    int trySubmit(int envoked_from = 0);
+
+private:
+    int emitFinishedImages();
+    void forgetScheduledImages();
+    DecodingSlot* lastSlot() const { return slots_.isEmpty() ? nullptr : slots_.last(); }
+
+    QList<DecodingSlot*> slots_;
+    QFutureWatcher<VideoFrame> watcher_;
+    QList<Image> inputQueue_;
+    QWeakPointer<ConcurrentDecoderImpl> weakSelf_;
+    QSharedPointer<DecodeScheduler> scheduler_;
+    int inputQueueMaxSize_ = 2147483647;
+    bool singleThreaded_;
+    bool clearInputQueueOnIFrames_ = false;
+    int scaleLevel_ = 0;
+    // Jobs counted in the scheduler's in-flight total whose finish has not been handled
+    // here yet; handed back to the scheduler if this object dies first.
+    int countedJobs_ = 0;
+};
+
+// Delivers frames in the order of their ids (stamp images with generateNextFrameId()),
+// holding back frames that finish early. Errors are emitted at once.
+class OrderedConcurrentDecoderImpl : public ConcurrentDecoderImpl {
+    Q_OBJECT
+public:
+    explicit OrderedConcurrentDecoderImpl(QObject* parent = nullptr);
+    ~OrderedConcurrentDecoderImpl() override;
+
+    void frameFinished(const VideoFrame& frame) override;
+    virtual void emitFrame(const VideoFrame& frame);
+
+    quint64 generateNextFrameId() { return nextFrameId_++; }
+    quint64 reorderLimit() const { return reorderLimit_; }
+    void setReorderLimit(quint64 limit) { reorderLimit_ = limit; }
+    quint64 lastEmittedId() const { return lastEmittedId_; }
+    int waitingFrameCount() const { return waitingFrames_.size(); }
+
+protected:
+    void slotFinished() override;
+
+private:
+    QList<VideoFrame> waitingFrames_;
+    quint64 reorderLimit_ = 24;
+    quint64 lastEmittedId_ = 0;
+    quint64 nextFrameId_ = 1;
+};
+
+}  // namespace orvo

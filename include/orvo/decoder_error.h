@@ -1,0 +1,48 @@
+#pragma once
+// The error record carried by the `error` signal of the asynchronous decoders.
+//
+// A plain value: copied into queued signals. Codes produced by this library are
+// 1 (a decoder refused or failed an image), 3 (memory exhausted while decoding) and
+// 4 (anything else thrown while decoding); other codes only come from callers.
+#include <QMetaType>
+#include <QString>
+#include <QtGlobal>
+
+namespace orvo {
+
+class ErrorInterface {
+public:
+    virtual ~ErrorInterface() = default;
+    virtual QString message() const = 0;
+    virtual quint32 code() const = 0;
+    virtual void clear() = 0;
+    virtual bool isError() const = 0;
+};
+
+class DecoderError : public ErrorInterface {
+public:
+    DecoderError() = default;
+    explicit DecoderError(quint32 code) : code_(code) {}
+    DecoderError(const DecoderError&) = default;
+    DecoderError& operator=(const DecoderError&) = default;
+    ~DecoderError() override;
+
+    // Translated through the "DecoderError" context, so applications can localise it.
+    QString message() const override;
+    quint32 code() const override { return code_; }
+    void clear() override { code_ = 0; }
+    bool isError() const override { return code_ != 0; }
+
+private:
+    quint32 code_ = 0;
+};
+
+// Registers orvo::VideoFrame and DecoderError (under both spellings that signal
+// signatures use) with Qt's meta-type system, once per process, so that queued
+// connections can carry them. The decoders call it on construction; calling it again
+// is cheap.
+void registerAsyncDecoderMetaTypes();
+
+}  // namespace orvo
+
+Q_DECLARE_METATYPE(orvo::DecoderError)

@@ -1,0 +1,128 @@
+#pragma once
+// Helpers of the asynchronous-decoding tests: bounded event-loop waits, signal
+// recorders and small real test streams.
+#include "common/test_streams.h"
+#include "orvo/async_decoder_interfaces.h"
+#include "orvo/decoder.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QEventLoop>
+#include <QTimer>
+#include <functional>
+#include <vector>
+
+namespace orvo::test {
+
+// Runs the event loop until `done()` or `timeoutMs`; returns done().
+inline bool waitUntil(const std::function<bool()>& done, int timeoutMs = 30000)
+{
+    QElapsedTimer timer;
+    timer.start();
+    while (!done()) {
+        if (timer.elapsed() > timeoutMs)
+            return done();
+        QEventLoop loop;
+        QTimer::singleShot(2, &loop, &QEventLoop::quit);
+        loop.exec();
+    }
+    return true;
+}
+
+// Runs the event loop for `ms` milliseconds.
+inline void spin(int ms)
+{
+    QEventLoop loop;
+    QTimer::singleShot(ms, &loop, &QEventLoop::quit);
+    loop.exec();
+}
+
+// Records what one decoder object emits.
+struct Recorder {
+    std::vector<VideoFrame> frames;
+    std::vector<quint32> errors;
+    QObject context;
+    std::function<void(const VideoFrame&)> onFrame;
+
+    void attach(DecoderInterfaceSignals* source)
+    {
+        QObject::connect(source, &DecoderInterfaceSignals::frameDecoded, &context, [this](const VideoFrame& f) {
+            frames.push_back(f);
+            if (onFrame)
+                onFrame(f);
+        });
+        QObject::connect(source, &DecoderInterfaceSignals::error, &context,
+                         [this](DecoderError e) { errors.push_back(e.code()); });
+    }
+    std::vector<quint64> ids() const
+    {
+        std::vector<quint64> out;
+        for (const auto& f : frames)
+            out.push_back(f.id());
+        return out;
+    }
+};
+
+// A small H.264 clip (176x144, no B-frames, an IDR every `gop` pictures) as camera images.
+inline QString h264Clip(int frames, int gop)
+{
+    return ffmpegFile(QStringLiteral("async_h264_%1_g%2.mp4").arg(frames).arg(gop),
+                      QStringLiteral("-f lavfi -i testsrc2=size=176x144:rate=25 -frames:v %1 -c:v libx264 "
+                                     "-preset veryfast -tune zerolatency -bf 0 -g %2 -keyint_min %2 "
+                                     "-sc_threshold 0 -pix_fmt yuv420p")
+                          .arg(frames)
+                          .arg(gop));
+}
+
+inline QString mjpegClip(int frames)
+{
+    return ffmpegFile(QStringLiteral("async_mjpeg_%1.avi").arg(frames),
+                      QStringLiteral("-f lavfi -i testsrc2=size=176x144:rate=25 -frames:v %1 -c:v mjpeg "
+                                     "-pix_fmt yuvj420p -q:v 4")
+                          .arg(frames));
+}
+
+// A short-form raw YUV payload (format 'y') of a w x h picture whose bytes follow `seed`.
+inline QByteArray rawYuv(int w, int h, int seed)
+{
+    QByteArray p;
+    p.append(char(w >> 8)).append(char(w & 0xff)).append(char(h >> 8)).append(char(h & 0xff));
+    const int n = w * h + w * h / 2;
+    for (int i = 0; i < n; ++i)
+        p.append(char((i * 7 + seed * 13) & 0xff));
+    return p;
+}
+
+// The frame's 4:2:0 planes packed without padding (empty on failure).
+inline QByteArray packYuv420p(const VideoFrame& frame)
+{
+    QByteArray out;
+    if (frame.isNull() || !frame.isValid() || !frame.map())
+        return out;
+    const int w = frame.width(), h = frame.height();
+    for (int y = 0; y < h; ++y)
+        out.append(reinterpret_cast<const char*>(frame.bitsY() + y * frame.bytesPerLineY()), w);
+    const int cw = (w + 1) / 2, ch = (h + 1) / 2;
+    for (int y = 0; y < ch; ++y)
+        out.append(reinterpret_cast<const char*>(frame.bitsU() + y * frame.bytesPerLineU()), cw);
+    for (int y = 0; y < ch; ++y)
+        out.append(reinterpret_cast<const char*>(frame.bitsV() + y * frame.bytesPerLineV()), cw);
+    frame.unmap();
+    return out;
+}
+
+// Synchronous reference decode of a whole image sequence through one Decoder.
+inline std::vector<QByteArray> syncDecode(const std::vector<Image>& images)
+{
+    std::vector<QByteArray> out;
+    Decoder decoder;
+    for (const Image& image : images) {
+        VideoFrame frame;
+        const bool ok = decoder.decode(image.type(), image.payloadData(), int(image.payloadSize()), frame, 0,
+                                       image.iframe());
+        out.push_back(ok ? packYuv420p(frame) : QByteArray());
+    }
+    return out;
+}
+
+}  // namespace orvo::test

@@ -1,0 +1,250 @@
+// The interface family: meta-objects, the error record, queued delivery, the handle and
+// the single-threaded decoder.
+#include "async/async_test_util.h"
+#include "orvo/async_decoder.h"
+#include "orvo/concurrent_decoder.h"
+#include "orvo/single_threaded_decoder.h"
+
+#include <QMetaMethod>
+#include <QThread>
+#include <QTranslator>
+#include <gtest/gtest.h>
+
+using namespace orvo;
+using namespace orvo::test;
+
+namespace {
+
+const QMetaObject* superOf(const QMetaObject* mo)
+{
+    return mo->superClass();
+}
+
+struct Member {
+    const char* signature;  // normalised
+    QMetaMethod::MethodType type;
+    QMetaMethod::Access access;
+    QList<QByteArray> names;
+    const char* returnType;
+};
+
+void expectOwnMembers(const QMetaObject* mo, const std::vector<Member>& expected)
+{
+    std::vector<std::string> own;
+    for (int i = mo->methodOffset(); i < mo->methodCount(); ++i)
+        own.push_back(mo->method(i).methodSignature().toStdString());
+    ASSERT_EQ(own.size(), expected.size()) << mo->className();
+    for (const Member& m : expected) {
+        const int index = mo->indexOfMethod(m.signature);
+        ASSERT_GE(index, mo->methodOffset()) << mo->className() << "::" << m.signature;
+        const QMetaMethod method = mo->method(index);
+        EXPECT_EQ(method.methodType(), m.type) << m.signature;
+        EXPECT_EQ(method.access(), m.access) << m.signature;
+        EXPECT_EQ(method.parameterNames(), m.names) << m.signature;
+        EXPECT_STREQ(method.typeName(), m.returnType) << m.signature;
+    }
+}
+
+}  // namespace
+
+TEST(AsyncMeta, ClassNamesChainsAndMembers)
+{
+    struct Chain {
+        const QMetaObject* mo;
+        const char* name;
+        const char* super;
+    };
+    const Chain chains[] = {
+        {&DecoderInterfaceSignals::staticMetaObject, "orvo::DecoderInterfaceSignals", "QObject"},
+        {&SignaledAsyncDecoderInterface::staticMetaObject, "orvo::SignaledAsyncDecoderInterface",
+         "orvo::DecoderInterfaceSignals"},
+        {&AbstractSignaledAsyncDecoder::staticMetaObject, "orvo::AbstractSignaledAsyncDecoder",
+         "orvo::SignaledAsyncDecoderInterface"},
+        {&AsyncDecoder::staticMetaObject, "orvo::AsyncDecoder", "orvo::AbstractSignaledAsyncDecoder"},
+        {&ConcurrentDecoder::staticMetaObject, "orvo::ConcurrentDecoder", "orvo::AsyncDecoder"},
+        {&OrderedConcurrentDecoder::staticMetaObject, "orvo::OrderedConcurrentDecoder", "orvo::ConcurrentDecoder"},
+        {&SingleThreadedDecoder::staticMetaObject, "orvo::SingleThreadedDecoder", "orvo::AsyncDecoder"},
+        {&ScheduledAsyncDecoderInterface::staticMetaObject, "orvo::ScheduledAsyncDecoderInterface",
+         "orvo::SignaledAsyncDecoderInterface"},
+        {&ConcurrentDecoderImpl::staticMetaObject, "orvo::ConcurrentDecoderImpl",
+         "orvo::ScheduledAsyncDecoderInterface"},
+        {&OrderedConcurrentDecoderImpl::staticMetaObject, "orvo::OrderedConcurrentDecoderImpl",
+         "orvo::ConcurrentDecoderImpl"},
+    };
+    for (const Chain& c : chains) {
+        EXPECT_STREQ(c.mo->className(), c.name);
+        ASSERT_NE(superOf(c.mo), nullptr);
+        EXPECT_STREQ(superOf(c.mo)->className(), c.super) << c.name;
+    }
+
+    expectOwnMembers(&DecoderInterfaceSignals::staticMetaObject,
+                     {{"frameDecoded(orvo::VideoFrame)", QMetaMethod::Signal, QMetaMethod::Public, {"videoFrame"}, "void"},
+                      {"error(DecoderError)", QMetaMethod::Signal, QMetaMethod::Public, {"err"}, "void"}});
+    expectOwnMembers(&SignaledAsyncDecoderInterface::staticMetaObject, {});
+    expectOwnMembers(&ScheduledAsyncDecoderInterface::staticMetaObject, {});
+    expectOwnMembers(&AbstractSignaledAsyncDecoder::staticMetaObject, {});
+    expectOwnMembers(&AsyncDecoder::staticMetaObject, {{"slotFrameFinished(orvo::VideoFrame)", QMetaMethod::Slot,
+                                                        QMetaMethod::Protected, {"vf"}, "void"}});
+    expectOwnMembers(&ConcurrentDecoderImpl::staticMetaObject,
+                     {{"slotFinished()", QMetaMethod::Slot, QMetaMethod::Protected, {}, "void"},
+                      {"trySubmit(int)", QMetaMethod::Slot, QMetaMethod::Protected, {"envoked_from"}, "int"},
+                      {"trySubmit()", QMetaMethod::Slot, QMetaMethod::Protected, {}, "int"}});
+    const QMetaObject& impl = ConcurrentDecoderImpl::staticMetaObject;
+    EXPECT_TRUE(impl.method(impl.indexOfMethod("trySubmit()")).attributes() & QMetaMethod::Cloned);
+    expectOwnMembers(&OrderedConcurrentDecoderImpl::staticMetaObject, {});
+    expectOwnMembers(&ConcurrentDecoder::staticMetaObject, {});
+    expectOwnMembers(&OrderedConcurrentDecoder::staticMetaObject, {});
+    expectOwnMembers(&SingleThreadedDecoder::staticMetaObject, {{"slotFinished(orvo::VideoFrame)", QMetaMethod::Slot,
+                                                                 QMetaMethod::Private, {""}, "void"}});
+
+    // The signal is declared with the namespace-qualified frame type only.
+    EXPECT_EQ(DecoderInterfaceSignals::staticMetaObject.indexOfSignal(
+                  QMetaObject::normalizedSignature("frameDecoded(const VideoFrame&)")),
+              -1);
+    EXPECT_GE(DecoderInterfaceSignals::staticMetaObject.indexOfSignal(
+                  QMetaObject::normalizedSignature("frameDecoded(const orvo::VideoFrame&)")),
+              0);
+    EXPECT_EQ(QString(AsyncDecoder::tr("x")), QStringLiteral("x"));
+}
+
+TEST(DecoderErrorTest, TextsCodesAndTranslationContext)
+{
+    EXPECT_FALSE(DecoderError().isError());
+    EXPECT_EQ(DecoderError().message(), QStringLiteral("No error."));
+    EXPECT_EQ(DecoderError(1).message(), QStringLiteral("Decoding failed."));
+    EXPECT_EQ(DecoderError(2).message(), QStringLiteral("Connection error"));
+    EXPECT_EQ(DecoderError(3).message(), QStringLiteral("Memory allocation error"));
+    EXPECT_EQ(DecoderError(4).message(), QStringLiteral("Unknown exception"));
+    EXPECT_EQ(DecoderError(5).message(), QStringLiteral("Decoder error 5"));
+    EXPECT_EQ(DecoderError(4294967295u).message(), QStringLiteral("Decoder error 4294967295"));
+    DecoderError e(3);
+    EXPECT_TRUE(e.isError());
+    EXPECT_EQ(e.code(), 3u);
+    e.clear();
+    EXPECT_FALSE(e.isError());
+    EXPECT_EQ(e.message(), QStringLiteral("No error."));
+
+    // Texts are looked up in the "DecoderError" context.
+    struct Translator : QTranslator {
+        QString translate(const char* context, const char* source, const char*, int) const override
+        {
+            if (QByteArray(context) != "DecoderError")
+                return QString();
+            if (QByteArray(source) == "Decoder error %1")
+                return QStringLiteral("Dekoderfehler %1");
+            return QStringLiteral("T:") + QString::fromLatin1(source);
+        }
+    } translator;
+    QCoreApplication::installTranslator(&translator);
+    EXPECT_EQ(DecoderError(1).message(), QStringLiteral("T:Decoding failed."));
+    EXPECT_EQ(DecoderError(17).message(), QStringLiteral("Dekoderfehler 17"));
+    QCoreApplication::removeTranslator(&translator);
+    EXPECT_EQ(DecoderError(1).message(), QStringLiteral("Decoding failed."));
+}
+
+TEST(AsyncMeta, QueuedStringConnectionsCarryFramesAndErrors)
+{
+    // Emitted on another thread and relayed to this one through string-based queued
+    // connections: the argument types are resolved by the names in the signatures.
+    DecoderInterfaceSignals source;
+    DecoderInterfaceSignals relay;
+    ASSERT_TRUE(QObject::connect(&source, SIGNAL(frameDecoded(const orvo::VideoFrame&)), &relay,
+                                 SIGNAL(frameDecoded(const orvo::VideoFrame&)), Qt::QueuedConnection));
+    ASSERT_TRUE(QObject::connect(&source, SIGNAL(error(DecoderError)), &relay, SIGNAL(error(DecoderError)),
+                                 Qt::QueuedConnection));
+    Recorder rec;
+    rec.attach(&relay);
+
+    QThread* thread = QThread::create([&source] {
+        VideoFrame f;
+        f.setId(77);
+        emit source.frameDecoded(f);
+        emit source.error(DecoderError(4));
+    });
+    thread->start();
+    thread->wait();
+    delete thread;
+    ASSERT_TRUE(waitUntil([&] { return rec.frames.size() == 1 && rec.errors.size() == 1; }, 5000));
+    EXPECT_EQ(rec.frames[0].id(), 77u);
+    EXPECT_EQ(rec.errors[0], 4u);
+}
+
+TEST(AsyncHandle, NullHandleAndWeakRepointing)
+{
+    AsyncDecoder null(static_cast<QObject*>(nullptr));
+    EXPECT_TRUE(null.isNull());
+    EXPECT_EQ(null.decode(Image('y', rawYuv(4, 2, 0))), 0);
+    EXPECT_FALSE(null.isBusy());
+
+    WeakAsyncDecoder expired;
+    {
+        auto impl = QSharedPointer<SignaledAsyncDecoderInterface>(new SingleThreadedDecoderImpl);
+        expired = impl;
+    }
+    null.setWeakAsyncDecoder(expired);
+    EXPECT_TRUE(null.isNull());
+
+    // A second handle over the same implementation re-emits its frames too.
+    SingleThreadedDecoder owner;
+    AsyncDecoder second(static_cast<QObject*>(nullptr));
+    second.setWeakAsyncDecoder(owner.qSharedPointerInterface().toWeakRef());
+    ASSERT_FALSE(second.isNull());
+    EXPECT_EQ(second.getInterface(), owner.getInterface());
+    Recorder viaOwner, viaSecond;
+    viaOwner.attach(&owner);
+    viaSecond.attach(&second);
+    EXPECT_EQ(second.decode(Image('y', rawYuv(4, 2, 1), 9)), 1);
+    EXPECT_EQ(viaOwner.ids(), std::vector<quint64>{9});
+    EXPECT_EQ(viaSecond.ids(), std::vector<quint64>{9});
+
+    // Re-pointing disconnects from the previous implementation.
+    SingleThreadedDecoder other;
+    second.setWeakAsyncDecoder(other.qSharedPointerInterface().toWeakRef());
+    EXPECT_EQ(owner.decode(Image('y', rawYuv(4, 2, 1), 10)), 1);
+    EXPECT_EQ(viaSecond.ids(), std::vector<quint64>{9});
+    second.setWeakAsyncDecoder(WeakAsyncDecoder());
+    EXPECT_TRUE(second.isNull());
+}
+
+TEST(SingleThreaded, DecodesOnTheCallersThreadOnceAndReportsFailures)
+{
+    const auto images = toImages(demuxVideo(h264Clip(10, 10)), 'h');
+    ASSERT_EQ(images.size(), 10u);
+    const auto reference = syncDecode(images);
+
+    SingleThreadedDecoder decoder;
+    EXPECT_FALSE(decoder.isBusy());
+    Recorder handle, impl;
+    handle.attach(&decoder);
+    impl.attach(decoder.getInterface());
+    for (size_t i = 0; i < images.size(); ++i) {
+        Image image = images[i];
+        image.setStreamId(5).setAttachedData("meta");
+        ASSERT_EQ(decoder.decode(image), 1) << i;
+        // Emitted before decode returned, once.
+        ASSERT_EQ(handle.frames.size(), i + 1);
+        const VideoFrame& f = handle.frames.back();
+        EXPECT_EQ(f.id(), image.id());
+        EXPECT_EQ(packYuv420p(f), reference[i]) << i;
+        ImageHeader header;
+        ASSERT_TRUE(ImageHeader::parse(f.attachedData(), header));
+        EXPECT_EQ(header.id, image.id());
+        EXPECT_EQ(header.payloadSize, image.payloadSize());
+        EXPECT_TRUE(f.attachedData().endsWith("meta"));
+        // Unlike the pool job: no stream id and no image on the frame.
+        EXPECT_EQ(f.streamId(), 0u);
+        EXPECT_TRUE(f.isNullImage());
+    }
+    EXPECT_EQ(impl.frames.size(), images.size());
+    EXPECT_TRUE(impl.errors.empty());
+
+    // Failures: error code 1 on the implementation, nothing on the handle.
+    QByteArray bad = rawYuv(4, 2, 0);
+    bad.chop(1);
+    EXPECT_EQ(decoder.decode(Image('y', bad, 50)), 0);
+    EXPECT_EQ(decoder.decode(Image('R', rawYuv(4, 2, 0), 51)), 0);
+    EXPECT_EQ(decoder.decode(Image('y', QByteArray(), 52)), 0);
+    EXPECT_EQ(impl.errors, (std::vector<quint32>{1, 1, 1}));
+    EXPECT_TRUE(handle.errors.empty());
+    EXPECT_EQ(handle.frames.size(), images.size());
+}

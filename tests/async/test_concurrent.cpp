@@ -1,0 +1,435 @@
+// The pooled decoder: real H.264 and Motion JPEG streams through ConcurrentDecoder,
+// the decode job, the shared scheduler and I-frame clearing.
+#include "async/async_test_util.h"
+#include "async/decode_scheduler.h"
+#include "async/image_decoder.h"
+#include "orvo/concurrent_decoder.h"
+
+#include <QThreadPool>
+#include <QtConcurrent/QtConcurrentRun>
+#include <gtest/gtest.h>
+#include <map>
+#include <new>
+
+using namespace orvo;
+using namespace orvo::test;
+
+namespace {
+
+int inFlight()
+{
+    return DecodeScheduler::instance()->inFlight();
+}
+
+ConcurrentDecoderImpl* implOf(ConcurrentDecoder& d)
+{
+    return static_cast<ConcurrentDecoderImpl*>(d.getInterface());
+}
+
+struct Clip {
+    const char* name;
+    quint8 type;
+    std::vector<Image> images;
+    std::vector<QByteArray> ffmpeg;  // independent reference
+    int tolerance = 0;
+};
+
+Clip makeClip(quint8 type)
+{
+    Clip c{type == 'h' ? "h264" : "mjpeg", type, {}, {}, 0};
+    const QString path = type == 'h' ? h264Clip(24, 12) : mjpegClip(12);
+    c.images = toImages(demuxVideo(path), type);
+    // Motion JPEG arrives full-range and is converted to yuv420p: compare with the same
+    // conversion, within rounding.
+    c.ffmpeg = ffmpegFrames(path, 176, 144, QStringLiteral("yuv420p"),
+                            type == 'h' ? QString() : QStringLiteral("-sws_flags bilinear"));
+    c.tolerance = type == 'h' ? 0 : 2;
+    return c;
+}
+
+}  // namespace
+
+TEST(Concurrent, ImageByImageEveryFrameStampedAndEqualToReference)
+{
+    for (quint8 type : {quint8('h'), quint8('j')}) {
+        const Clip clip = makeClip(type);
+        ASSERT_FALSE(clip.images.empty());
+        ASSERT_EQ(clip.ffmpeg.size(), clip.images.size()) << clip.name;
+        const auto reference = syncDecode(clip.images);
+
+        ConcurrentDecoder decoder;
+        EXPECT_FALSE(decoder.isSingleThreadedMode());
+        Recorder rec, implRec;
+        rec.attach(&decoder);
+        implRec.attach(decoder.getInterface());
+        for (size_t i = 0; i < clip.images.size(); ++i) {
+            Image image = clip.images[i];
+            image.setStreamId(42).setChannel(3).setAttachedData("ctx");
+            ASSERT_EQ(decoder.decode(image), 1);
+            ASSERT_TRUE(waitUntil([&] { return rec.frames.size() == i + 1; })) << clip.name << " image " << i;
+            const VideoFrame& f = rec.frames.back();
+            EXPECT_EQ(f.id(), image.id());
+            EXPECT_EQ(f.streamId(), 42u);
+            EXPECT_TRUE(f.imageRef().sharesDataWith(image));
+            EXPECT_EQ(f.getScaleY(), 1);
+            ImageHeader header;
+            ASSERT_TRUE(ImageHeader::parse(f.attachedData(), header));
+            EXPECT_EQ(header.id, image.id());
+            EXPECT_EQ(header.channel, 3u);
+            EXPECT_TRUE(f.attachedData().endsWith("ctx"));
+            const QByteArray packed = packYuv420p(f);
+            EXPECT_EQ(packed, reference[i]) << clip.name << " image " << i;
+            const int diff = maxDiffYuv420p(f, clip.ffmpeg[i], 176, 144);
+            EXPECT_GE(diff, 0);
+            EXPECT_LE(diff, clip.tolerance) << clip.name << " image " << i;
+        }
+        EXPECT_TRUE(rec.errors.empty());
+        EXPECT_TRUE(implRec.errors.empty());
+        EXPECT_FALSE(decoder.isBusy());
+        EXPECT_EQ(inFlight(), 0);
+    }
+}
+
+TEST(Concurrent, ClipFedAllAtOnceDecodesToItsLastImage)
+{
+    const auto images = toImages(demuxVideo(h264Clip(40, 20)), 'h');
+    ASSERT_EQ(images.size(), 40u);
+    const auto reference = syncDecode(images);
+    ConcurrentDecoder decoder;
+    Recorder rec;
+    rec.attach(&decoder);
+    for (const Image& image : images)
+        ASSERT_EQ(decoder.decode(image), 1);
+    // Only the first image could start; the rest wait in the backlog.
+    EXPECT_EQ(implOf(decoder)->backlogSize(), 39);
+    EXPECT_TRUE(decoder.isBusy());
+    ASSERT_TRUE(waitUntil([&] { return rec.frames.size() == images.size(); })) << rec.frames.size();
+    for (size_t i = 0; i < images.size(); ++i) {
+        EXPECT_EQ(rec.frames[i].id(), i + 1);
+        EXPECT_EQ(packYuv420p(rec.frames[i]), reference[i]) << i;
+    }
+    EXPECT_TRUE(implOf(decoder)->isBacklogEmpty());
+    EXPECT_EQ(inFlight(), 0);
+    EXPECT_EQ(DecodeScheduler::instance()->scheduledCount(), 0);
+}
+
+TEST(Concurrent, FailedImagesYieldOnlyErrorCodeOne)
+{
+    ConcurrentDecoder decoder;
+    Recorder rec, implRec;
+    rec.attach(&decoder);
+    implRec.attach(decoder.getInterface());
+    QByteArray shortYuv = rawYuv(16, 16, 0);
+    shortYuv.chop(3);
+    QByteArray garbage(2000, '\0');
+    for (int i = 0; i < garbage.size(); ++i)
+        garbage[i] = char((i * 131 + 7) & 0xff);
+    const std::vector<Image> bad = {Image('y', shortYuv, 1), Image('R', rawYuv(16, 16, 0), 2),
+                                    Image('y', QByteArray(), 3), Image('j', garbage, 4, 0, true)};
+    testing::internal::CaptureStdout();
+    for (const Image& image : bad)
+        ASSERT_EQ(decoder.decode(image), 1);
+    ASSERT_TRUE(waitUntil([&] { return implRec.errors.size() == bad.size(); }));
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(out.find("ImageDecoder::decode, payload size=0\n"), std::string::npos);
+    spin(50);
+    EXPECT_EQ(implRec.errors, (std::vector<quint32>{1, 1, 1, 1}));
+    EXPECT_TRUE(implRec.frames.empty());
+    // Errors are not forwarded to the handle.
+    EXPECT_TRUE(rec.frames.empty());
+    EXPECT_TRUE(rec.errors.empty());
+
+    // The decoder keeps working after failures.
+    ASSERT_EQ(decoder.decode(Image('y', rawYuv(16, 16, 5), 9)), 1);
+    ASSERT_TRUE(waitUntil([&] { return rec.frames.size() == 1; }));
+    EXPECT_EQ(rec.frames[0].id(), 9u);
+    EXPECT_EQ(inFlight(), 0);
+}
+
+TEST(Concurrent, SynchronousModeResults)
+{
+    ConcurrentDecoder decoder;
+    Recorder rec;
+    rec.attach(&decoder);
+    decoder.useSingleThreadedMode();
+    EXPECT_TRUE(decoder.isSingleThreadedMode());
+    decoder.setWaveletScaleLevel(2);  // not used by this path
+    EXPECT_EQ(decoder.waveletScaleLevel(), 2);
+
+    Image good('y', rawYuv(32, 16, 1), 1);
+    good.setStreamId(8);
+    EXPECT_EQ(decoder.decode(good), 3);
+    ASSERT_EQ(rec.frames.size(), 1u);  // emitted before decode returned
+    EXPECT_EQ(rec.frames[0].id(), 1u);
+    EXPECT_EQ(rec.frames[0].streamId(), 8u);
+    EXPECT_EQ(rec.frames[0].width(), 32);
+
+    // A failure is reported by the result; the frame is emitted all the same.
+    QByteArray bad = rawYuv(32, 16, 1);
+    bad.chop(1);
+    EXPECT_EQ(decoder.decode(Image('y', bad, 2)), -1);
+    ASSERT_EQ(rec.frames.size(), 2u);
+    EXPECT_EQ(rec.frames[1].id(), 2u);
+    EXPECT_FALSE(rec.frames[1].isValid());
+
+    // With a backlog, nothing is decoded synchronously.
+    decoder.useMultiThreadedMode();
+    const auto images = toImages(demuxVideo(h264Clip(10, 10)), 'h');
+    for (const Image& image : images)
+        decoder.decode(image);
+    decoder.useSingleThreadedMode();
+    EXPECT_EQ(decoder.decode(Image('y', rawYuv(32, 16, 1), 99)), 0);
+    decoder.useMultiThreadedMode();
+    ASSERT_TRUE(waitUntil([&] { return rec.frames.size() == 2 + images.size(); }));
+    for (const auto& f : rec.frames)
+        EXPECT_NE(f.id(), 99u);
+    EXPECT_EQ(inFlight(), 0);
+}
+
+TEST(Concurrent, SixteenStreamsShareThePoolFairly)
+{
+    constexpr int kStreams = 16;
+    const auto images = toImages(demuxVideo(h264Clip(30, 10)), 'h');
+    ASSERT_EQ(images.size(), 30u);
+    const auto reference = syncDecode(images);
+    const size_t total = kStreams * images.size();
+
+    std::vector<std::unique_ptr<ConcurrentDecoder>> decoders;
+    std::vector<std::unique_ptr<Recorder>> recs;
+    std::vector<size_t> arrivals;  // stream of each frame, in arrival order
+    int maxJobsPerStream = 0;
+    int maxInFlight = 0;
+    auto sample = [&] {
+        for (auto& d : decoders) {
+            ConcurrentDecoderImpl* impl = implOf(*d);
+            maxJobsPerStream =
+                std::max(maxJobsPerStream, impl->pendingDecodings() + impl->pendingCanceledDecodings());
+        }
+        maxInFlight = std::max(maxInFlight, inFlight());
+    };
+    for (int s = 0; s < kStreams; ++s) {
+        decoders.push_back(std::make_unique<ConcurrentDecoder>());
+        recs.push_back(std::make_unique<Recorder>());
+        recs.back()->attach(decoders.back().get());
+        recs.back()->onFrame = [&, s](const VideoFrame& f) {
+            arrivals.push_back(size_t(s));
+            EXPECT_EQ(f.streamId(), quint32(s));
+            sample();
+        };
+    }
+    QTimer sampler;
+    QObject::connect(&sampler, &QTimer::timeout, sample);
+    sampler.start(1);
+    // Cameras deliver interleaved in time.
+    for (const Image& base : images) {
+        for (int s = 0; s < kStreams; ++s) {
+            Image image = base;
+            image.setStreamId(quint32(s));
+            ASSERT_EQ(decoders[s]->decode(image), 1);
+            sample();
+        }
+    }
+    ASSERT_TRUE(waitUntil([&] { return arrivals.size() == total; }, 60000)) << arrivals.size();
+    sampler.stop();
+
+    EXPECT_LE(maxJobsPerStream, 1);
+    // Counted jobs never exceed the streams (one job each); the count returns to zero.
+    EXPECT_GE(maxInFlight, 1);
+    EXPECT_LE(maxInFlight, kStreams);
+    EXPECT_EQ(inFlight(), 0);
+    EXPECT_EQ(DecodeScheduler::instance()->scheduledCount(), 0);
+    // No stream starves: by the time half of all frames are out, every stream has
+    // received a fair share of its own.
+    std::vector<size_t> perStream(kStreams, 0);
+    for (size_t k = 0; k < total / 2; ++k)
+        ++perStream[arrivals[k]];
+    for (int s = 0; s < kStreams; ++s)
+        EXPECT_GE(perStream[s], images.size() / 4) << "stream " << s;
+    for (int s = 0; s < kStreams; ++s) {
+        ASSERT_EQ(recs[s]->frames.size(), images.size());
+        for (size_t i = 0; i < images.size(); ++i) {
+            EXPECT_EQ(recs[s]->frames[i].id(), i + 1);
+            EXPECT_EQ(packYuv420p(recs[s]->frames[i]), reference[i]) << "stream " << s << " image " << i;
+        }
+    }
+}
+
+TEST(Concurrent, IFrameClearingDropsExactlyTheImagesQueuedBeforeIt)
+{
+    // IDR every 5 pictures: I-frames are ids 1, 6, 11, 16, 21, 26.
+    const QString path = h264Clip(30, 5);
+    const auto images = toImages(demuxVideo(path), 'h');
+    ASSERT_EQ(images.size(), 30u);
+    for (size_t i = 0; i < images.size(); ++i)
+        ASSERT_EQ(images[i].iframe(), i % 5 == 0) << i;
+    const auto ffmpeg = ffmpegFrames(path, 176, 144);
+
+    for (bool clearing : {true, false}) {
+        ConcurrentDecoder decoder;
+        if (clearing)
+            decoder.clearInputQueueOnIFrames();
+        EXPECT_EQ(decoder.isInputQueueClearedOnIFrames(), clearing);
+        Recorder rec;
+        rec.attach(&decoder);
+        testing::internal::CaptureStdout();
+        // Image 1 starts at once and keeps the decoder busy until the event loop runs
+        // again; every later image goes to the backlog.
+        for (const Image& image : images)
+            ASSERT_EQ(decoder.decode(image), 1);
+        const std::vector<quint64> expected =
+            clearing ? std::vector<quint64>{1, 26, 27, 28, 29, 30} : [] {
+                std::vector<quint64> all;
+                for (quint64 i = 1; i <= 30; ++i)
+                    all.push_back(i);
+                return all;
+            }();
+        EXPECT_EQ(implOf(decoder)->backlogSize(), clearing ? 5 : 29);
+        ASSERT_TRUE(waitUntil([&] { return rec.frames.size() == expected.size(); }));
+        spin(30);
+        // Images that were dropped are never decoded, and never mistaken for others.
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+        EXPECT_EQ(rec.ids(), expected);
+        for (const VideoFrame& f : rec.frames)
+            EXPECT_EQ(maxDiffYuv420p(f, ffmpeg[f.id() - 1], 176, 144), 0) << "id " << f.id();
+        EXPECT_EQ(inFlight(), 0);
+        EXPECT_EQ(DecodeScheduler::instance()->scheduledCount(), 0);
+    }
+}
+
+TEST(Concurrent, ClearDropsTheRunningResultAndNeverSharesTheDecoder)
+{
+    const auto images = toImages(demuxVideo(h264Clip(24, 12)), 'h');
+    ConcurrentDecoder decoder;
+    ConcurrentDecoderImpl* impl = implOf(decoder);
+    Recorder rec;
+    rec.attach(&decoder);
+    for (int i = 0; i < 6; ++i)
+        decoder.decode(images[i]);
+    impl->clear();
+    EXPECT_TRUE(impl->isBacklogEmpty());
+    // While the cancelled job still runs, the decoder counts as busy: its Decoder is in use.
+    if (impl->pendingCanceledDecodings() > 0)
+        EXPECT_TRUE(impl->isBusy());
+    EXPECT_EQ(impl->pendingDecodings(), 0);
+    // New images (from the next I-frame on) are accepted at once and decode after it.
+    for (int i = 12; i < 24; ++i)
+        ASSERT_EQ(decoder.decode(images[i]), 1);
+    ASSERT_TRUE(waitUntil([&] { return rec.frames.size() == 12; }));
+    spin(30);
+    ASSERT_EQ(rec.frames.size(), 12u);
+    for (int k = 0; k < 12; ++k)
+        EXPECT_EQ(rec.frames[k].id(), images[12 + k].id());
+    EXPECT_EQ(inFlight(), 0);
+
+    // clearBlocking() returns with nothing running.
+    for (int i = 0; i < 6; ++i)
+        decoder.decode(images[i]);
+    impl->clearBlocking();
+    EXPECT_EQ(impl->pendingCanceledDecodings(), 0);
+    EXPECT_FALSE(impl->isBusy());
+    spin(30);
+    EXPECT_EQ(rec.frames.size(), 12u);
+    EXPECT_EQ(inFlight(), 0);
+}
+
+namespace {
+
+// A job whose inner step throws, to exercise the job's exception capture.
+struct ThrowingDecoder : ImageDecoder {
+    int mode = 0;
+    bool decodeInto(const Image& image, VideoFrame& frame, int scale) override
+    {
+        if (mode == 1)
+            throw std::bad_alloc();
+        if (mode == 2)
+            throw 42;
+        return ImageDecoder::decodeInto(image, frame, scale);
+    }
+};
+
+}  // namespace
+
+TEST(DecodeJob, StampsHalfHeightAndCapturesExceptions)
+{
+    ThrowingDecoder job;
+    bool ok = true;
+
+    // Half-height rule: applied to every type but 'a', 'n' and 'p', success or not.
+    Image field('y', rawYuv(16, 8, 2), 11);
+    field.setFlags(2).setStreamId(4);
+    VideoFrame f = job.decode(field, job.formatDecoder(), &ok, 0);
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(job.lastError().code(), 0u);
+    EXPECT_EQ(f.getScaleX(), 1);
+    EXPECT_EQ(f.getScaleY(), 2);
+    EXPECT_EQ(f.id(), 11u);
+    EXPECT_EQ(f.streamId(), 4u);
+    EXPECT_EQ(job.workerThread(), QThread::currentThread());
+    Image noField = field;
+    noField.setFlags(3);
+    EXPECT_EQ(job.decode(noField, job.formatDecoder(), &ok, 0).getScaleY(), 1);
+    for (quint8 exempt : {quint8('n'), quint8('p'), quint8('a')}) {
+        Image wavelet(exempt, QByteArray(100, '\x01'), 12);
+        wavelet.setFlags(2);
+        VideoFrame w;
+        job.decodeInto(wavelet, w, 0);
+        EXPECT_EQ(w.getScaleY(), 1) << exempt;
+        EXPECT_EQ(w.id(), 12u);
+    }
+    Image other('j', QByteArray(100, '\x01'), 13);
+    other.setFlags(0x12);
+    VideoFrame o;
+    EXPECT_FALSE(job.decodeInto(other, o, 0));
+    EXPECT_EQ(o.getScaleY(), 2);
+
+    // Empty payload: failure, a null job result, but the inner frame is stamped.
+    testing::internal::CaptureStdout();
+    Image empty('y', QByteArray(), 21);
+    empty.setStreamId(6);
+    VideoFrame inner;
+    EXPECT_FALSE(job.decodeInto(empty, inner, 0));
+    EXPECT_EQ(inner.id(), 21u);
+    EXPECT_EQ(inner.streamId(), 6u);
+    EXPECT_TRUE(inner.imageRef().sharesDataWith(empty));
+    EXPECT_TRUE(job.decode(empty, job.formatDecoder(), &ok, 0).isNull());
+    EXPECT_FALSE(ok);
+    EXPECT_EQ(job.lastError().code(), 1u);
+    VideoFrame fromNull;
+    EXPECT_FALSE(job.decodeInto(Image(), fromNull, 0));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "ImageDecoder::decode, payload size=0\nImageDecoder::decode, payload size=0\n"
+              "ImageDecoder::decode, payload size=0\nImage is null.\n");
+
+    // Exceptions never leave the job; run it on the pool so the pool thread is tested too.
+    Image image('y', rawYuv(16, 8, 2), 31, 123456789012LL);
+    image.setChannel(7);
+    using Job = VideoFrame (ImageDecoder::*)(const Image&, QSharedPointer<AbstractDecoder>, bool*, int);
+    testing::internal::CaptureStdout();
+    // Polls instead of blocking in result(), which could run the job on this thread.
+    auto onPool = [&](bool* flag) {
+        QFuture<VideoFrame> future = QtConcurrent::run(static_cast<ImageDecoder*>(&job),
+                                                       static_cast<Job>(&ImageDecoder::decode), image,
+                                                       job.formatDecoder(), flag, 0);
+        while (!future.isFinished())
+            QThread::msleep(1);
+        return future.result();
+    };
+    job.mode = 1;
+    ok = true;
+    EXPECT_TRUE(onPool(&ok).isNull());
+    EXPECT_FALSE(ok);
+    EXPECT_EQ(job.lastError().code(), 3u);
+    EXPECT_NE(job.workerThread(), QThread::currentThread());
+    job.mode = 2;
+    EXPECT_TRUE(onPool(nullptr).isNull());
+    EXPECT_EQ(job.lastError().code(), 4u);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "std::bad_alloc caught, decoding failed for channel=7 frame timestamp=123456789012 probably due to "
+              "insuficient memory.\n"
+              "unknown exception caught, decoding failed for channel =7 frame timestamp=123456789012 probably due "
+              "to insuficient memory.\n");
+    job.mode = 0;
+    EXPECT_FALSE(onPool(&ok).isNull());
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(job.lastError().code(), 0u);
+}
