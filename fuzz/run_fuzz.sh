@@ -4,16 +4,20 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 SECONDS_EACH=${1:-30}
-BUILD=build-fuzz
-CC=clang CXX=clang++ cmake -S . -B "$BUILD" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVO_FUZZ=ON \
-  -DORVO_SANITIZE=address -DORVO_BUILD_TESTS=OFF -DORVO_BUILD_BENCH=OFF -DORVO_BUILD_EXAMPLES=OFF >/dev/null
+# FUZZ_BUILD names an already configured clang build with -DORVO_FUZZ=ON (./run test
+# reuses its ASan test build); otherwise build-fuzz is configured here.
+BUILD=${FUZZ_BUILD:-build-fuzz}
+if [ -z "${FUZZ_BUILD:-}" ]; then
+  CC=clang CXX=clang++ cmake -S . -B "$BUILD" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVO_FUZZ=ON \
+    -DORVO_SANITIZE=address -DORVO_BUILD_TESTS=OFF -DORVO_BUILD_BENCH=OFF -DORVO_BUILD_EXAMPLES=OFF >/dev/null
+fi
 cmake --build "$BUILD" -j "${JOBS:-$(nproc)}"
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:allocator_may_return_null=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 export LSAN_OPTIONS=suppressions=$PWD/tests/lsan.supp
 status=0
 for target in "$BUILD"/fuzz/fuzz_*; do
-  [ -x "$target" ] || continue
+  [ -f "$target" ] && [ -x "$target" ] || continue
   name=$(basename "$target")
   work=$BUILD/corpus/$name
   mkdir -p "$work" "$BUILD/findings"
