@@ -9,6 +9,7 @@
 #include "frames/plane_view.h"
 #include "frames/sws_formats.h"
 #include "orvo/video_frame.h"
+#include "frames/scoped_mapping.h"
 
 namespace orvo {
 
@@ -53,31 +54,6 @@ void blendChroma(const PlaneView& target, int tdx, int tdy, int lumaW, int lumaH
     }
 }
 
-// Maps a frame with `mode` unless the caller has mapped it already, in which case its mode
-// must include `needed`; unmaps on scope exit only what it mapped.
-class Mapping {
-public:
-    Mapping(const VideoFrameQt& body, QAbstractVideoBuffer::MapMode mode, QAbstractVideoBuffer::MapMode needed)
-        : body_(body)
-    {
-        if (body.isMapped())
-            ok_ = (body.mapMode() & needed) == needed;
-        else
-            ok_ = mapped_ = body.map(mode);
-    }
-    ~Mapping()
-    {
-        if (mapped_)
-            body_.unmap();
-    }
-    bool ok() const { return ok_; }
-
-private:
-    const VideoFrameQt& body_;
-    bool ok_ = false;
-    bool mapped_ = false;
-    Q_DISABLE_COPY(Mapping)
-};
 
 }  // namespace
 
@@ -91,8 +67,8 @@ bool VideoFrame::blend(const VideoFrame& overlay, int x, int y)
     if (!sws::isPlanarYuv(targetFormat) || !sws::isPlanarYuv(overlayFormat))
         return false;
 
-    Mapping target(*d, QAbstractVideoBuffer::ReadWrite, QAbstractVideoBuffer::WriteOnly);
-    Mapping source(*overlay.d, QAbstractVideoBuffer::ReadOnly, QAbstractVideoBuffer::ReadOnly);
+    ScopedMapping target(*d, QAbstractVideoBuffer::ReadWrite, QAbstractVideoBuffer::WriteOnly);
+    ScopedMapping source(*overlay.d, QAbstractVideoBuffer::ReadOnly, QAbstractVideoBuffer::ReadOnly);
     if (!target.ok() || !source.ok())
         return false;
 

@@ -58,6 +58,18 @@ QVideoFrame copyPlane(QVideoFrame& src, int align, int minBytesPerLine, bool req
 
 }  // namespace
 
+void VideoFrameQt::copyCloneMetadataTo(VideoFrameQt& out) const
+{
+    out.scaleX_ = scaleX_;
+    out.scaleY_ = scaleY_;
+    out.attachedData_ = attachedData_;
+    out.id_ = id_;
+    out.streamId_ = streamId_;
+    out.image_ = image_;
+    out.decodingDurationNanoSecs_ = decodingDurationNanoSecs_;
+    out.hasImage_ = true;
+}
+
 VideoFrameQt VideoFrameQt::clone(const BufferProperties& p) const
 {
     QVideoFrame a = p.skipAlpha ? QVideoFrame() : copyPlane(planeA, p.alignA, p.minBytesPerLineA, true);
@@ -65,15 +77,8 @@ VideoFrameQt VideoFrameQt::clone(const BufferProperties& p) const
     QVideoFrame u = copyPlane(planeU, p.alignU, p.minBytesPerLineU, true);
     QVideoFrame y = copyPlane(planeY, p.alignY, p.minBytesPerLineY, true);
     VideoFrameQt out(y, u, v, a, pixelFormat());
-    out.scaleX_ = scaleX_;
-    out.scaleY_ = scaleY_;
-    out.attachedData_ = attachedData_;
+    copyCloneMetadataTo(out);
     out.viewName_ = viewName_;
-    out.id_ = id_;
-    out.streamId_ = streamId_;
-    out.image_ = image_;
-    out.decodingDurationNanoSecs_ = decodingDurationNanoSecs_;
-    out.hasImage_ = true;
     return out;
 }
 
@@ -84,14 +89,7 @@ VideoFrameQt VideoFrameQt::clone(int align, bool withAlpha) const
     QVideoFrame u = copyPlane(planeU, align, 0, true);
     QVideoFrame y = copyPlane(planeY, align, 0, true);
     VideoFrameQt out(y, u, v, a, pixelFormat());
-    out.scaleX_ = scaleX_;
-    out.scaleY_ = scaleY_;
-    out.attachedData_ = attachedData_;
-    out.id_ = id_;
-    out.streamId_ = streamId_;
-    out.image_ = image_;
-    out.decodingDurationNanoSecs_ = decodingDurationNanoSecs_;
-    out.hasImage_ = true;
+    copyCloneMetadataTo(out);  // this form deliberately leaves viewName empty
     return out;
 }
 

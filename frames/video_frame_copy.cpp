@@ -3,6 +3,7 @@
 #include "frames/sws_formats.h"
 #include "orvo/scale_context.h"
 #include "orvo/video_frame.h"
+#include "frames/scoped_mapping.h"
 
 #include <cstring>
 
@@ -69,38 +70,13 @@ void fillCovered(const PlaneView& dst, const PlaneView& srcY, int ox, int oy, bo
     }
 }
 
-// The metadata a clone carries.
+// The metadata a clone made from properties carries.
 void takeCloneMetadata(VideoFrame& out, const VideoFrame& in)
 {
-    out.setScale(in.getScaleX(), in.getScaleY());
-    out.setAttachedData(in.attachedData());
+    in.body()->copyCloneMetadataTo(*out.body());
     out.setViewName(in.viewName());
-    out.setId(in.id());
-    out.setStreamId(in.streamId());
-    out.setImage(in.imageRef());  // also marks the copy as carrying an image, as clone() does
-    out.setDecodingDurationNanoSecs(in.decodingDurationNanoSecs());
 }
 
-// Maps a source for reading unless it is mapped already; unmaps on scope exit only what it mapped.
-class SourceMapping {
-public:
-    explicit SourceMapping(const VideoFrameQt& body) : body_(body)
-    {
-        ok_ = body.isMapped() || (mapped_ = body.map(QAbstractVideoBuffer::ReadOnly));
-    }
-    ~SourceMapping()
-    {
-        if (mapped_)
-            body_.unmap();
-    }
-    bool ok() const { return ok_; }
-
-private:
-    const VideoFrameQt& body_;
-    bool ok_ = false;
-    bool mapped_ = false;
-    Q_DISABLE_COPY(SourceMapping)
-};
 
 }  // namespace
 
@@ -109,7 +85,7 @@ VideoFrame VideoFrame::copy(int x, int y, int width, int height, const BufferPro
 {
     if (!d || !d->areSeparatePlanes() || width < 1 || height < 1)
         return VideoFrame();
-    SourceMapping source(*d);
+    ScopedMapping source(*d, QAbstractVideoBuffer::ReadOnly, QAbstractVideoBuffer::ReadOnly);
     if (!source.ok())
         return VideoFrame();
 
@@ -148,7 +124,7 @@ VideoFrame VideoFrame::convertToFormat(OrvoPixelFormat format, const BufferPrope
         return copy(0, 0, W, H, props, false);
     if (W < 1 || H < 1)
         return VideoFrame();
-    SourceMapping source(*d);
+    ScopedMapping source(*d, QAbstractVideoBuffer::ReadOnly, QAbstractVideoBuffer::ReadOnly);
     if (!source.ok())
         return VideoFrame();
 

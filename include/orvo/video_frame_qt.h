@@ -150,6 +150,9 @@ public:
     // --- deep copies ----------------------------------------------------------------
     VideoFrameQt clone(const BufferProperties& properties) const;
     VideoFrameQt clone(int align, bool withAlpha) const;
+    // The metadata every deep copy carries: scale, attachedData, id, streamId, image and
+    // decoding time, with hasImage set; not viewName, which only some copies take.
+    void copyCloneMetadataTo(VideoFrameQt& out) const;
 
     // --- fills (the caller maps the frame for writing first) ---------------------------
     void fill(int yValue, int uValue, int vValue, int x, int y, int width, int height);
@@ -171,7 +174,6 @@ public:
 
 private:
     friend class VideoFrame;
-    void init();
 
     mutable QVideoFrame planeY;
     mutable QVideoFrame planeU;
