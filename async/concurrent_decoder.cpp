@@ -85,6 +85,30 @@ int ConcurrentDecoder::waveletScaleLevel()
     return impl ? impl->scaleLevel() : 0;
 }
 
+void ConcurrentDecoder::setDecodeIFramesOnly(bool on)
+{
+    if (const auto impl = qSharedPointerObjectCast<ConcurrentDecoderImpl>(qSharedPointerInterface()))
+        impl->setDecodeIFramesOnly(on);
+}
+
+bool ConcurrentDecoder::isDecodeIFramesOnly()
+{
+    const auto impl = qSharedPointerObjectCast<ConcurrentDecoderImpl>(qSharedPointerInterface());
+    return impl && impl->isDecodeIFramesOnly();
+}
+
+quint64 ConcurrentDecoder::droppedImages()
+{
+    const auto impl = qSharedPointerObjectCast<ConcurrentDecoderImpl>(qSharedPointerInterface());
+    return impl ? impl->droppedImages() : 0;
+}
+
+quint64 ConcurrentDecoder::decodedFrames()
+{
+    const auto impl = qSharedPointerObjectCast<ConcurrentDecoderImpl>(qSharedPointerInterface());
+    return impl ? impl->decodedFrames() : 0;
+}
+
 OrderedConcurrentDecoder::OrderedConcurrentDecoder(QObject* parent)
     : ConcurrentDecoder(new OrderedConcurrentDecoderImpl(nullptr), parent)
 {

@@ -70,13 +70,27 @@ int ConcurrentDecoderImpl::decode(const Image& image)
 
 int ConcurrentDecoderImpl::decode(const Image& image, bool clearOnIFrame, int maxQueue, bool synchronous)
 {
-    Q_UNUSED(maxQueue);
-    if (image.iframe() && clearOnIFrame)
-        clearBacklog();  // older images are useless once an I-frame is there
+    if (!image.iframe()) {
+        // A wall that cannot keep up must stay near live: beyond the bound, and in
+        // I-frame-only mode, inter frames are refused until the next I-frame.
+        if (iframesOnly_ || waitForIFrame_ || (maxQueue >= 0 && inputQueue_.size() >= maxQueue)) {
+            waitForIFrame_ = true;
+            ++droppedImages_;
+            return 0;
+        }
+    } else {
+        waitForIFrame_ = false;
+        if (clearOnIFrame)
+            clearBacklog();  // older images are useless once an I-frame is there
+    }
 
     if (synchronous) {
-        if (!inputQueue_.isEmpty())
+        if (!inputQueue_.isEmpty()) {
+            // Its successors would predict from it: they wait for the next I-frame too.
+            waitForIFrame_ = true;
+            ++droppedImages_;
             return 0;
+        }
         // A frameDecoded handler may destroy the handle that owns this object.
         const QSharedPointer<ConcurrentDecoderImpl> guard = weakSelf_.toStrongRef();
         if (slots_.isEmpty())
@@ -92,6 +106,8 @@ int ConcurrentDecoderImpl::decode(const Image& image, bool clearOnIFrame, int ma
             // No exception leaves the library; the failure is reported by the result.
             ok = false;
         }
+        if (ok)
+            ++decodedFrames_;
         frameFinished(frame);
         return ok ? 3 : -1;
     }
@@ -102,6 +118,7 @@ int ConcurrentDecoderImpl::decode(const Image& image, bool clearOnIFrame, int ma
         olog(decoderLog, LOG_ERROR, "orvo::ConcurrentDecoderImpl::decode",
              "No weak pointer to the decoder set; image %llu not accepted.",
              static_cast<unsigned long long>(image.id()));
+        ++droppedImages_;
         return 0;
     }
     inputQueue_.append(image);
@@ -218,10 +235,12 @@ int ConcurrentDecoderImpl::emitFinishedImages()
             slot->cancelled = true;
             ++i;
         }
-        if (error.isError())
+        if (error.isError()) {
             decodingError(error);
-        else
+        } else {
+            ++decodedFrames_;
             frameFinished(frame);
+        }
         ++count;
     }
     return count;
@@ -314,6 +333,7 @@ void ConcurrentDecoderImpl::forgetScheduledImages()
 
 void ConcurrentDecoderImpl::clearBacklog()
 {
+    droppedImages_ += quint64(inputQueue_.size());
     inputQueue_.clear();
     // Keeps the scheduler's entries one-to-one with the backlog.
     forgetScheduledImages();

@@ -3,6 +3,7 @@
 //   (b) Decoder with the default path (pictures copied into the frame's planes),
 //   (c) Decoder with zero-copy decoding (frames wrap FFmpeg's buffers).
 // Prints frames per second for each and the ratios b/a and c/a.
+#include "bench_report.h"
 #include "orvo/decoder.h"
 #include "orvo/decoder_preferences.h"
 
@@ -201,6 +202,14 @@ int main(int argc, char** argv)
             continue;
         std::printf("%-30s %8.1f %10.1f %12.1f   %5.3f  %5.3f\n",
                     std::string(args) == "stream:0" ? "H.264 1920x1080" : "H.264 1280x720", a, b, c, b / a, c / a);
+    }
+    for (const char* args : {"stream:0", "stream:1"}) {
+        const double a = reporter.fps["BM_RawLibavcodec"][args];
+        if (a <= 0)
+            continue;
+        const std::string what = std::string("decode H.264 ") + (std::string(args) == "stream:0" ? "1080p" : "720p");
+        orvo::bench::report(what + " default", reporter.fps["BM_DecoderDefault"][args], a, "fps", ">= 0.92");
+        orvo::bench::report(what + " zero-copy", reporter.fps["BM_DecoderZeroCopy"][args], a, "fps", ">= 0.97");
     }
     benchmark::Shutdown();
     return 0;

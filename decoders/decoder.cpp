@@ -24,7 +24,7 @@ namespace {
 LogCategory decoderCategory("orvo.decoder");
 
 // The codes the dispatcher knows, with the terminating zero: code 0 counts as known.
-constexpr char kKnownCodes[] = "pPnNhHjJmMyYxXr";
+constexpr char kKnownCodes[] = "pPnNhHjJmMyYxXreE";
 
 bool isKnownCode(unsigned char type)
 {
@@ -65,6 +65,9 @@ AbstractDecoder* createDecoder(unsigned char type, int param)
         return new DecoderAV(FormatIn_MXPEG);
     case 'r':
         return new DecoderJPEG2000(param);
+    case 'e':
+    case 'E':
+        return new DecoderAV(FormatIn_HEVC);
     case 'y':
         return new DecoderYUV;
     default:  // 'Y' and 0

@@ -20,6 +20,7 @@ unsigned char DecoderAV::getFormat() const
     case FormatIn_MPEG2: return 'M';
     case FormatIn_MPEG4: return 'm';
     case FormatIn_MXPEG: return 'X';
+    case FormatIn_HEVC: return 'e';
     }
     return '?';
 }

@@ -52,6 +52,7 @@ AVCodecID codecIdOf(FormatIn format)
     case FormatIn_MPEG2: return AV_CODEC_ID_MPEG2VIDEO;
     case FormatIn_MPEG4: return AV_CODEC_ID_MPEG4;
     case FormatIn_MXPEG: return AV_CODEC_ID_MXPEG;
+    case FormatIn_HEVC: return AV_CODEC_ID_HEVC;
     }
     return AV_CODEC_ID_NONE;
 }

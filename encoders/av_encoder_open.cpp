@@ -11,6 +11,7 @@ extern "C" {
 }
 
 #include <cstdio>
+#include <cstring>
 
 namespace orvo {
 
@@ -18,6 +19,26 @@ namespace {
 LogCategory encoderLog("orvo.encoder");
 constexpr unsigned int kCodecNone = 0;
 constexpr unsigned int kCodecAuto = AV_CODEC_ID_PROBE;  // 102400: the container's default
+
+// The video encoder for `codec`. H.265 is always libx265: FFmpeg may list hardware
+// encoders first that need a device and take other options.
+const AVCodec* videoEncoderFor(AVCodecID codec)
+{
+    if (codec == AV_CODEC_ID_HEVC)
+        if (const AVCodec* x265 = avcodec_find_encoder_by_name("libx265"))
+            return x265;
+    return avcodec_find_encoder(codec);
+}
+
+// Apple players open H.265 in MP4/MOV only under the tag 'hvc1' (parameter sets in the
+// sample description); FFmpeg writes 'hev1' unless told.
+void preferHvc1Tag(const AVOutputFormat* format, AVCodecParameters* par)
+{
+    const unsigned int hvc1 = MKTAG('h', 'v', 'c', '1');
+    if (par->codec_id == AV_CODEC_ID_HEVC && format->codec_tag &&
+        av_codec_get_id(format->codec_tag, hvc1) == AV_CODEC_ID_HEVC)
+        par->codec_tag = hvc1;
+}
 
 AVCodecID chosenCodec(unsigned int requested, AVCodecID containerDefault)
 {
@@ -181,6 +202,8 @@ bool AVEncoder::open(const std::string& filename, const std::string& formatName,
         error.setErrorId(EncoderError::MemoryAllocationError);
         return false;
     }
+    if (videoStream_)
+        preferHvc1Tag(format, videoStream_->codecpar);
     if (audioStream_ && avcodec_parameters_from_context(audioStream_->codecpar, audioContext_) < 0) {
         closeResources();
         error.setErrorId(EncoderError::MemoryAllocationError);
@@ -221,7 +244,7 @@ AVStream* AVEncoder::add_video_stream(AVCodecID codec, int width, int height, in
     AVStream* stream = avformat_new_stream(formatContext_, nullptr);
     // The context is made for the encoder itself so that its private options (preset,
     // tune, ...) can be set from the preset file before it opens.
-    AVCodecContext* c = stream ? avcodec_alloc_context3(avcodec_find_encoder(codec)) : nullptr;
+    AVCodecContext* c = stream ? avcodec_alloc_context3(videoEncoderFor(codec)) : nullptr;
     if (!c) {
         std::fprintf(stderr, "Could not alloc stream\n");
         return nullptr;
@@ -245,6 +268,10 @@ AVStream* AVEncoder::add_video_stream(AVCodecID codec, int width, int height, in
         c->max_b_frames = 2;
     if (codec == AV_CODEC_ID_MPEG1VIDEO)
         c->mb_decision = 2;
+    // libx265 prints its own banner and statistics on standard error unless told not to;
+    // the library keeps FFmpeg's messages out of the client's output, and x265's too.
+    if (codec == AV_CODEC_ID_HEVC && c->codec && std::strcmp(c->codec->name, "libx265") == 0)
+        av_opt_set(c->priv_data, "x265-params", "log-level=error", 0);
     // As many threads as the codec finds useful; a preset line threads=1 overrides it.
     c->thread_count = 0;
     if (formatContext_->oformat->flags & AVFMT_GLOBALHEADER)
@@ -286,7 +313,7 @@ AVStream* AVEncoder::add_audio_stream(AVCodecID codec, int bitRate, int sampleRa
 
 bool AVEncoder::open_video(int bufferSize)
 {
-    const AVCodec* codec = avcodec_find_encoder(videoCodecId_);
+    const AVCodec* codec = videoEncoderFor(videoCodecId_);
     if (!codec) {
         olog(encoderLog, LOG_ERROR, "orvo::AVEncoder::open_video", "Video codec not found, codec id: %d",
              static_cast<int>(videoCodecId_));

@@ -19,7 +19,12 @@ public:
     ~ConcurrentDecoder() override;
 
     int inputQueueMaxSize();
-    void setInputQueueMaxSize(int size);  // stored and reported, not enforced
+    // Bounds the backlog (default 2147483647, in effect none; a negative size sets no
+    // bound): while it holds `size` images, images that are not I-frames are refused
+    // until the next I-frame, so a stream that cannot keep up stays near live. I-frames
+    // are always accepted (with clearing on, they empty the backlog first; with it off
+    // they may exceed the bound by themselves).
+    void setInputQueueMaxSize(int size);
     void clearInputQueueOnIFrames();
     void keepInputQueueOnIFrames();
     bool isInputQueueClearedOnIFrames();
@@ -28,6 +33,14 @@ public:
     bool isSingleThreadedMode();
     void setWaveletScaleLevel(int level);
     int waveletScaleLevel();
+    // Default off. While on, decode() refuses (returns 0) every image that is not an
+    // I-frame, so none reaches the pool; switching it off resumes at the next I-frame.
+    void setDecodeIFramesOnly(bool on);
+    bool isDecodeIFramesOnly();
+    // Images refused by decode() or cleared from the backlog since construction, and
+    // pictures decoded and delivered since construction.
+    quint64 droppedImages();
+    quint64 decodedFrames();
     void myconnect2() {}
 
 protected:

@@ -33,8 +33,13 @@ public:
     // a weak pointer to itself, see setWeakPointerToThis; the handles do that).
     // Synchronous mode: decodes at once, emits the frame (also a failed one) and returns
     // 3 or -1; returns 0 without decoding while a backlog remains.
+    // Either mode refuses (returns 0, queues nothing) an image that is not an I-frame
+    // when only I-frames are decoded, when the backlog holds inputQueueMaxSize images,
+    // or when an earlier image of its group of pictures was refused: the stream then
+    // resumes at its next I-frame, as P-frames without their references decode to
+    // garbage. I-frames are accepted (in synchronous mode only without a backlog).
     int decode(const Image& image) override;
-    // `maxQueue` is accepted and not used.
+    // `maxQueue` bounds the backlog as above.
     int decode(const Image& image, bool clearOnIFrame, int maxQueue, bool synchronous);
     int decodeScheduledImage(Image& image) override;
 
@@ -83,6 +88,15 @@ public:
     void setClearInputQueueOnIFrames(bool on) { clearInputQueueOnIFrames_ = on; }
     bool isSingleThreadedMode() const { return singleThreaded_; }
     void setSingleThreadedMode(bool on) { singleThreaded_ = on; }
+    // Only I-frames are accepted while on. Switching it off resumes at the next I-frame.
+    bool isDecodeIFramesOnly() const { return iframesOnly_; }
+    void setDecodeIFramesOnly(bool on) { iframesOnly_ = on; }
+
+    // Images refused by decode() or cleared from the backlog since construction.
+    quint64 droppedImages() const { return droppedImages_; }
+    // Pictures decoded and handed on (frameFinished) since construction; failed decodes
+    // and results of cancelled jobs do not count.
+    quint64 decodedFrames() const { return decodedFrames_; }
 
 protected:
     int decode_async(const Image& image);
@@ -107,6 +121,12 @@ private:
     bool singleThreaded_;
     bool clearInputQueueOnIFrames_ = false;
     int scaleLevel_ = 0;
+    bool iframesOnly_ = false;
+    // A non-I-frame was refused (also in I-frame-only mode): later ones are refused until
+    // the next I-frame, which is also how switching that mode off resumes cleanly.
+    bool waitForIFrame_ = false;
+    quint64 droppedImages_ = 0;
+    quint64 decodedFrames_ = 0;
     // Jobs counted in the scheduler's in-flight total whose finish has not been handled
     // here yet; handed back to the scheduler if this object dies first.
     int countedJobs_ = 0;

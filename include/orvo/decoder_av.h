@@ -1,6 +1,6 @@
 #pragma once
-// DecoderAV: the generic FFmpeg decoder behind the codes 'h' (H.264), 'j' (Motion
-// JPEG), 'M' (MPEG-2), 'm' (MPEG-4) and 'x' (MxPEG). Each instance owns one FFmpeg
+// DecoderAV: the generic FFmpeg decoder behind the codes 'h' (H.264), 'e' (H.265),
+// 'j' (Motion JPEG), 'M' (MPEG-2), 'm' (MPEG-4) and 'x' (MxPEG). Each instance owns one FFmpeg
 // decoder and its reference pictures: use one per stream, from one thread at a time.
 #include "orvo/decoder.h"
 #include "orvo/ffmpeg_module.h"
@@ -15,7 +15,7 @@ public:
     // out). Unless JPEG 2000 pass-through is on, the payload is first searched for
     // JPEG 2000 boxes and decoding starts where they say.
     bool decode(unsigned char* data, int size, orvo::VideoFrame& frame, bool iframe) override;
-    // 'h', 'r', 'j', 'M', 'm', 'X' by format, '?' for an unknown one.
+    // 'h', 'r', 'j', 'M', 'm', 'X', 'e' by format, '?' for an unknown one.
     unsigned char getFormat() const override;
     bool is_stream_based() const override { return true; }
     bool produces_shallow_images() const override { return true; }

@@ -20,6 +20,7 @@ enum FormatIn : qint32 {
     FormatIn_MPEG2 = 4,
     FormatIn_MPEG4 = 5,
     FormatIn_MXPEG = 6,
+    FormatIn_HEVC = 7,
 };
 
 struct DecodeContext {
