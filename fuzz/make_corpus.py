@@ -82,6 +82,53 @@ def main():
     j2k = ffmpeg(lavfi("40x24", 1) + ["-c:v", "jpeg2000", "-f", "image2pipe"], ".j2k")
     save("fuzz_decode_jpeg2000", "codestream", 1, [j2k])
 
+    # JPEG 2000 boxes: a JP2 file (signature, ftyp, jp2h, jp2c), a camera payload with a
+    # header in front of its boxes, and a chain that ends in a zero-length box.
+    jp2 = ffmpeg(lavfi("32x32", 1) + ["-c:v", "libopenjpeg", "-format", "jp2", "-numresolution", "3",
+                                      "-f", "image2pipe"], ".jp2")
+    save("fuzz_jpeg2000_boxes", "jp2_file", 0, [jp2])
+    save("fuzz_jpeg2000_boxes", "jp2_codestream_atoms", 0x03, [b"CAMHDR00" + jp2, jp2])
+    box = lambda t, body: struct.pack(">I", 8 + len(body)) + t + body
+    chain = box(b"ftyp", b"jp2 \0\0\0\0") + box(b"jp2h", box(b"ihdr", bytes(14))) + b"\0\0\0\0jp2c" + j2k[:64]
+    save("fuzz_jpeg2000_boxes", "zero_length_mjpeg", 0x06, [chain, mjpeg[0]])
+
+    # H.264 slice dump and payload cut: access units, and camera payloads with doubled start
+    # codes, a single trailing byte and FF padding before the next start code.
+    sc = b"\x00\x00\x00\x01"
+    save("fuzz_h264_slice_dump", "access_units", 0x03, [b"".join(units)])
+    save("fuzz_h264_slice_dump", "camera_repairs", 0x03,
+         [sc + sc + units[-1][4:] + sc + b"\x09" + sc, units[-1] + b"\xff" * 4 + sc + b"\x00", sc + sc + sc + b"\x65\x88" + sc])
+
+    # Preset files: the usual name=value lines, comments, CR LF, blanks, unknown and bad values.
+    presets = os.path.join(OUT, "fuzz_encoder_presets")
+    os.makedirs(presets, exist_ok=True)
+    with open(os.path.join(presets, "x264_lines"), "wb") as f:
+        f.write(b"# low-delay camera recording\ncoder=0\r\nflags=+loop\n  me_method=dia\nsubq=1\ng=25\n"
+                b"bf=0\nrefs=1\nthreads=1\npreset=ultrafast\ntune=zerolatency\nqmin = 10\nnot_an_option=3\n"
+                b"crf=abc\n=\n\n\t# tab comment\nx264-params=keyint=5:scenecut=0\n")
+    with open(os.path.join(presets, "no_newline"), "wb") as f:
+        f.write(b"qcomp=0.6\nqmax=51")
+
+    # Audio buffer scripts (operation byte, then arguments; see fuzz_audio_buffer.cpp).
+    def count16(n):
+        return bytes([1, n >> 8 & 255, n & 255])
+    ops = b"".join([
+        bytes([0x8A, 3]),                          # 4 pictures
+        bytes([0x00]) + count16(3000) + bytes([0]),  # enqueue 3000 while audio lags
+        bytes([0x80]) + count16(3000) + bytes([7]),  # enqueue ahead
+        bytes([0x03]) + count16(5000),             # silence
+        bytes([0x09]) + bytes([0, 3]),             # push 3 at front
+        bytes([0x08]) + bytes([0, 5]) + bytes([0, 10]),  # discard(5, 10)
+        bytes([0x07]) + bytes([0, 20]),            # discard_front(20)
+        bytes([0x0D, 0x84, 0x0C, 0x02]),           # rooms, flush ahead, reset, enqueue_some
+    ])
+    save_raw = lambda target, name, data: open(os.path.join(OUT, target, name), "wb").write(data)
+    os.makedirs(os.path.join(OUT, "fuzz_audio_buffer"), exist_ok=True)
+    save_raw("fuzz_audio_buffer", "mixed_ops", ops)
+    full = b"".join([bytes([0x03, 3, 255, 255, 255, 255]), bytes([0x00]) + count16(60000) + bytes([0]),
+                     bytes([0x0F, 1, 0x20, 0x00]), bytes([0x8A, 7, 0x04, 0x0E])])
+    save_raw("fuzz_audio_buffer", "buffer_full", full)
+
     vc2 = ffmpeg(["-f", "lavfi", "-i", "color=gray:size=720x288:rate=25", "-frames:v", "1", "-c:v", "vc2",
                   "-b:v", "300k", "-strict", "-1", "-f", "rawvideo"], ".drc")
     if len(vc2) < 65536:  # VC-2 has a floor of about 44 KB per field

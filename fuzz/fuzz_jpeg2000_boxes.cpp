@@ -1,0 +1,65 @@
+// The JPEG 2000 box search and list, and DecoderAV with pass-through off so that every
+// payload goes through the box search before FFmpeg. Option bits: 0 jpeg2000codestream,
+// 1 jpeg2000display_atoms, 2..3 the FormatIn of the DecoderAV (JPEG 2000, Motion JPEG,
+// H.264, MPEG-4).
+#include "decoders/jpeg2000_boxes.h"
+#include "fuzz/fuzz_input.h"
+#include "orvo/decoder_av.h"
+#include "orvo/decoder_preferences.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+namespace {
+
+quint32 be32(const unsigned char* p)
+{
+    return quint32(p[0]) << 24 | quint32(p[1]) << 16 | quint32(p[2]) << 8 | quint32(p[3]);
+}
+
+// A broken property is a finding: say which one, then stop as a crash would.
+#define check(ok) \
+    ((ok) ? (void)0 : (std::fprintf(stderr, "check failed: %s (line %d)\n", #ok, __LINE__), std::abort()))
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    orvo::fuzz::silenceQtDebug();
+    const auto in = orvo::fuzz::split(data, size);
+    const bool codestream = (in.options & 1) != 0;
+    const bool atoms = (in.options & 2) != 0;
+    static const orvo::FormatIn formats[] = {orvo::FormatIn_JPEG2000, orvo::FormatIn_MJPEG, orvo::FormatIn_H264,
+                                             orvo::FormatIn_MPEG4};
+
+    // The parsers alone, on exactly sized copies so that any read past the end is caught.
+    for (const QByteArray& chunk : in.chunks) {
+        const std::vector<unsigned char> bytes(chunk.begin(), chunk.end());
+        const unsigned char* p = bytes.empty() ? nullptr : bytes.data();
+        const int n = int(bytes.size());
+        const quint32 types[] = {orvo::jp2::kSignature, orvo::jp2::kFileType, orvo::jp2::kHeader,
+                                 orvo::jp2::kCodestream, n >= 8 ? be32(p + 4) : 0u};
+        for (quint32 type : types) {
+            const int at = orvo::jp2::findBox(p, n, type);
+            // A box found has its whole header inside the data and the asked type.
+            check(at == -1 || (at >= 0 && at + 8 <= n && be32(p + at + 4) == type));
+        }
+        if (atoms)
+            orvo::jp2::listBoxes(p, n);
+        const int start = orvo::jp2::codestreamStart(p, n, codestream, atoms);
+        check(start >= 0 && (start == 0 || start < n));
+    }
+
+    auto* prefs = orvo::DecoderPreferences::instance();
+    prefs->setJpeg2000passthrough(false);
+    prefs->setJpeg2000codestream(codestream);
+    prefs->setJpeg2000display_atoms(atoms);
+    orvo::DecoderAV decoder(formats[(in.options >> 2) & 3]);
+    for (const QByteArray& chunk : in.chunks) {
+        std::vector<unsigned char> payload(chunk.begin(), chunk.end());
+        orvo::VideoFrame frame;
+        decoder.decode(payload.empty() ? nullptr : payload.data(), int(payload.size()), frame, false);
+    }
+    return 0;
+}
