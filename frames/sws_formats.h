@@ -57,6 +57,22 @@ inline AVPixelFormat fromQImageFormat(QImage::Format format)
 constexpr AVPixelFormat kQImageRgb32 = AV_PIX_FMT_BGRA;
 
 // Ceiling division for the chroma extent of a region of `n` luma samples.
+// The source region of scaleTo and convertToQImage in a W x H picture: a negative origin
+// counts from the right / bottom, a negative size means the whole side, and the region is
+// cut at the picture's edge. False when the origin is still negative.
+inline bool resolveRegion(int W, int H, int& x, int& y, int width, int height, int& rw, int& rh)
+{
+    if (x < 0)
+        x += W;
+    if (y < 0)
+        y += H;
+    if (x < 0 || y < 0)
+        return false;
+    rw = qMin(width < 0 ? W : width, W - x);
+    rh = qMin(height < 0 ? H : height, H - y);
+    return true;
+}
+
 inline int chromaExtent(int n, int decimation) { return (n + decimation - 1) / decimation; }
 
 // swscale's vector code in this FFmpeg release writes past the end of destination rows (by up to

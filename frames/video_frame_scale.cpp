@@ -35,16 +35,9 @@ bool VideoFrameQt::scaleTo(VideoFrameQt& dst, ScaleContext& ctx, int x, int y, i
     if (!bitsY() || !bitsU() || !bitsV() || !dst.bitsY() || !dst.bitsU() || !dst.bitsV())
         return false;
 
-    const int W = widthY();
-    const int H = heightY();
-    if (x < 0)
-        x += W;
-    if (y < 0)
-        y += H;
-    if (x < 0 || y < 0)
+    int rw = 0, rh = 0;
+    if (!sws::resolveRegion(widthY(), heightY(), x, y, width, height, rw, rh))
         return false;
-    const int rw = qMin(width < 0 ? W : width, W - x);
-    const int rh = qMin(height < 0 ? H : height, H - y);
 
     const sws::PlanarLayout src = sws::planarLayout(pixelFormat());
     const OrvoPixelFormat dstFormat = dst.pixelFormat() == Format_Invalid ? pixelFormat() : dst.pixelFormat();

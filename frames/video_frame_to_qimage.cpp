@@ -55,16 +55,9 @@ QImage VideoFrameQt::convertToQImage(OrvoPixelFormat /*format: the output is alw
     if (!wasMapped)
         map(QAbstractVideoBuffer::ReadOnly);
 
-    const int W = widthY();
-    const int H = heightY();
-    if (x < 0)
-        x += W;
-    if (y < 0)
-        y += H;
-    if (x < 0 || y < 0)
+    int rw = 0, rh = 0;
+    if (!sws::resolveRegion(widthY(), heightY(), x, y, width, height, rw, rh))
         return result;
-    const int rw = qMin(width < 0 ? W : width, W - x);
-    const int rh = qMin(height < 0 ? H : height, H - y);
     if (rw < 1 || rh < 1)
         return result;
 
