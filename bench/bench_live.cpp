@@ -8,6 +8,7 @@
 //                wall clock against the full run (goal: under a third).
 // Streams start at staggered times, as independent cameras do, so their I-frames are
 // spread over the second.
+#include "bench_clips.h"
 #include "bench_report.h"
 #include "orvo/concurrent_decoder.h"
 #include "orvo/image.h"
@@ -43,45 +44,13 @@ constexpr qint64 kGopNs = kFrameNs * kGop;
 constexpr int kSeconds = 10;  // of live video per run
 constexpr int kClipFrames = kFps * 4;
 
-struct Packet {
-    QByteArray data;
-    bool key = false;
-};
+using orvo::bench::Packet;
 
 // Camera-like 360p H.264 (moving pattern with sensor noise, about 1 Mbit/s, no B-frames),
 // made once by the ffmpeg command line, as Annex B access units.
 const std::vector<Packet>& clip()
 {
-    static const std::vector<Packet> packets = [] {
-        std::vector<Packet> out;
-        const auto dir = std::filesystem::canonical("/proc/self/exe").parent_path() / "bench_live_data";
-        std::filesystem::create_directories(dir);
-        const std::string path = (dir / "camera360p.h264").string();
-        if (!std::filesystem::exists(path)) {
-            const std::string tmp = path + ".part.h264";
-            const std::string cmd = "ffmpeg -nostdin -v error -y -f lavfi -i testsrc2=size=640x360:rate=25,noise=alls=8:"
-                                    "allf=t -frames:v " +
-                                    std::to_string(kClipFrames) +
-                                    " -c:v libx264 -preset veryfast -bf 0 -g 25 -keyint_min 25 -sc_threshold 0 "
-                                    "-b:v 1M -pix_fmt yuv420p -f h264 '" +
-                                    tmp + "'";
-            if (std::system(cmd.c_str()) != 0 || std::rename(tmp.c_str(), path.c_str()) != 0)
-                return out;
-        }
-        AVFormatContext* fmt = nullptr;
-        if (avformat_open_input(&fmt, path.c_str(), nullptr, nullptr) < 0)
-            return out;
-        avformat_find_stream_info(fmt, nullptr);
-        AVPacket* pkt = av_packet_alloc();
-        while (av_read_frame(fmt, pkt) >= 0) {
-            out.push_back({QByteArray(reinterpret_cast<const char*>(pkt->data), pkt->size),
-                           (pkt->flags & AV_PKT_FLAG_KEY) != 0});
-            av_packet_unref(pkt);
-        }
-        av_packet_free(&pkt);
-        avformat_close_input(&fmt);
-        return out;
-    }();
+    static const std::vector<Packet> packets = orvo::bench::annexBClip("bench_live_data", "camera360p.h264", "-f lavfi -i testsrc2=size=640x360:rate=25,noise=alls=8:allf=t -frames:v " + std::to_string(kClipFrames) + " -c:v libx264 -preset veryfast -bf 0 -g 25 -keyint_min 25 -sc_threshold 0 -b:v 1M -pix_fmt yuv420p -f h264");
     return packets;
 }
 

@@ -3,6 +3,7 @@
 // raw libavcodec decoder per stream, the streams spread over idealThreadCount() plain
 // threads. Prints aggregate frames per second of both, the ratio, and the spread between
 // the fastest and the slowest stream.
+#include "bench_clips.h"
 #include "bench_report.h"
 #include "orvo/concurrent_decoder.h"
 #include "orvo/decoder_preferences.h"
@@ -40,46 +41,13 @@ constexpr int kClipFrames = 60;
 // for small N), so each run lasts a few seconds.
 constexpr int kPicturesPerRun = 960;
 
-struct Packet {
-    QByteArray data;
-    bool key = false;
-};
+using orvo::bench::Packet;
 
-std::filesystem::path workDir()
-{
-    const auto dir = std::filesystem::canonical("/proc/self/exe").parent_path() / "bench_multistream_data";
-    std::filesystem::create_directories(dir);
-    return dir;
-}
 
 // A 720p Annex B H.264 clip cut into access units (made once by the ffmpeg command line).
 const std::vector<Packet>& clip()
 {
-    static const std::vector<Packet> packets = [] {
-        std::vector<Packet> out;
-        const std::string path = (workDir() / "clip720p.h264").string();
-        if (!std::filesystem::exists(path)) {
-            const std::string cmd = "ffmpeg -nostdin -v error -y -f lavfi -i testsrc2=size=1280x720:rate=25 -frames:v " +
-                                    std::to_string(kClipFrames) +
-                                    " -c:v libx264 -preset veryfast -bf 0 -g 30 -pix_fmt yuv420p -f h264 '" + path +
-                                    "'";
-            if (std::system(cmd.c_str()) != 0)
-                return out;
-        }
-        AVFormatContext* fmt = nullptr;
-        if (avformat_open_input(&fmt, path.c_str(), nullptr, nullptr) < 0)
-            return out;
-        avformat_find_stream_info(fmt, nullptr);
-        AVPacket* pkt = av_packet_alloc();
-        while (av_read_frame(fmt, pkt) >= 0) {
-            out.push_back({QByteArray(reinterpret_cast<const char*>(pkt->data), pkt->size),
-                           (pkt->flags & AV_PKT_FLAG_KEY) != 0});
-            av_packet_unref(pkt);
-        }
-        av_packet_free(&pkt);
-        avformat_close_input(&fmt);
-        return out;
-    }();
+    static const std::vector<Packet> packets = orvo::bench::annexBClip("bench_multistream_data", "clip720p.h264", "-f lavfi -i testsrc2=size=1280x720:rate=25 -frames:v " + std::to_string(kClipFrames) + " -c:v libx264 -preset veryfast -bf 0 -g 30 -pix_fmt yuv420p -f h264");
     return packets;
 }
 
