@@ -1,8 +1,10 @@
 #include "orvo/decoder_jpeg.h"
 
+#include <QBuffer>
 #include <QByteArray>
 #include <QDebug>
 #include <QImage>
+#include <QImageReader>
 
 #include <algorithm>
 #include <cstring>
@@ -17,6 +19,22 @@ namespace orvo {
 namespace {
 
 constexpr int kHeaderSize = 384;
+// A header may declare up to 65535 x 65535 pixels from a few bytes; Qt would allocate the
+// whole picture before reading any scan. Cameras stay far below this (64 Mpixel).
+constexpr qint64 kMaxPixels = 8192LL * 8192;
+
+// QImage::loadFromData(jpeg, n, "JPEG") with the declared size checked first.
+bool loadJpeg(const uchar* jpeg, int n, QImage& image)
+{
+    QByteArray bytes = QByteArray::fromRawData(reinterpret_cast<const char*>(jpeg), n);
+    QBuffer device(&bytes);
+    device.open(QIODevice::ReadOnly);
+    QImageReader reader(&device, "JPEG");
+    const QSize size = reader.size();
+    if (!size.isValid() || qint64(size.width()) * size.height() > kMaxPixels)
+        return false;
+    return reader.read(&image);
+}
 
 // The loaded picture as a Format_YUV420P frame of its size (BT.601 video range, the
 // convention of the library's other frames). Null frame on failure.
@@ -92,14 +110,14 @@ bool DecoderJPEG::decode(unsigned char* data, int size, orvo::VideoFrame& frame,
     // load, so the others are skipped without asking Qt: same outcome, linear time.
     QImage image;
     for (int i = 0; i < n; ++i) {
-        if (i + 1 < n && jpeg[i] == 0xFF && jpeg[i + 1] == 0xD8 && image.loadFromData(jpeg + i, n - i, "JPEG")) {
+        if (i + 1 < n && jpeg[i] == 0xFF && jpeg[i + 1] == 0xD8 && loadJpeg(jpeg + i, n - i, image)) {
             qDebug() << "found i=" << i;
             return fill(frame, image);
         }
         if (i % 1000 == 0)
             qDebug() << "i=" << i;
     }
-    return image.loadFromData(jpeg, n, "JPEG") && fill(frame, image);
+    return loadJpeg(jpeg, n, image) && fill(frame, image);
 }
 
 }  // namespace orvo

@@ -91,6 +91,16 @@ TEST(JpegThroughQt, FillsAYuv420FrameMatchingTheJpegsDecode)
         EXPECT_FALSE(decodeJpeg(decoder, bad, frame));
         EXPECT_TRUE(frame == untouched);
     }
+    // A header declaring 20000 x 20000 from a few hundred bytes is refused before Qt
+    // allocates the picture (1.6 GB).
+    QByteArray huge = gradientJpeg(16, 16);
+    const int sof = huge.indexOf(QByteArray("\xff\xc0", 2));
+    ASSERT_GT(sof, 0);
+    huge[sof + 5] = huge[sof + 7] = char(20000 >> 8);
+    huge[sof + 6] = huge[sof + 8] = char(20000 & 0xff);
+    VideoFrame hugeFrame = untouched;
+    EXPECT_FALSE(decodeJpeg(decoder, header384() + huge, hugeFrame));
+    EXPECT_TRUE(hugeFrame == untouched);
     // Many SOI markers in junk: tried one by one, each failing quickly.
     QByteArray sois = header384();
     for (int i = 0; i < 2000; ++i)
