@@ -19,11 +19,9 @@ namespace orvo {
 namespace {
 
 constexpr int kHeaderSize = 384;
-// A header may declare up to 65535 x 65535 pixels from a few bytes; Qt would allocate the
-// whole picture before reading any scan. Cameras stay far below this (64 Mpixel).
-constexpr qint64 kMaxPixels = 8192LL * 8192;
 
-// QImage::loadFromData(jpeg, n, "JPEG") with the declared size checked first.
+// QImage::loadFromData(jpeg, n, "JPEG") with the declared size checked first: Qt would
+// allocate the whole picture before reading a single scan.
 bool loadJpeg(const uchar* jpeg, int n, QImage& image)
 {
     QByteArray bytes = QByteArray::fromRawData(reinterpret_cast<const char*>(jpeg), n);
@@ -31,7 +29,7 @@ bool loadJpeg(const uchar* jpeg, int n, QImage& image)
     device.open(QIODevice::ReadOnly);
     QImageReader reader(&device, "JPEG");
     const QSize size = reader.size();
-    if (!size.isValid() || qint64(size.width()) * size.height() > kMaxPixels)
+    if (!size.isValid() || qint64(size.width()) * size.height() > AbstractDecoder::kMaxPixels)
         return false;
     return reader.read(&image);
 }

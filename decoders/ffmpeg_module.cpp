@@ -1,5 +1,6 @@
 #include "orvo/ffmpeg_module.h"
 
+#include "orvo/decoder.h"
 #include "orvo/decoder_preferences.h"
 #include "orvo/log.h"
 
@@ -264,6 +265,8 @@ FFmpegModule::FFmpegModule(const DecodeContext& context) : d(new State)
     d->packet = av_packet_alloc();
     d->picture = av_frame_alloc();
     d->received = av_frame_alloc();
+    if (d->codec)
+        d->codec->max_pixels = ::AbstractDecoder::kMaxPixels;
     if (!d->codec || !d->packet || !d->picture || !d->received || avcodec_open2(d->codec, codec, nullptr) < 0) {
         std::fprintf(stderr, "could not open codec\n");
         std::fflush(stderr);

@@ -23,6 +23,10 @@ public:
     virtual unsigned char getFormat() const = 0;
     virtual bool is_stream_based() const;
     virtual bool produces_shallow_images() const;
+
+    // The largest picture a payload may declare (64 Mpixel, above every camera sensor):
+    // a few header bytes must not make a 64-stream client allocate gigabytes.
+    static constexpr qint64 kMaxPixels = 8192LL * 8192;
 };
 
 class Decoder {
