@@ -15,14 +15,7 @@ namespace orvo {
 bool VideoFrameQt::scaleTo(VideoFrameQt& dst, ScaleContext& ctx, int x, int y, int width, int height) const
 {
     // The destination takes the source's identity even when the scaling below fails.
-    dst.scaleX_ = scaleX_;
-    dst.scaleY_ = scaleY_;
-    dst.attachedData_ = attachedData_;
-    dst.id_ = id_;
-    dst.streamId_ = streamId_;
-    dst.image_ = image_;
-    dst.decodingDurationNanoSecs_ = decodingDurationNanoSecs_;
-    dst.hasImage_ = true;
+    copyCloneMetadataTo(dst);
 
     // Scaling a body into itself would read planes that swscale is overwriting.
     if (!planeY.isValid() || &dst == this)

@@ -63,6 +63,15 @@ struct Recorder {
     }
 };
 
+// The ids first..last, as Recorder::ids() lists them.
+inline std::vector<quint64> idRange(quint64 first, quint64 last)
+{
+    std::vector<quint64> out;
+    for (quint64 id = first; id <= last; ++id)
+        out.push_back(id);
+    return out;
+}
+
 // A small H.264 clip (176x144, no B-frames, an IDR every `gop` pictures) as camera images.
 inline QString h264Clip(int frames, int gop)
 {

@@ -277,12 +277,7 @@ TEST(Concurrent, IFrameClearingDropsExactlyTheImagesQueuedBeforeIt)
         for (const Image& image : images)
             ASSERT_EQ(decoder.decode(image), 1);
         const std::vector<quint64> expected =
-            clearing ? std::vector<quint64>{1, 26, 27, 28, 29, 30} : [] {
-                std::vector<quint64> all;
-                for (quint64 i = 1; i <= 30; ++i)
-                    all.push_back(i);
-                return all;
-            }();
+            clearing ? std::vector<quint64>{1, 26, 27, 28, 29, 30} : idRange(1, 30);
         EXPECT_EQ(implOf(decoder)->backlogSize(), clearing ? 5 : 29);
         ASSERT_TRUE(waitUntil([&] { return rec.frames.size() == expected.size(); }));
         spin(30);

@@ -29,14 +29,6 @@ struct Ordered {
     }
 };
 
-std::vector<quint64> range(quint64 first, quint64 last)
-{
-    std::vector<quint64> out;
-    for (quint64 i = first; i <= last; ++i)
-        out.push_back(i);
-    return out;
-}
-
 }  // namespace
 
 TEST(OrderedRule, RestoresOrderAndFlushesAcrossGaps)
@@ -115,7 +107,7 @@ TEST(OrderedDecoder, PoolPathEmitsInIdOrderAndBridgesFailedImages)
     for (size_t i : order)
         ASSERT_EQ(decoder.decode(images[i]), 1);
     ASSERT_TRUE(waitUntil([&] { return rec.frames.size() == order.size(); }));
-    EXPECT_EQ(rec.ids(), range(1, 6));
+    EXPECT_EQ(rec.ids(), idRange(1, 6));
     for (const VideoFrame& f : rec.frames)
         EXPECT_EQ(packYuv420p(f), reference[f.id() - 1]) << f.id();
 
@@ -129,7 +121,7 @@ TEST(OrderedDecoder, PoolPathEmitsInIdOrderAndBridgesFailedImages)
     }
     ASSERT_TRUE(waitUntil([&] { return rec.frames.size() == images.size() - 1; }));
     spin(30);
-    std::vector<quint64> expected = range(1, 7);
+    std::vector<quint64> expected = idRange(1, 7);
     for (quint64 id = 9; id <= 40; ++id)
         expected.push_back(id);
     EXPECT_EQ(rec.ids(), expected);

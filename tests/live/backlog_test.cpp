@@ -36,14 +36,6 @@ bool idle(ProbedDecoder& decoder)
     return impl->isBacklogEmpty() && !impl->isBusy();
 }
 
-std::vector<quint64> range(quint64 from, quint64 to)
-{
-    std::vector<quint64> ids;
-    for (quint64 id = from; id <= to; ++id)
-        ids.push_back(id);
-    return ids;
-}
-
 }  // namespace
 
 // Without the event loop the first job's result is not taken, so its decoder stays busy
@@ -202,7 +194,7 @@ TEST(IFramesOnly, YieldsIFramesAndResumesAtTheNextOne)
                 decoder.decode(images[i]);
             }
             std::vector<quint64> expected{1, 26};
-            const std::vector<quint64> rest = range(51, 100);
+            const std::vector<quint64> rest = idRange(51, 100);
             expected.insert(expected.end(), rest.begin(), rest.end());
             ASSERT_TRUE(waitUntil([&] { return recorder.frames.size() >= expected.size(); }));
             spin(20);
