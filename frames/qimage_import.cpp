@@ -110,19 +110,15 @@ bool qimage2videoFrame(const QImage& image, VideoFrame& frame, int x, int y, boo
     if (!importContext)
         return finish(false);
 
-    // swscale overruns tight destination rows, which here would paint over the frame's pixels
-    // right of the image: convert into padded rows, then place exactly the image's area.
-    sws::ScratchPlanes scratch;
-    if (!scratch.allocate(srcW, dstH, cw, ch))
-        return finish(false);
+    // The target is a region of the frame: an overrun would paint over its pixels right of
+    // the image, so swscale writes exactly the image's area.
     const uint8_t* const srcPlanes[4] = {image.constBits(), nullptr, nullptr, nullptr};
     const int srcStrides[4] = {int(image.bytesPerLine()), 0, 0, 0};
-    const int rowBytes[4] = {srcW * (srcFormat == AV_PIX_FMT_RGB24 ? 3 : 4), 0, 0, 0};
-    if (!sws::scaleSafely(importContext, srcPlanes, srcStrides, rowBytes, 1, srcH, scratch.data, scratch.stride))
+    uint8_t* const dstPlanes[4] = {py.at(x, y), pu.at(cx, cy), pv.at(cx, cy), nullptr};
+    const int dstStrides[4] = {int(py.stride), int(pu.stride), int(pv.stride), 0};
+    if (!sws::scale(importContext, sws::Planes::of(srcFormat, srcW, srcH, srcPlanes, srcStrides),
+                    sws::Planes::of(dstFormat, srcW, dstH, dstPlanes, dstStrides), sws::Room::Exact))
         return finish(false);
-    scratch.copyTo(0, py, x, y);
-    scratch.copyTo(1, pu, cx, cy);
-    scratch.copyTo(2, pv, cx, cy);
     return finish(true);
 }
 

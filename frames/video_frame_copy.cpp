@@ -156,23 +156,15 @@ VideoFrame VideoFrame::convertToFormat(OrvoPixelFormat format, const BufferPrope
         out.d->unmap();
         return VideoFrame();
     }
-    // swscale overruns tight destination rows: convert into padded rows, then place them.
-    sws::ScratchPlanes scratch;
-    if (!scratch.allocate(W, H, ocw, och)) {
-        out.d->unmap();
-        return VideoFrame();
-    }
     const uint8_t* const srcPlanes[4] = {sy.data, su.data, sv.data, nullptr};
     const int srcStrides[4] = {int(sy.stride), int(su.stride), int(sv.stride), 0};
-    const int rowBytes[4] = {W, scw, scw, 0};
-    if (!sws::scaleSafely(cache.context, srcPlanes, srcStrides, rowBytes, from.dy, H, scratch.data,
-                          scratch.stride)) {
+    uint8_t* const dstPlanes[4] = {oy.data, ou.data, ov.data, nullptr};
+    const int dstStrides[4] = {int(oy.stride), int(ou.stride), int(ov.stride), 0};
+    if (!sws::scale(cache.context, sws::Planes::of(from.format, W, H, srcPlanes, srcStrides),
+                    sws::Planes::of(to.format, W, H, dstPlanes, dstStrides), sws::Room::Exact)) {
         out.d->unmap();
         return VideoFrame();
     }
-    scratch.copyTo(0, oy, 0, 0);
-    scratch.copyTo(1, ou, 0, 0);
-    scratch.copyTo(2, ov, 0, 0);
 
     if (!props.skipAlpha) {
         const PlaneView alpha = viewA(*d);

@@ -61,19 +61,14 @@ bool VideoFrameQt::scaleTo(VideoFrameQt& dst, ScaleContext& ctx, int x, int y, i
         return false;
     }
 
-    // swscale overruns tight destination rows: scale into padded rows, then place them.
-    sws::ScratchPlanes scratch;
-    if (!scratch.allocate(dw, dh, dcw, dch))
-        return false;
     // The source formats carry no alpha, so swscale reads no fourth plane.
     const uint8_t* const srcPlanes[4] = {sy.at(x, y), su.at(cx, cy), sv.at(cx, cy), nullptr};
     const int srcStrides[4] = {int(sy.stride), int(su.stride), int(sv.stride), 0};
-    const int rowBytes[4] = {rw, cw, cw, 0};
-    if (!sws::scaleSafely(context, srcPlanes, srcStrides, rowBytes, src.dy, rh, scratch.data, scratch.stride))
+    uint8_t* const dstPlanes[4] = {dy.data, du.data, dv.data, nullptr};
+    const int dstStrides[4] = {int(dy.stride), int(du.stride), int(dv.stride), 0};
+    if (!sws::scale(context, sws::Planes::of(src.format, rw, rh, srcPlanes, srcStrides),
+                    sws::Planes::of(out.format, dw, dh, dstPlanes, dstStrides), sws::Room::Exact))
         return false;
-    scratch.copyTo(0, dy, 0, 0);
-    scratch.copyTo(1, du, 0, 0);
-    scratch.copyTo(2, dv, 0, 0);
 
     unmap();
     dst.unmap();

@@ -96,8 +96,10 @@ QImage VideoFrameQt::convertToQImage(OrvoPixelFormat /*format: the output is alw
     const int srcStrides[4] = {int(py.stride), int(pu.stride), int(pv.stride), 0};
     uint8_t* const dstPlanes[4] = {result.bits(), nullptr, nullptr, nullptr};
     const int dstStrides[4] = {int(result.bytesPerLine()), 0, 0, 0};
-    const int rowBytes[4] = {rw, cw, cw, 0};
-    if (!sws::scaleSafely(qimageContext, srcPlanes, srcStrides, rowBytes, src.dy, rh, dstPlanes, dstStrides))
+    // The image has padded rows and slack (rgb32Image): swscale writes straight into it.
+    if (!sws::scale(qimageContext, sws::Planes::of(src.format, rw, rh, srcPlanes, srcStrides),
+                    sws::Planes::of(sws::kQImageRgb32, result.width(), result.height(), dstPlanes, dstStrides),
+                    sws::Room::Slack))
         return result;
 
     if (!wasMapped)
