@@ -1,6 +1,8 @@
 // MxPEG over FFmpeg's MxPEG decoder, which keeps the previous picture for the P-frames.
 #include "orvo/mxpeg.h"
 
+#include "frames/sws_scale.h"
+
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavutil/error.h>
@@ -179,9 +181,14 @@ void mxpeg2yuv(void*& state, char* data, int size, int width, int height, void* 
                                      SWS_BILINEAR, nullptr, nullptr, nullptr);
     if (!s->scaler)
         throw std::runtime_error("MxPEG picture in an unsupported pixel format");
-    uint8_t* dst[4] = {py, pu, pv, nullptr};
+    uint8_t* const dst[4] = {py, pu, pv, nullptr};
     const int dstStride[4] = {width, cw, cw, 0};
-    sws_scale(s->scaler, f->data, f->linesize, 0, height, dst, dstStride);
+    // The caller's planes are sized exactly: swscale writes through padded rows.
+    orvo::sws::Planes source = orvo::sws::Planes::of(format, width, height, f->data, f->linesize);
+    source.overreadable = true;
+    if (!orvo::sws::scale(s->scaler, source, orvo::sws::Planes::of(AV_PIX_FMT_YUV420P, width, height, dst, dstStride),
+                          orvo::sws::Room::Exact))
+        throw std::runtime_error("MxPEG picture could not be converted");
 }
 
 void mxpegFreeState(void*& state)

@@ -1,6 +1,8 @@
 // The wavelet library over FFmpeg's VC-2/Dirac decoder, reduced with swscale.
 #include "orvo/wavelet_decoder.h"
 
+#include "frames/sws_scale.h"
+
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libswscale/swscale.h>
@@ -117,9 +119,13 @@ bool WaveletDecoder::decode(unsigned char* data, long size, unsigned char* y, un
                                           SWS_BILINEAR, nullptr, nullptr, nullptr);
     if (!codec_->scaler)
         return false;
-    uint8_t* dst[4] = {y, u, v, nullptr};
-    int dstStride[4] = {ow, cPitch, cPitch, 0};
-    return sws_scale(codec_->scaler, f->data, f->linesize, 0, f->height, dst, dstStride) == oh;
+    uint8_t* const dst[4] = {y, u, v, nullptr};
+    const int dstStride[4] = {ow, cPitch, cPitch, 0};
+    // The caller's planes are sized exactly: swscale writes through padded rows.
+    sws::Planes source = sws::Planes::of(format, f->width, f->height, f->data, f->linesize);
+    source.overreadable = true;
+    return sws::scale(codec_->scaler, source, sws::Planes::of(AV_PIX_FMT_YUV420P, ow, oh, dst, dstStride),
+                      sws::Room::Exact);
 }
 
 }  // namespace orvo

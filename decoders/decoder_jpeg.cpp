@@ -1,5 +1,7 @@
 #include "orvo/decoder_jpeg.h"
 
+#include "frames/sws_scale.h"
+
 #include <QBuffer>
 #include <QByteArray>
 #include <QDebug>
@@ -58,26 +60,31 @@ VideoFrame toYuv420(const QImage& loaded)
         image = padded;
     }
     const int cw = ew / 2, ch = eh / 2;
-    std::vector<uint8_t> planes(size_t(ew) * eh + 2 * size_t(cw) * ch);
-    uint8_t* dst[4] = {planes.data(), planes.data() + size_t(ew) * eh, planes.data() + size_t(ew) * eh + size_t(cw) * ch,
-                       nullptr};
-    const int dstStride[4] = {ew, cw, cw, 0};
+    // Planes with padded rows and slack, so that swscale writes straight into them; the
+    // picture is then cropped into the frame.
+    const int ys = int(sws::outputRowStride(ew)), cs = int(sws::outputRowStride(cw));
+    const size_t lumaBytes = size_t(ys) * eh + sws::kOutputSlack, chromaBytes = size_t(cs) * ch + sws::kOutputSlack;
+    std::vector<uint8_t> planes(lumaBytes + 2 * chromaBytes);
+    uint8_t* const dst[4] = {planes.data(), planes.data() + lumaBytes, planes.data() + lumaBytes + chromaBytes,
+                             nullptr};
+    const int dstStride[4] = {ys, cs, cs, 0};
     SwsContext* sws = sws_getContext(ew, eh, AV_PIX_FMT_BGR0, ew, eh, AV_PIX_FMT_YUV420P,
                                      SWS_BILINEAR | SWS_ACCURATE_RND, nullptr, nullptr, nullptr);
     if (!sws)
         return VideoFrame();
-    const uint8_t* src[4] = {image.constBits(), nullptr, nullptr, nullptr};
+    const uint8_t* const src[4] = {image.constBits(), nullptr, nullptr, nullptr};
     const int srcStride[4] = {int(image.bytesPerLine()), 0, 0, 0};
-    const int rows = sws_scale(sws, src, srcStride, 0, eh, dst, dstStride);
+    const bool converted = sws::scale(sws, sws::Planes::of(AV_PIX_FMT_BGR0, ew, eh, src, srcStride),
+                                      sws::Planes::of(AV_PIX_FMT_YUV420P, ew, eh, dst, dstStride), sws::Room::Slack);
     sws_freeContext(sws);
     VideoFrame frame(w, h, VideoFrame::Format_YUV420P, defaultBufferProperties);
-    if (rows != eh || !frame.map(QAbstractVideoBuffer::WriteOnly))
+    if (!converted || !frame.map(QAbstractVideoBuffer::WriteOnly))
         return VideoFrame();
     for (int y = 0; y < h; ++y)
-        std::memcpy(frame.lineY(y), dst[0] + size_t(y) * ew, size_t(w));
+        std::memcpy(frame.lineY(y), dst[0] + size_t(y) * ys, size_t(w));
     for (int y = 0; y < ch; ++y) {
-        std::memcpy(frame.lineU(y), dst[1] + size_t(y) * cw, size_t(cw));
-        std::memcpy(frame.lineV(y), dst[2] + size_t(y) * cw, size_t(cw));
+        std::memcpy(frame.lineU(y), dst[1] + size_t(y) * cs, size_t(cw));
+        std::memcpy(frame.lineV(y), dst[2] + size_t(y) * cs, size_t(cw));
     }
     frame.unmap();
     frame.setScale(1, 1);

@@ -4,6 +4,9 @@
 #include "orvo/decoder_preferences.h"
 #include "orvo/log.h"
 
+#include "frames/sws_formats.h"
+#include "frames/sws_scale.h"
+
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavutil/buffer.h>
@@ -119,21 +122,25 @@ bool wrapPicture(const AVFrame* picture, VideoFrame& frame)
 // the system (page faults cost more than the copy). The geometry is that of a frame
 // allocated with defaultBufferProperties: Y and A pitch w, chroma pitch (w + 1) / 2,
 // alignment at least 8, alpha plane present (its contents are undefined there too).
+// Each buffer holds sws::kOutputSlack bytes after its plane, so that swscale converts
+// straight into it (see sws_scale.h) instead of through a copy.
 class PlanePools {
 public:
     ~PlanePools() { reset(); }
 
-    VideoFrame allocate(int w, int h)
+    // `pooled` tells whether the planes came from the pools (and so have the slack).
+    VideoFrame allocate(int w, int h, bool& pooled)
     {
+        pooled = false;
         const int chromaPitch = (w + 1) / 2;
         const qint64 lumaBytes = qint64(w) * h;
         const qint64 chromaBytes = qint64(chromaPitch) * ((h + 1) / 2);
-        if (lumaBytes > INT_MAX - 64 || lumaBytes <= 0)
+        if (lumaBytes > INT_MAX - sws::kOutputSlack || lumaBytes <= 0)
             return VideoFrame(w, h, VideoFrame::Format_YUV420P, defaultBufferProperties);
         if (w != width_ || h != height_) {
             reset();
-            luma_ = av_buffer_pool_init(size_t(lumaBytes), av_buffer_alloc);
-            chroma_ = av_buffer_pool_init(size_t(std::max<qint64>(chromaBytes, 1)), av_buffer_alloc);
+            luma_ = av_buffer_pool_init(size_t(lumaBytes + sws::kOutputSlack), av_buffer_alloc);
+            chroma_ = av_buffer_pool_init(size_t(chromaBytes + sws::kOutputSlack), av_buffer_alloc);
             width_ = w;
             height_ = h;
         }
@@ -147,6 +154,7 @@ public:
                 delete b;
             return VideoFrame(w, h, VideoFrame::Format_YUV420P, defaultBufferProperties);
         }
+        pooled = true;
         return VideoFrame(QVideoFrame(planes[0], lumaSize, QVideoFrame::Format_Y8),
                           QVideoFrame(planes[1], chromaSize, QVideoFrame::Format_Y8),
                           QVideoFrame(planes[2], chromaSize, QVideoFrame::Format_Y8),
@@ -184,7 +192,8 @@ private:
 void copyPicture(const AVFrame* picture, VideoFrame& frame, PlanePools& pools)
 {
     const int w = picture->width, h = picture->height;
-    frame = pools.allocate(w, h);
+    bool pooled = false;
+    frame = pools.allocate(w, h, pooled);
     if (!frame.mapIfNotMapped(QAbstractVideoBuffer::ReadWrite))
         return;
     av_image_copy_plane(frame.bitsY(), int(frame.bytesPerLineY()), picture->data[0], picture->linesize[0], w, h);
@@ -342,7 +351,8 @@ void FFmpegModule::State::convert(VideoFrame& frame)
         return;
     }
 
-    frame = pools.allocate(w, h);
+    bool pooled = false;
+    frame = pools.allocate(w, h, pooled);
     if (!frame.mapIfNotMapped(QAbstractVideoBuffer::ReadWrite))
         return;
     if (!scaler || scalerWidth != w || scalerHeight != h || scalerFormat != pic->format || scalerFullRange != full) {
@@ -357,35 +367,40 @@ void FFmpegModule::State::convert(VideoFrame& frame)
         const int chromaStride = int(std::max(frame.bytesPerLineU(), frame.bytesPerLineV()));
         uint8_t* const dst[4] = {frame.bitsY(), frame.bitsU(), frame.bitsV(), nullptr};
         const int dstStride[4] = {int(frame.bytesPerLineY()), chromaStride, chromaStride, 0};
-        sws_scale(scaler, pic->data, pic->linesize, 0, h, dst, dstStride);
+        // Pooled planes are written in place; a frame allocated otherwise has no known slack.
+        sws::Planes source = sws::Planes::of(AVPixelFormat(pic->format), w, h, pic->data, pic->linesize);
+        source.overreadable = true;
+        sws::scale(scaler, source, sws::Planes::of(AV_PIX_FMT_YUV420P, w, h, dst, dstStride),
+                   pooled ? sws::Room::Slack : sws::Room::Exact);
     }
     frame.unmap();
 }
 
 namespace {
 
-// 32-bit Qt formats are B,G,R,A in memory on little-endian machines.
-AVPixelFormat imageFormatOf(QImage::Format format)
+// The frame's Y, U and V planes as swscale sees them, or no planes when the frame is not
+// mapped or a plane holds less than its geometry claims (foreign buffers can).
+sws::Planes framePlanes(const VideoFrame& frame)
 {
-    switch (format) {
-    case QImage::Format_ARGB32:
-        return AV_PIX_FMT_BGRA;
-    case QImage::Format_RGB32:
-        return AV_PIX_FMT_BGR0;
-    case QImage::Format_RGB888:
-        return AV_PIX_FMT_RGB24;
-    default:
-        return AV_PIX_FMT_NONE;
-    }
+    VideoFrameQt* body = frame.body();
+    if (!body)
+        return sws::Planes();
+    const sws::PlanarLayout layout = sws::planarLayout(frame.pixelFormat());
+    const int w = frame.width(), h = frame.height();
+    const int cw = sws::chromaExtent(w, layout.dx), ch = sws::chromaExtent(h, layout.dy);
+    const PlaneView y = viewY(*body), u = viewU(*body), v = viewV(*body);
+    if (!y.holds(w, h) || !u.holds(cw, ch) || !v.holds(cw, ch))
+        return sws::Planes();
+    const uint8_t* const data[4] = {y.data, u.data, v.data, nullptr};
+    const int stride[4] = {int(y.stride), int(u.stride), int(v.stride), 0};
+    return sws::Planes::of(layout.format, w, h, data, stride);
 }
 
-AVPixelFormat planarFormatOf(VideoFrame::OrvoPixelFormat format)
+sws::Planes imagePlanes(const QImage& image, AVPixelFormat format)
 {
-    switch (format) {
-    case VideoFrame::Format_YUV420P: return AV_PIX_FMT_YUV420P;
-    case VideoFrame::Format_YUV422P: return AV_PIX_FMT_YUV422P;
-    default: return AV_PIX_FMT_YUV444P;
-    }
+    const uint8_t* const data[4] = {image.constBits(), nullptr, nullptr, nullptr};
+    const int stride[4] = {int(image.bytesPerLine()), 0, 0, 0};
+    return sws::Planes::of(format, image.width(), image.height(), data, stride);
 }
 
 }  // namespace
@@ -398,7 +413,7 @@ bool FFmpegModule::qimageToVideoFrame(const QImage& image, VideoFrame& frame)
         return false;
     // Any other layout is read as 24-bit RGB, so it is brought into that layout first.
     QImage source = image;
-    AVPixelFormat sourceFormat = imageFormatOf(image.format());
+    AVPixelFormat sourceFormat = sws::fromQImageFormat(image.format());
     if (sourceFormat == AV_PIX_FMT_NONE) {
         source = image.convertToFormat(QImage::Format_RGB888);
         sourceFormat = AV_PIX_FMT_RGB24;
@@ -407,16 +422,13 @@ bool FFmpegModule::qimageToVideoFrame(const QImage& image, VideoFrame& frame)
     if (!wasMapped && !frame.map(QAbstractVideoBuffer::WriteOnly))
         return false;
     bool ok = false;
-    SwsContext* s = makeScaler(source.width(), source.height(), sourceFormat, false, frame.width(), frame.height(),
-                               planarFormatOf(frame.pixelFormat()), 0);
-    if (s && frame.bitsY() && frame.bitsU() && frame.bitsV()) {
-        const uint8_t* const src[4] = {source.constBits(), nullptr, nullptr, nullptr};
-        const int srcStride[4] = {int(source.bytesPerLine()), 0, 0, 0};
-        uint8_t* const dst[4] = {frame.bitsY(), frame.bitsU(), frame.bitsV(), nullptr};
-        const int dstStride[4] = {int(frame.bytesPerLineY()), int(frame.bytesPerLineU()), int(frame.bytesPerLineV()), 0};
-        sws_scale(s, src, srcStride, 0, source.height(), dst, dstStride);
-        ok = true;
-    }
+    const sws::Planes target = framePlanes(frame);
+    SwsContext* s = target.isNull() ? nullptr
+                                    : makeScaler(source.width(), source.height(), sourceFormat, false, frame.width(),
+                                                 frame.height(), sws::planarLayout(frame.pixelFormat()).format, 0);
+    // The frame's planes belong to the caller: swscale writes exactly their pixels.
+    if (s)
+        ok = sws::scale(s, imagePlanes(source, sourceFormat), target, sws::Room::Exact);
     sws_freeContext(s);
     if (!wasMapped)
         frame.unmap();
@@ -432,7 +444,7 @@ bool FFmpegModule::videoFrameToQImage(const VideoFrame& frame, QImage& image)
     if (!frame.bitsY() || !frame.bitsU() || !frame.bitsV())
         return false;
     // Written as 24-bit RGB into any other layout, through a converted copy.
-    AVPixelFormat targetFormat = imageFormatOf(image.format());
+    AVPixelFormat targetFormat = sws::fromQImageFormat(image.format());
     if (image.format() == QImage::Format_RGB32)
         targetFormat = AV_PIX_FMT_BGRA;  // Qt wants 0xFF in the unused byte
     const bool direct = targetFormat != AV_PIX_FMT_NONE;
@@ -444,16 +456,18 @@ bool FFmpegModule::videoFrameToQImage(const VideoFrame& frame, QImage& image)
     QImage& target = direct ? image : converted;
     if (target.isNull())
         return false;
-    SwsContext* s = makeScaler(frame.width(), frame.height(), planarFormatOf(frame.pixelFormat()), false,
-                               target.width(), target.height(), targetFormat, 0);
-    if (!s)
-        return false;
-    const uint8_t* const src[4] = {frame.bitsY(), frame.bitsU(), frame.bitsV(), nullptr};
-    const int srcStride[4] = {int(frame.bytesPerLineY()), int(frame.bytesPerLineU()), int(frame.bytesPerLineV()), 0};
+    const sws::Planes source = framePlanes(frame);
     uint8_t* const dst[4] = {target.bits(), nullptr, nullptr, nullptr};
     const int dstStride[4] = {int(target.bytesPerLine()), 0, 0, 0};
-    sws_scale(s, src, srcStride, 0, frame.height(), dst, dstStride);
+    const sws::Planes destination = sws::Planes::of(targetFormat, target.width(), target.height(), dst, dstStride);
+    if (source.isNull() || destination.isNull())
+        return false;
+    SwsContext* s = makeScaler(frame.width(), frame.height(), sws::planarLayout(frame.pixelFormat()).format, false,
+                               target.width(), target.height(), targetFormat, 0);
+    const bool ok = sws::scale(s, source, destination, sws::Room::Exact);
     sws_freeContext(s);
+    if (!ok)
+        return false;
     if (!direct)
         image = converted.convertToFormat(image.format());
     return true;
