@@ -3,6 +3,7 @@
 
 #include "frames/plane_view.h"
 #include "frames/sws_formats.h"
+#include "orvo/scale_context.h"
 
 #include <QDebug>
 
@@ -11,12 +12,6 @@ extern "C" {
 }
 
 namespace orvo {
-
-namespace {
-// One context for the whole process, rebuilt by sws_getCachedContext when the geometry or
-// formats change and never freed. Unlocked: imports run on one thread at a time.
-SwsContext* importContext = nullptr;
-}  // namespace
 
 bool qimage2videoFrame(const QImage& image, VideoFrame& frame, int x, int y, bool enlarge, unsigned int /*reserved*/,
                        int lineDivisor)
@@ -105,6 +100,10 @@ bool qimage2videoFrame(const QImage& image, VideoFrame& frame, int x, int y, boo
     if (!py.holds(x + srcW, y + dstH) || !pu.holds(cx + cw, cy + ch) || !pv.holds(cx + cw, cy + ch))
         return finish(false);
 
+    // One context per thread, rebuilt by sws_getCachedContext when the geometry or formats
+    // change and freed when the thread ends.
+    thread_local ScaleContext cache;
+    SwsContext*& importContext = cache.context;
     importContext = sws_getCachedContext(importContext, srcW, srcH, srcFormat, srcW, dstH, dstFormat, SWS_BILINEAR,
                                          nullptr, nullptr, nullptr);
     if (!importContext)

@@ -1,6 +1,7 @@
 // A region of a planar frame rendered into a 32-bit RGB QImage through swscale.
 #include "frames/plane_view.h"
 #include "frames/sws_formats.h"
+#include "orvo/scale_context.h"
 #include "orvo/video_frame.h"
 
 #include <QDebug>
@@ -12,10 +13,6 @@ extern "C" {
 namespace orvo {
 
 namespace {
-// One context for the whole process, reused while consecutive conversions keep their
-// geometry. Unlocked: conversions run on one thread at a time.
-SwsContext* qimageContext = nullptr;
-
 void freeImageData(void* data) { av_free(data); }
 
 // A Format_RGB32 image whose rows have the padded stride and slack that swscale's vector code
@@ -85,6 +82,10 @@ QImage VideoFrameQt::convertToQImage(OrvoPixelFormat /*format: the output is alw
     }
 
 
+    // One context per thread, reused while consecutive conversions keep their geometry (a
+    // stream drawn frame by frame) and freed when the thread ends.
+    thread_local ScaleContext cache;
+    SwsContext*& qimageContext = cache.context;
     qimageContext = sws_getCachedContext(qimageContext, rw, rh, src.format, result.width(), result.height(),
                                          sws::kQImageRgb32, SWS_BILINEAR, nullptr, nullptr, nullptr);
     if (!qimageContext) {
