@@ -1,15 +1,19 @@
 #include "orvo/video_frame_helper.h"
 
+#include <atomic>
+
 namespace orvo {
 
 namespace {
-quint32 attributesCounter = 0;  // unsynchronised by design; see the header
+// Snapshots are built on pool threads and the client's thread alike. Only uniqueness is
+// wanted, so the increment needs no ordering.
+std::atomic<quint32> attributesCounter{0};
 }
 
 VideoFrameAttributes::VideoFrameAttributes(VideoFrame& frame, bool alreadyMapped)
     : renderTimings(frame.renderTimings())
 {
-    id = ++attributesCounter;
+    id = attributesCounter.fetch_add(1, std::memory_order_relaxed) + 1;
     if (!alreadyMapped && !frame.map(QAbstractVideoBuffer::ReadWrite))
         return;
     bytesPerLineY = frame.bytesPerLineY();

@@ -20,8 +20,8 @@ struct VideoFrameAttributes {
     quint32 height = 0;
     quint32 scaleX = 0;
     quint32 scaleY = 0;
-    // Drawn from one process-wide counter (unsynchronised: snapshots built at the same
-    // moment on two threads may share an id); the first snapshot gets 1.
+    // Drawn from one process-wide counter, atomically: snapshots built on several threads
+    // get distinct ids; the first snapshot gets 1.
     quint32 id = 0;
     qint64 time = 0;  // the frame image's Image::time()
     RenderingTimings renderTimings;
