@@ -1,8 +1,10 @@
 #pragma once
 // Process-wide switches that choose decoding paths and camera repairs. In memory only.
-// Fields are plain values without locks: set them at start-up, before decoding starts;
-// a later change is seen by each reader at some later image (decoder choices at the
-// next creation of a format decoder).
+// Fields are atomic and read without ordering (pool threads read some at every image):
+// a change is seen by each reader at some later image (decoder choices at the next
+// creation of a format decoder).
+#include <atomic>
+
 namespace orvo {
 
 class DecoderPreferences {
@@ -10,74 +12,92 @@ public:
     static DecoderPreferences* instance();
     DecoderPreferences& operator=(const DecoderPreferences&) = default;
 
-    bool isDecodeMJPEGThroughQImage() { return decodeMJPEGThroughQImage_; }
-    void decodeMJPEGThroughQImage(bool on) { decodeMJPEGThroughQImage_ = on; }
-    bool isUsedMxPEGNative() { return useMxPEGNative_; }
-    void useMxPEGNative(bool on) { useMxPEGNative_ = on; }
-    bool isLookForNALsH264() { return lookForNALsH264_; }
-    void lookForNALsH264(bool on) { lookForNALsH264_ = on; }
-    bool isRemoveLastExtraByteH264() { return removeLastExtraByteH264_; }
-    void removeLastExtraByteH264(bool on) { removeLastExtraByteH264_ = on; }
-    bool isRemoveDoubleStartCodesH264() { return removeDoubleStartCodesH264_; }
-    void removeDoubleStartCodesH264(bool on) { removeDoubleStartCodesH264_ = on; }
-    bool isSingleThreadedDecoding() { return singleThreadedDecoding_; }
-    void singleThreadedDecoding(bool on) { singleThreadedDecoding_ = on; }
-    bool isBitRateToleranceAdjustement() { return bitRateToleranceAdjustment_; }
-    void adjustBitRateTolerance(bool on) { bitRateToleranceAdjustment_ = on; }
-    bool jpeg2000passthrough() { return jpeg2000passthrough_; }
-    void setJpeg2000passthrough(bool on) { jpeg2000passthrough_ = on; }
-    bool jpeg2000codestream() { return jpeg2000codestream_; }
-    void setJpeg2000codestream(bool on) { jpeg2000codestream_ = on; }
-    bool jpeg2000display_atoms() { return jpeg2000displayAtoms_; }
-    void setJpeg2000display_atoms(bool on) { jpeg2000displayAtoms_ = on; }
-    bool useFFMPEGEncodeAvInterleavedWriteFrame() const { return interleavedWriteFrame_; }
-    void setUseFFMPEGEncodeAvInterleavedWriteFrame(bool on) { interleavedWriteFrame_ = on; }
-    bool isDumpImagesEnabled() const { return dumpImages_; }
-    void setDumpImagesEnabled(bool on) { dumpImages_ = on; }
-    bool isIMVDewarperEnabled() { return imvDewarper_; }
-    void setIMVDewarperEnabled(bool on) { imvDewarper_ = on; }
-    bool isTemporaryQimageForIMVDewarperEnabled() { return imvTemporaryQimage_; }
-    void setUseTemporaryQimageForIMVDewarperEnabled(bool on) { imvTemporaryQimage_ = on; }
-    bool isTimingForIMVDewarperEnabled() { return imvTiming_; }
-    void setUseTimingForIMVDewarperEnabled(bool on) { imvTiming_ = on; }
-    bool isCheckImageForIMVDewarperEnabled() { return imvCheckImage_; }
-    void setCheckImageForIMVDewarperEnabled(bool on) { imvCheckImage_ = on; }
-    bool isPaningDewarpingDowngradeResolutionEnabled() const { return panningDowngradesResolution_; }
-    void setPaningDewarpingDowngradeResolutionEnabled(bool on) { panningDowngradesResolution_ = on; }
-    int badCastFrom() const { return badCastFrom_; }
-    void setBadCastFrom(int v) { badCastFrom_ = v; }
+    bool isDecodeMJPEGThroughQImage() { return decodeMJPEGThroughQImage_.get(); }
+    void decodeMJPEGThroughQImage(bool on) { decodeMJPEGThroughQImage_.set(on); }
+    bool isUsedMxPEGNative() { return useMxPEGNative_.get(); }
+    void useMxPEGNative(bool on) { useMxPEGNative_.set(on); }
+    bool isLookForNALsH264() { return lookForNALsH264_.get(); }
+    void lookForNALsH264(bool on) { lookForNALsH264_.set(on); }
+    bool isRemoveLastExtraByteH264() { return removeLastExtraByteH264_.get(); }
+    void removeLastExtraByteH264(bool on) { removeLastExtraByteH264_.set(on); }
+    bool isRemoveDoubleStartCodesH264() { return removeDoubleStartCodesH264_.get(); }
+    void removeDoubleStartCodesH264(bool on) { removeDoubleStartCodesH264_.set(on); }
+    bool isSingleThreadedDecoding() { return singleThreadedDecoding_.get(); }
+    void singleThreadedDecoding(bool on) { singleThreadedDecoding_.set(on); }
+    bool isBitRateToleranceAdjustement() { return bitRateToleranceAdjustment_.get(); }
+    void adjustBitRateTolerance(bool on) { bitRateToleranceAdjustment_.set(on); }
+    bool jpeg2000passthrough() { return jpeg2000passthrough_.get(); }
+    void setJpeg2000passthrough(bool on) { jpeg2000passthrough_.set(on); }
+    bool jpeg2000codestream() { return jpeg2000codestream_.get(); }
+    void setJpeg2000codestream(bool on) { jpeg2000codestream_.set(on); }
+    bool jpeg2000display_atoms() { return jpeg2000displayAtoms_.get(); }
+    void setJpeg2000display_atoms(bool on) { jpeg2000displayAtoms_.set(on); }
+    bool useFFMPEGEncodeAvInterleavedWriteFrame() const { return interleavedWriteFrame_.get(); }
+    void setUseFFMPEGEncodeAvInterleavedWriteFrame(bool on) { interleavedWriteFrame_.set(on); }
+    bool isDumpImagesEnabled() const { return dumpImages_.get(); }
+    void setDumpImagesEnabled(bool on) { dumpImages_.set(on); }
+    bool isIMVDewarperEnabled() { return imvDewarper_.get(); }
+    void setIMVDewarperEnabled(bool on) { imvDewarper_.set(on); }
+    bool isTemporaryQimageForIMVDewarperEnabled() { return imvTemporaryQimage_.get(); }
+    void setUseTemporaryQimageForIMVDewarperEnabled(bool on) { imvTemporaryQimage_.set(on); }
+    bool isTimingForIMVDewarperEnabled() { return imvTiming_.get(); }
+    void setUseTimingForIMVDewarperEnabled(bool on) { imvTiming_.set(on); }
+    bool isCheckImageForIMVDewarperEnabled() { return imvCheckImage_.get(); }
+    void setCheckImageForIMVDewarperEnabled(bool on) { imvCheckImage_.set(on); }
+    bool isPaningDewarpingDowngradeResolutionEnabled() const { return panningDowngradesResolution_.get(); }
+    void setPaningDewarpingDowngradeResolutionEnabled(bool on) { panningDowngradesResolution_.set(on); }
+    int badCastFrom() const { return badCastFrom_.get(); }
+    void setBadCastFrom(int v) { badCastFrom_.set(v); }
 
     // Zero-copy decoding: frames of yuv420p pictures wrap FFmpeg's own reference-counted
     // buffers instead of copying them (bytes per line are then FFmpeg's). Such frames are
     // read-only: the decoder may still predict later pictures from them. They stay valid
     // after the decoder is gone. Read at every image.
-    bool isZeroCopyDecoding() const { return zeroCopyDecoding_; }
-    void setZeroCopyDecoding(bool on) { zeroCopyDecoding_ = on; }
+    bool isZeroCopyDecoding() const { return zeroCopyDecoding_.get(); }
+    void setZeroCopyDecoding(bool on) { zeroCopyDecoding_.set(on); }
 
 private:
+    // One switch: an atomic that copies by value (the preferences can be assigned whole).
+    template <typename T>
+    class Relaxed {
+    public:
+        Relaxed(T value) : value_(value) {}
+        Relaxed(const Relaxed& other) : value_(other.get()) {}
+        Relaxed& operator=(const Relaxed& other)
+        {
+            set(other.get());
+            return *this;
+        }
+        T get() const { return value_.load(std::memory_order_relaxed); }
+        void set(T value) { value_.store(value, std::memory_order_relaxed); }
+
+    private:
+        std::atomic<T> value_;
+    };
+
     DecoderPreferences() = default;
     DecoderPreferences(const DecoderPreferences&) = default;
     static DecoderPreferences* pref;  // unused: the instance is a function-local static
 
-    bool decodeMJPEGThroughQImage_ = false;
-    bool useMxPEGNative_ = false;
-    bool lookForNALsH264_ = false;
-    bool removeLastExtraByteH264_ = true;
-    bool removeDoubleStartCodesH264_ = true;
-    bool singleThreadedDecoding_ = false;
-    bool bitRateToleranceAdjustment_ = true;
-    bool jpeg2000passthrough_ = true;
-    bool jpeg2000codestream_ = false;
-    bool jpeg2000displayAtoms_ = false;
-    bool interleavedWriteFrame_ = false;
-    bool dumpImages_ = false;
-    bool imvDewarper_ = false;
-    bool imvTemporaryQimage_ = false;
-    bool imvTiming_ = false;
-    bool imvCheckImage_ = false;
-    bool panningDowngradesResolution_ = true;
-    int badCastFrom_ = 0;
-    bool zeroCopyDecoding_ = false;
+    Relaxed<bool> decodeMJPEGThroughQImage_{false};
+    Relaxed<bool> useMxPEGNative_{false};
+    Relaxed<bool> lookForNALsH264_{false};
+    Relaxed<bool> removeLastExtraByteH264_{true};
+    Relaxed<bool> removeDoubleStartCodesH264_{true};
+    Relaxed<bool> singleThreadedDecoding_{false};
+    Relaxed<bool> bitRateToleranceAdjustment_{true};
+    Relaxed<bool> jpeg2000passthrough_{true};
+    Relaxed<bool> jpeg2000codestream_{false};
+    Relaxed<bool> jpeg2000displayAtoms_{false};
+    Relaxed<bool> interleavedWriteFrame_{false};
+    Relaxed<bool> dumpImages_{false};
+    Relaxed<bool> imvDewarper_{false};
+    Relaxed<bool> imvTemporaryQimage_{false};
+    Relaxed<bool> imvTiming_{false};
+    Relaxed<bool> imvCheckImage_{false};
+    Relaxed<bool> panningDowngradesResolution_{true};
+    Relaxed<int> badCastFrom_{0};
+    Relaxed<bool> zeroCopyDecoding_{false};
 };
 
 }  // namespace orvo
