@@ -59,6 +59,10 @@ ConcurrentDecoderImpl::~ConcurrentDecoderImpl()
             QTimer::singleShot(0, [scheduler] { scheduler->submit(); });
         }
     }
+    // commitSafeSuicide() waited for every job through its future (Qt's own locking); reading
+    // each job's last release makes that order visible to race checkers before the slots go.
+    for (DecodingSlot* slot : qAsConst(slots_))
+        (void)slot->lastError();
     qDeleteAll(slots_);
     slots_.clear();
 }
@@ -169,12 +173,7 @@ int ConcurrentDecoderImpl::decode_async(const Image& image)
              "Run concurrent job in thread. Img: %s. Threads pool count: %i.", image.idToString().toUtf8().constData(),
              QThreadPool::globalInstance()->activeThreadCount());
 
-    using Job = VideoFrame (ImageDecoder::*)(const Image&, QSharedPointer<AbstractDecoder>, bool*, int);
-    ImageDecoder* decoder = slot;
-    decoder->prepareJob();
-    QFuture<VideoFrame> future = QtConcurrent::run(decoder, static_cast<Job>(&ImageDecoder::decode), image,
-                                                   decoder->formatDecoder(), static_cast<bool*>(nullptr),
-                                                   scaleLevel_);
+    QFuture<VideoFrame> future = slot->startJob(image, slot->formatDecoder(), scaleLevel_);
     if (watcher_.future() != future)
         watcher_.setFuture(future);
     slot->future = future;
@@ -317,6 +316,7 @@ void ConcurrentDecoderImpl::cancelAllPendingDecodings()
         if (i != slots_.size() - 1 && !slot->isRunning() && slots_.size() <= poolMaxThreads()) {
             if (slot->counted && scheduler_)
                 scheduler_->jobDone();
+            (void)slot->lastError();  // orders the finished job's last writes before the delete
             slots_.removeAt(i);
             delete slot;
         } else {

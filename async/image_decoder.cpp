@@ -3,6 +3,7 @@
 #include "orvo/log.h"
 
 #include <QThread>
+#include <QtConcurrent/QtConcurrentRun>
 #include <cstdio>
 #include <new>
 
@@ -24,6 +25,26 @@ VideoFrame ImageDecoder::takeResult()
     VideoFrame frame = result_;
     result_ = VideoFrame();
     return frame;
+}
+
+QFuture<VideoFrame> ImageDecoder::startJob(const Image& image, QSharedPointer<AbstractDecoder> keep, int scale)
+{
+    // Built before the release below, so the job's writes into it (its result) are ordered.
+    auto* task = new QtConcurrent::StoredMemberFunctionPointerCall0<VideoFrame, ImageDecoder>(&ImageDecoder::runJob,
+                                                                                               this);
+    jobImage_ = image;
+    jobKeep_ = std::move(keep);
+    jobScale_ = scale;
+    handoff_.fetch_add(1, std::memory_order_release);
+    return task->start();
+}
+
+VideoFrame ImageDecoder::runJob()
+{
+    (void)handoff_.load(std::memory_order_acquire);
+    const Image image = std::move(jobImage_);
+    jobImage_ = Image();
+    return decode(image, std::move(jobKeep_), nullptr, jobScale_);
 }
 
 VideoFrame ImageDecoder::decode(const Image& image, QSharedPointer<AbstractDecoder> keep, bool* ok, int scale)

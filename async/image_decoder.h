@@ -39,17 +39,26 @@ public:
     // whether or not decoding succeeded. May throw (std::bad_alloc from allocations).
     virtual bool decodeInto(const Image& image, VideoFrame& frame, int scale);
 
-    void prepareJob() { handoff_.fetch_add(1, std::memory_order_release); }
+    // Starts one job on the global pool: decode(image, keep, nullptr, scale). The job's inputs
+    // pass through this object, published with a release that follows the pool's job object
+    // being built, so the job sees them and its own job object through atomics race checkers
+    // can follow (Qt's own locking inside the pool is invisible to them).
+    QFuture<VideoFrame> startJob(const Image& image, QSharedPointer<AbstractDecoder> keep, int scale);
     DecoderError lastError() const { return DecoderError(errorCode_.load(std::memory_order_acquire)); }
     void clearError() { errorCode_.store(0, std::memory_order_relaxed); }
     QThread* workerThread() const { return workerThread_; }
     VideoFrame takeResult();
 
 private:
+    VideoFrame runJob();
+
     std::atomic<unsigned> handoff_{0};
     std::atomic<quint32> errorCode_{0};
     QThread* workerThread_ = nullptr;
     VideoFrame result_;
+    Image jobImage_;
+    QSharedPointer<AbstractDecoder> jobKeep_;
+    int jobScale_ = 0;
 };
 
 // The state of one decoding slot of a ConcurrentDecoderImpl (owner thread only, apart
