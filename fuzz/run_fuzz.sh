@@ -30,7 +30,9 @@ if [ "$MEMCHECK" = 1 ]; then
   CC=clang CXX=clang++ cmake -S . -B "$REPLAY_BUILD" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVO_FUZZ_REPLAY=ON \
     -DCMAKE_C_FLAGS_RELWITHDEBINFO="-O2 -gdwarf-4 -DNDEBUG" -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O2 -gdwarf-4 -DNDEBUG" \
     -DORVO_BUILD_TESTS=OFF -DORVO_BUILD_BENCH=OFF -DORVO_BUILD_EXAMPLES=OFF >/dev/null
-  cmake --build "$REPLAY_BUILD" -j "$JOBS" --target $(cd fuzz && ls fuzz_*.cpp | sed 's/\.cpp$//')
+  cmake --build "$REPLAY_BUILD" -j "$JOBS" --target orvo_valgrind_preload $(cd fuzz && ls fuzz_*.cpp | sed 's/\.cpp$//')
+  VALGRIND_PRELOAD=$(cd "$REPLAY_BUILD" && pwd)/fuzz/liborvo_valgrind_preload.so
+  export VALGRIND_PRELOAD
 fi
 export ASAN_OPTIONS=detect_leaks=0:abort_on_error=1:allocator_may_return_null=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
@@ -78,8 +80,9 @@ run_one() {
     fi
   fi
   if [ $status = ok ] && [ "$MEMCHECK" = 1 ]; then
-    if valgrind --tool=memcheck --error-exitcode=99 --track-origins=no --leak-check=no \
-        "$REPLAY_BUILD/fuzz/$name" -max_len="$len" "$work" $seeds >"$log.memcheck" 2>&1; then
+    if LD_PRELOAD=$VALGRIND_PRELOAD valgrind --tool=memcheck --error-exitcode=99 \
+        --track-origins=no --leak-check=no "$REPLAY_BUILD/fuzz/$name" -max_len="$len" "$work" $seeds \
+        >"$log.memcheck" 2>&1; then
       memcheck=ok
     else
       memcheck=FAILED; status=FAILED
