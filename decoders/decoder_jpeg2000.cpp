@@ -14,7 +14,11 @@ DecoderJPEG2000::DecoderJPEG2000(int scaleLevel) : scaleLevel_(scaleLevel)
         handle_ = nullptr;
         throw "error in initialization of DecoderJPEG2000";
     }
+#ifdef FUZZING_BUILD_MODE_UNSAFE_FOR_PRODUCTION
+    aj2k_setmaxthreads(handle_, 1);  // fuzz builds: one thread, so that time and findings are the input's own
+#else
     aj2k_setmaxthreads(handle_, 4);
+#endif
 }
 
 DecoderJPEG2000::~DecoderJPEG2000() { aj2k_deinitjp2(handle_); }

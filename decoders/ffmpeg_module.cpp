@@ -276,6 +276,10 @@ FFmpegModule::FFmpegModule(const DecodeContext& context) : d(new State)
     d->received = av_frame_alloc();
     if (d->codec)
         d->codec->max_pixels = ::AbstractDecoder::kMaxPixels;
+#ifdef FUZZING_BUILD_MODE_UNSAFE_FOR_PRODUCTION
+    if (d->codec)
+        d->codec->thread_count = 1;  // fuzz builds: findings and timings belong to one thread
+#endif
     if (!d->codec || !d->packet || !d->picture || !d->received || avcodec_open2(d->codec, codec, nullptr) < 0) {
         std::fprintf(stderr, "could not open codec\n");
         std::fflush(stderr);

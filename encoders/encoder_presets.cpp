@@ -1,6 +1,8 @@
 // AVEncoder: the H.264 preset file and video codec options.
 #include "orvo/av_encoder.h"
 
+#include "encoders/preset_line.h"
+
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavutil/opt.h>
@@ -21,6 +23,24 @@ std::string& presetPathSetting()
 }
 const char* const kDefaultPresetFile = "/usr/share/ffmpeg/libx264-lossless_ultrafast.ffpreset";
 }  // namespace
+
+bool parsePresetLine(std::string line, std::string& key, std::string& value)
+{
+    // Files written on Windows end their lines with CR LF.
+    if (!line.empty() && line.back() == '\r')
+        line.pop_back();
+    const size_t keyStart = line.find_first_not_of(" \t");
+    if (keyStart == std::string::npos || line[keyStart] == '#')
+        return false;
+    size_t keyEnd = line.find_first_of(" \t=", keyStart);
+    if (keyEnd == std::string::npos)
+        keyEnd = line.size();
+    key = line.substr(keyStart, keyEnd - keyStart);
+    const size_t equals = line.find('=', keyEnd);
+    // The value is taken as it stands, leading blanks included.
+    value = equals == std::string::npos ? std::string() : line.substr(equals + 1);
+    return true;
+}
 
 void AVEncoder::setPresetFilePath(const std::string& path)
 {
@@ -58,23 +78,10 @@ bool AVEncoder::readVideoOptionsFromFile(const char* path)
 {
     std::printf("Preset file:%s\n", path);
     std::ifstream in(path);
-    std::string line;
-    while (std::getline(in, line)) {
-        // Files written on Windows end their lines with CR LF.
-        if (!line.empty() && line.back() == '\r')
-            line.pop_back();
-        const size_t keyStart = line.find_first_not_of(" \t");
-        if (keyStart == std::string::npos || line[keyStart] == '#')
-            continue;
-        size_t keyEnd = line.find_first_of(" \t=", keyStart);
-        if (keyEnd == std::string::npos)
-            keyEnd = line.size();
-        const std::string key = line.substr(keyStart, keyEnd - keyStart);
-        const size_t equals = line.find('=', keyEnd);
-        // The value is taken as it stands, leading blanks included.
-        const std::string value = equals == std::string::npos ? std::string() : line.substr(equals + 1);
-        setVideoOption(key.c_str(), value.c_str());
-    }
+    std::string line, key, value;
+    while (std::getline(in, line))
+        if (parsePresetLine(line, key, value))
+            setVideoOption(key.c_str(), value.c_str());
     return true;
 }
 

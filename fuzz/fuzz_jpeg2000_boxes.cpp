@@ -1,11 +1,8 @@
-// The JPEG 2000 box search and list, and DecoderAV with pass-through off so that every
-// payload goes through the box search before FFmpeg. Option bits: 0 jpeg2000codestream,
-// 1 jpeg2000display_atoms, 2..3 the FormatIn of the DecoderAV (JPEG 2000, Motion JPEG,
-// H.264, MPEG-4).
+// The JPEG 2000 box search and list on their own, without a decoder (see
+// fuzz_decode_jpeg2000_av for the box search in front of FFmpeg). Option bits:
+// 0 jpeg2000codestream, 1 jpeg2000display_atoms.
 #include "decoders/jpeg2000_boxes.h"
 #include "fuzz/fuzz_input.h"
-#include "orvo/decoder_av.h"
-#include "orvo/decoder_preferences.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -30,8 +27,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const auto in = orvo::fuzz::split(data, size);
     const bool codestream = (in.options & 1) != 0;
     const bool atoms = (in.options & 2) != 0;
-    static const orvo::FormatIn formats[] = {orvo::FormatIn_JPEG2000, orvo::FormatIn_MJPEG, orvo::FormatIn_H264,
-                                             orvo::FormatIn_MPEG4};
 
     // The parsers alone, on exactly sized copies so that any read past the end is caught.
     for (const QByteArray& chunk : in.chunks) {
@@ -49,17 +44,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             orvo::jp2::listBoxes(p, n);
         const int start = orvo::jp2::codestreamStart(p, n, codestream, atoms);
         check(start >= 0 && (start == 0 || start < n));
-    }
-
-    auto* prefs = orvo::DecoderPreferences::instance();
-    prefs->setJpeg2000passthrough(false);
-    prefs->setJpeg2000codestream(codestream);
-    prefs->setJpeg2000display_atoms(atoms);
-    orvo::DecoderAV decoder(formats[(in.options >> 2) & 3]);
-    for (const QByteArray& chunk : in.chunks) {
-        std::vector<unsigned char> payload(chunk.begin(), chunk.end());
-        orvo::VideoFrame frame;
-        decoder.decode(payload.empty() ? nullptr : payload.data(), int(payload.size()), frame, false);
     }
     return 0;
 }

@@ -1,11 +1,17 @@
 #!/usr/bin/env python3
 """Regenerates the seed corpora under fuzz/corpus/ from small real samples made by
-FFmpeg's own encoders. Each seed is: one option byte, then payloads joined by b"ORVO"."""
+FFmpeg's own encoders. Each seed is: one option byte, then payloads joined by b"ORVO".
+Arguments name the targets to regenerate (default: all)."""
 import os, struct, subprocess, sys, tempfile
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 OUT = os.path.join(HERE, "corpus")
 SEP = b"ORVO"
+ONLY = set(sys.argv[1:])
+
+
+def wanted(target):
+    return not ONLY or target in ONLY
 
 
 def ffmpeg(args, suffix):
@@ -43,6 +49,8 @@ def jpegs(stream):
 
 
 def save(target, name, options, payloads):
+    if not wanted(target):
+        return
     d = os.path.join(OUT, target)
     os.makedirs(d, exist_ok=True)
     with open(os.path.join(d, name), "wb") as f:
@@ -86,11 +94,12 @@ def main():
     # header in front of its boxes, and a chain that ends in a zero-length box.
     jp2 = ffmpeg(lavfi("32x32", 1) + ["-c:v", "libopenjpeg", "-format", "jp2", "-numresolution", "3",
                                       "-f", "image2pipe"], ".jp2")
-    save("fuzz_jpeg2000_boxes", "jp2_file", 0, [jp2])
-    save("fuzz_jpeg2000_boxes", "jp2_codestream_atoms", 0x03, [b"CAMHDR00" + jp2, jp2])
     box = lambda t, body: struct.pack(">I", 8 + len(body)) + t + body
     chain = box(b"ftyp", b"jp2 \0\0\0\0") + box(b"jp2h", box(b"ihdr", bytes(14))) + b"\0\0\0\0jp2c" + j2k[:64]
-    save("fuzz_jpeg2000_boxes", "zero_length_mjpeg", 0x06, [chain, mjpeg[0]])
+    for target in ("fuzz_jpeg2000_boxes", "fuzz_decode_jpeg2000_av"):
+        save(target, "jp2_file", 0, [jp2])
+        save(target, "jp2_codestream_atoms", 0x03, [b"CAMHDR00" + jp2, jp2])
+        save(target, "zero_length_mjpeg", 0x06, [chain, mjpeg[0]])
 
     # H.264 slice dump and payload cut: access units, and camera payloads with doubled start
     # codes, a single trailing byte and FF padding before the next start code.
@@ -100,14 +109,17 @@ def main():
          [sc + sc + units[-1][4:] + sc + b"\x09" + sc, units[-1] + b"\xff" * 4 + sc + b"\x00", sc + sc + sc + b"\x65\x88" + sc])
 
     # Preset files: the usual name=value lines, comments, CR LF, blanks, unknown and bad values.
-    presets = os.path.join(OUT, "fuzz_encoder_presets")
-    os.makedirs(presets, exist_ok=True)
-    with open(os.path.join(presets, "x264_lines"), "wb") as f:
-        f.write(b"# low-delay camera recording\ncoder=0\r\nflags=+loop\n  me_method=dia\nsubq=1\ng=25\n"
-                b"bf=0\nrefs=1\nthreads=1\npreset=ultrafast\ntune=zerolatency\nqmin = 10\nnot_an_option=3\n"
-                b"crf=abc\n=\n\n\t# tab comment\nx264-params=keyint=5:scenecut=0\n")
-    with open(os.path.join(presets, "no_newline"), "wb") as f:
-        f.write(b"qcomp=0.6\nqmax=51")
+    for target in ("fuzz_encoder_presets", "fuzz_preset_tokenizer"):
+        if not wanted(target):
+            continue
+        presets = os.path.join(OUT, target)
+        os.makedirs(presets, exist_ok=True)
+        with open(os.path.join(presets, "x264_lines"), "wb") as f:
+            f.write(b"# low-delay camera recording\ncoder=0\r\nflags=+loop\n  me_method=dia\nsubq=1\ng=25\n"
+                    b"bf=0\nrefs=1\nthreads=1\npreset=ultrafast\ntune=zerolatency\nqmin = 10\nnot_an_option=3\n"
+                    b"crf=abc\n=\n\n\t# tab comment\nx264-params=keyint=5:scenecut=0\n")
+        with open(os.path.join(presets, "no_newline"), "wb") as f:
+            f.write(b"qcomp=0.6\nqmax=51")
 
     # Audio buffer scripts (operation byte, then arguments; see fuzz_audio_buffer.cpp).
     def count16(n):
@@ -122,12 +134,50 @@ def main():
         bytes([0x07]) + bytes([0, 20]),            # discard_front(20)
         bytes([0x0D, 0x84, 0x0C, 0x02]),           # rooms, flush ahead, reset, enqueue_some
     ])
-    save_raw = lambda target, name, data: open(os.path.join(OUT, target, name), "wb").write(data)
-    os.makedirs(os.path.join(OUT, "fuzz_audio_buffer"), exist_ok=True)
-    save_raw("fuzz_audio_buffer", "mixed_ops", ops)
+    def save_raw(target, name, data):
+        if wanted(target):
+            os.makedirs(os.path.join(OUT, target), exist_ok=True)
+            open(os.path.join(OUT, target, name), "wb").write(data)
+    for target in ("fuzz_audio_buffer", "fuzz_audio_buffer_encoder"):
+        save_raw(target, "mixed_ops", ops)
     full = b"".join([bytes([0x03, 3, 255, 255, 255, 255]), bytes([0x00]) + count16(60000) + bytes([0]),
                      bytes([0x0F, 1, 0x20, 0x00]), bytes([0x8A, 7, 0x04, 0x0E])])
-    save_raw("fuzz_audio_buffer", "buffer_full", full)
+    for target in ("fuzz_audio_buffer", "fuzz_audio_buffer_encoder"):
+        save_raw(target, "buffer_full", full)
+
+    # H.265: access units of a small stream, and camera style one NAL unit per image.
+    h265 = ffmpeg(lavfi("64x48", 3) + ["-c:v", "libx265", "-preset", "ultrafast", "-g", "2", "-bf", "0",
+                                       "-x265-params", "log-level=none", "-f", "hevc"], ".hevc")
+    hevc_units = nal_units(h265)
+    save("fuzz_decode_h265", "access_units", 0, [h265])
+    save("fuzz_decode_h265", "nal_per_image", 0, [b"".join(hevc_units[:4])] + hevc_units[4:7])
+
+    # Network image headers: a plain one, one with an odd I-frame byte and attached data after it.
+    header = lambda t, flags, iframe, ident, time, ch, sid, psize, asize: (
+        b"OIMG" + bytes([1, t, flags, iframe]) + struct.pack(">QqIIII", ident, time, ch, sid, psize, asize))
+    os.makedirs(os.path.join(OUT, "fuzz_image_header"), exist_ok=True) if wanted("fuzz_image_header") else None
+    for name, data in [("h264_iframe", header(ord("h"), 0, 1, 42, 1700000000000, 3, 7, 1234, 0)),
+                       ("odd_iframe_byte_attached", header(ord("j"), 2, 0x80, 2**64 - 1, -40, 0, 2**32 - 1, 63, 5)
+                        + b"extra"),
+                       ("version_2", b"OIMG" + bytes([2]) + bytes(35))]:
+        if wanted("fuzz_image_header"):
+            open(os.path.join(OUT, "fuzz_image_header", name), "wb").write(data)
+
+    # QImage import: header bytes (see fuzz_qimage_import.cpp), then pixels of a real picture.
+    rgb = ffmpeg(lavfi("16x16", 1) + ["-pix_fmt", "bgra", "-f", "rawvideo"], ".rgb")
+    if wanted("fuzz_qimage_import"):
+        os.makedirs(os.path.join(OUT, "fuzz_qimage_import"), exist_ok=True)
+        for name, head in [("argb_into_420", bytes([0x01, 15, 15, 31, 23, 4, 2])),
+                           ("rgb888_enlarge_422", bytes([0x1A, 15, 11, 7, 7, 250, 3])),
+                           ("rgb32_halved_444_mapped", bytes([0xE0, 15, 15, 15, 15, 0, 0]))]:
+            open(os.path.join(OUT, "fuzz_qimage_import", name), "wb").write(head + rgb)
+
+    # Decoder switching: selector byte + payload per chunk (code index 4 'h', 6 'j', 10 'y', 8 'm').
+    save("fuzz_decoder_switching", "h264_jpeg_yuv_mpeg4", 0x01,
+         [bytes([0x84]) + units[0] + units[1] + units[2], bytes([6]) + mjpeg[0], bytes([10]) + yuv_short(16, 8),
+          bytes([8]) + m4v[:1500]])
+    save("fuzz_decoder_switching", "flipping_preferences", 0x48,
+         [bytes([6]) + mjpeg[0], bytes([6]) + mjpeg[1], bytes([0x84]) + b"".join(units[:3]), bytes([0x2E]) + j2k])
 
     vc2 = ffmpeg(["-f", "lavfi", "-i", "color=gray:size=720x288:rate=25", "-frames:v", "1", "-c:v", "vc2",
                   "-b:v", "300k", "-strict", "-1", "-f", "rawvideo"], ".drc")

@@ -25,8 +25,14 @@ public:
     virtual bool produces_shallow_images() const;
 
     // The largest picture a payload may declare (64 Mpixel, above every camera sensor):
-    // a few header bytes must not make a 64-stream client allocate gigabytes.
+    // a few header bytes must not make a 64-stream client allocate gigabytes. Fuzz builds
+    // stop at 1 Mpixel, as FFmpeg's own decoder fuzzers do: hostile headers would otherwise
+    // spend the campaign allocating, concealing and converting huge empty pictures.
+#ifdef FUZZING_BUILD_MODE_UNSAFE_FOR_PRODUCTION
+    static constexpr qint64 kMaxPixels = 1024LL * 1024;
+#else
     static constexpr qint64 kMaxPixels = 8192LL * 8192;
+#endif
 };
 
 class Decoder {
