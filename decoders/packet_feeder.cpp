@@ -54,22 +54,17 @@ void PacketFeeder::configure(AVCodecContext* codec)
 {
     // Chunk mode: a payload may end anywhere between NAL units, and a picture is handed
     // out as soon as its last slice has been decoded.
-    if (codec->codec_id != AV_CODEC_ID_H264)
-        return;
-    codec->flags2 |= AV_CODEC_FLAG2_CHUNKS;
-    // In chunk mode a picture that never gets its last slice (a slice lost on the network)
-    // stays open, and FFmpeg then refuses every later picture. The feeder follows each
-    // picture from its allocation to its last decoded rows to notice that.
-    codec->get_buffer2 = &PacketFeeder::getBuffer;
-    codec->draw_horiz_band = &PacketFeeder::pictureBand;
-    codec->slice_flags |= SLICE_FLAG_ALLOW_FIELD;
+    if (codec->codec_id == AV_CODEC_ID_H264)
+        codec->flags2 |= AV_CODEC_FLAG2_CHUNKS;
 }
 
 int PacketFeeder::getBuffer(AVCodecContext* codec, AVFrame* frame, int flags)
 {
-    if (auto* self = static_cast<PacketFeeder*>(codec->opaque))
-        self->pictureOpen_ = true;
-    return avcodec_default_get_buffer2(codec, frame, flags);
+    auto* self = static_cast<PacketFeeder*>(codec->opaque);
+    if (!self)
+        return avcodec_default_get_buffer2(codec, frame, flags);
+    self->pictureOpen_ = true;
+    return self->nextGetBuffer_(codec, frame, flags);
 }
 
 void PacketFeeder::pictureBand(AVCodecContext* codec, const AVFrame*, int*, int y, int, int height)
@@ -98,13 +93,22 @@ bool PacketFeeder::leavesPictureUnfinished(const uint8_t* data, int size) const
 PacketFeeder::PacketFeeder(AVCodecContext* codec)
     : codec_(codec), packet_(av_packet_alloc()), received_(av_frame_alloc())
 {
-    if (codec_)
-        codec_->opaque = this;
+    if (!codec_ || codec_->codec_id != AV_CODEC_ID_H264)
+        return;
+    // In chunk mode a picture that never gets its last slice (a slice lost on the network)
+    // stays open, and FFmpeg then refuses every later picture. The feeder follows each
+    // picture from its allocation (passed on to whichever allocator was set) to its last
+    // decoded rows to notice that.
+    codec_->opaque = this;
+    nextGetBuffer_ = codec_->get_buffer2 ? codec_->get_buffer2 : &avcodec_default_get_buffer2;
+    codec_->get_buffer2 = &PacketFeeder::getBuffer;
+    codec_->draw_horiz_band = &PacketFeeder::pictureBand;
+    codec_->slice_flags |= SLICE_FLAG_ALLOW_FIELD;
 }
 
 PacketFeeder::~PacketFeeder()
 {
-    if (codec_)
+    if (codec_ && codec_->opaque == this)
         codec_->opaque = nullptr;
     for (AVFrame* f : ready_)
         av_frame_free(&f);

@@ -33,6 +33,8 @@ public:
     // Options that must be set before the codec is opened (H.264 chunk mode).
     static void configure(AVCodecContext* codec);
 
+    // For an opened codec. For H.264 the feeder takes the codec's opaque field and
+    // watches picture allocation (chaining the allocator already set) and decoded rows.
     explicit PacketFeeder(AVCodecContext* codec);
     ~PacketFeeder();
     PacketFeeder(const PacketFeeder&) = delete;
@@ -66,6 +68,7 @@ private:
     bool draining_ = false;
     // H.264: a picture was started and its last rows have not been decoded yet.
     bool pictureOpen_ = false;
+    int (*nextGetBuffer_)(AVCodecContext*, AVFrame*, int) = nullptr;
     // H.265 access unit being assembled, and the tag of its first slice.
     QByteArray unit_;
     qint64 unitTag_ = -1;

@@ -260,4 +260,24 @@ TEST_P(CameraCutsTest, EveryPictureExactAndStampedWithItsImage)
 
 INSTANTIATE_TEST_SUITE_P(Streams, CameraCutsTest, testing::ValuesIn(allCases()), caseName);
 
+// A slice lost on the network leaves its picture unfinished: the decoder gives it up when
+// the next picture starts, keeps decoding, and is exact again from the next I-frame.
+TEST(CameraCuts, LostSliceCostsAtMostItsGroupOfPictures)
+{
+    const Clip& clip = kClips[0];
+    const ClipData& data = clipData(clip);
+    ASSERT_EQ(data.reference.size(), 14u);
+    CutImages cut = cutClip(clip, data, Cut::NalUnit);
+    // Drop the last slice of the third picture.
+    const quint64 lost = cut.unitIdentity[3] - 1;
+    ASSERT_TRUE(isSlice(clip.code, cut.images[lost - 1].payload()));
+    cut.images.erase(cut.images.begin() + int(lost - 1));
+    const Outcome out = decodeThrough(Path::Decoder, cut.images);
+    EXPECT_TRUE(out.errors.empty());
+    ASSERT_GE(out.frames.size(), 8u);
+    // Pictures 8.. (the second group) come out exactly, in order, at the end.
+    for (size_t k = 0; k < 6; ++k)
+        EXPECT_EQ(maxDiffYuv420p(out.frames[out.frames.size() - 6 + k], data.reference[8 + k], 320, 256), 0) << k;
+}
+
 }  // namespace
