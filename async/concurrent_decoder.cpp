@@ -103,6 +103,12 @@ quint64 ConcurrentDecoder::droppedImages()
     return impl ? impl->droppedImages() : 0;
 }
 
+int ConcurrentDecoder::drain()
+{
+    const auto impl = qSharedPointerObjectCast<ConcurrentDecoderImpl>(qSharedPointerInterface());
+    return impl ? impl->drain() : 0;
+}
+
 quint64 ConcurrentDecoder::decodedFrames()
 {
     const auto impl = qSharedPointerObjectCast<ConcurrentDecoderImpl>(qSharedPointerInterface());

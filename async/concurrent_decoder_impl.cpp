@@ -74,6 +74,11 @@ int ConcurrentDecoderImpl::decode(const Image& image)
 
 int ConcurrentDecoderImpl::decode(const Image& image, bool clearOnIFrame, int maxQueue, bool synchronous)
 {
+    // Nothing to decode: refused here, so that it never takes a place in the backlog.
+    if (image.isNull() || image.payloadSize() == 0 || !Decoder::isKnownFormat(image.type())) {
+        ++droppedImages_;
+        return 0;
+    }
     if (!image.iframe()) {
         // A wall that cannot keep up must stay near live: beyond the bound, and in
         // I-frame-only mode, inter frames are refused until the next I-frame.
@@ -104,18 +109,33 @@ int ConcurrentDecoderImpl::decode(const Image& image, bool clearOnIFrame, int ma
         slot->future.waitForFinished();
         VideoFrame frame;
         bool ok = false;
+        bool pending = false;
         try {
             ok = slot->decodeInto(image, frame, 0);
+            pending = !ok && slot->wasPending();
         } catch (...) {
             // No exception leaves the library; the failure is reported by the result.
             ok = false;
         }
-        if (ok)
-            ++decodedFrames_;
-        frameFinished(frame);
-        return ok ? 3 : -1;
+        if (pending) {
+            // Taken; its picture comes out with a later image or the drain.
+            imageDone(image.id(), VideoFrame());
+            return 3;
+        }
+        if (!ok) {
+            frameFinished(frame);
+            return -1;
+        }
+        ++decodedFrames_;
+        imageDone(image.id(), frame);
+        return 3;
     }
 
+    return queueImage(image) ? 1 : 0;
+}
+
+bool ConcurrentDecoderImpl::queueImage(const Image& image)
+{
     if (weakSelf_.isNull()) {
         // Queued work refers to decoders weakly; without a weak handle to this object
         // (setWeakPointerToThis, done by the handles) the image could never be started.
@@ -123,14 +143,43 @@ int ConcurrentDecoderImpl::decode(const Image& image, bool clearOnIFrame, int ma
              "No weak pointer to the decoder set; image %llu not accepted.",
              static_cast<unsigned long long>(image.id()));
         ++droppedImages_;
-        return 0;
+        return false;
     }
     inputQueue_.append(image);
     if (!scheduler_)
         scheduler_ = DecodeScheduler::instance();
     scheduler_->schedule(weakSelf_, this, image, 1000);
     trySubmit(1);
-    return 1;
+    return true;
+}
+
+int ConcurrentDecoderImpl::drain()
+{
+    if (singleThreaded_ && inputQueue_.isEmpty()) {
+        const QSharedPointer<ConcurrentDecoderImpl> guard = weakSelf_.toStrongRef();
+        if (slots_.isEmpty())
+            slots_.append(new DecodingSlot);
+        DecodingSlot* slot = slots_.last();
+        slot->future.waitForFinished();
+        QList<VideoFrame> frames;
+        try {
+            VideoFrame frame;
+            while (slot->drain(frame)) {
+                frames.append(frame);
+                frame = VideoFrame();
+            }
+        } catch (...) {
+            // No exception leaves the library: what was drained is delivered.
+        }
+        decodedFrames_ += quint64(frames.size());
+        drainDone(frames);
+        return 3;
+    }
+    // A distinct record, so that the scheduler's weak reference to it stays valid while
+    // the request waits.
+    Image request;
+    request.setType(0);
+    return queueImage(request) ? 1 : 0;
 }
 
 int ConcurrentDecoderImpl::decodeScheduledImage(Image& image)
@@ -144,7 +193,7 @@ int ConcurrentDecoderImpl::decodeScheduledImage(Image& image)
     if (queued.id() != image.id())
         std::printf("im.id()=%llu image.id()=%llu\n", static_cast<unsigned long long>(queued.id()),
                     static_cast<unsigned long long>(image.id()));
-    const int started = decode_async(queued);
+    const int started = isDrainRequest(queued) ? drain_async() : decode_async(queued);
     if (started > 0)
         lastSlot()->counted = true;
     return started;
@@ -159,6 +208,7 @@ int ConcurrentDecoderImpl::decode_async(const Image& image)
         return 0;
     slot->imageId = image.id();
     slot->imageTime = image.time();
+    slot->drainJob = false;
     slot->cancelled = false;
     slot->emitted = false;
     if (slot->counted) {
@@ -174,6 +224,34 @@ int ConcurrentDecoderImpl::decode_async(const Image& image)
              QThreadPool::globalInstance()->activeThreadCount());
 
     QFuture<VideoFrame> future = slot->startJob(image, slot->formatDecoder(), scaleLevel_);
+    if (watcher_.future() != future)
+        watcher_.setFuture(future);
+    slot->future = future;
+    return 2;
+}
+
+int ConcurrentDecoderImpl::drain_async()
+{
+    if (slots_.isEmpty())
+        slots_.append(new DecodingSlot);
+    DecodingSlot* slot = slots_.last();
+    if (slot->isRunning())
+        return 0;
+    slot->imageId = 0;
+    slot->imageTime = 0;
+    slot->drainJob = true;
+    slot->cancelled = false;
+    slot->emitted = false;
+    if (slot->counted) {
+        slot->counted = false;
+        if (scheduler_)
+            scheduler_->jobDone();
+    }
+    using Job = VideoFrame (ImageDecoder::*)(QSharedPointer<AbstractDecoder>);
+    ImageDecoder* decoder = slot;
+    decoder->prepareJob();
+    QFuture<VideoFrame> future =
+        QtConcurrent::run(decoder, static_cast<Job>(&ImageDecoder::drainAll), decoder->formatDecoder());
     if (watcher_.future() != future)
         watcher_.setFuture(future);
     slot->future = future;
@@ -225,6 +303,9 @@ int ConcurrentDecoderImpl::emitFinishedImages()
         }
         const DecoderError error = slot->lastError();
         const VideoFrame frame = slot->takeResult();
+        const QList<VideoFrame> drained = slot->takeDrained();
+        const bool drainJob = slot->drainJob;
+        const quint64 imageId = slot->imageId;
         slot->emitted = true;
         // Done with the slot before emitting: a handler may start this decoder's next job.
         if (i != slots_.size() - 1 && slots_.size() > poolMaxThreads()) {
@@ -234,15 +315,35 @@ int ConcurrentDecoderImpl::emitFinishedImages()
             slot->cancelled = true;
             ++i;
         }
-        if (error.isError()) {
-            decodingError(error);
+        if (drainJob) {
+            // A drain that failed half-way still delivers what it got.
+            if (error.isError())
+                decodingError(error);
+            decodedFrames_ += quint64(drained.size());
+            drainDone(drained);
+        } else if (error.isError()) {
+            decodingError(DecoderError(error.code(), imageId));
+            imageDone(imageId, VideoFrame());
         } else {
-            ++decodedFrames_;
-            frameFinished(frame);
+            if (!frame.isNull())
+                ++decodedFrames_;
+            imageDone(imageId, frame);
         }
         ++count;
     }
     return count;
+}
+
+void ConcurrentDecoderImpl::imageDone(quint64, const VideoFrame& frame)
+{
+    if (!frame.isNull())
+        frameFinished(frame);
+}
+
+void ConcurrentDecoderImpl::drainDone(const QList<VideoFrame>& frames)
+{
+    for (const VideoFrame& frame : frames)
+        frameFinished(frame);
 }
 
 void ConcurrentDecoderImpl::frameFinished(const VideoFrame& frame)
@@ -333,7 +434,8 @@ void ConcurrentDecoderImpl::forgetScheduledImages()
 
 void ConcurrentDecoderImpl::clearBacklog()
 {
-    droppedImages_ += quint64(inputQueue_.size());
+    for (const Image& image : qAsConst(inputQueue_))
+        droppedImages_ += isDrainRequest(image) ? 0 : 1;
     inputQueue_.clear();
     // Keeps the scheduler's entries one-to-one with the backlog.
     forgetScheduledImages();
@@ -389,35 +491,56 @@ OrderedConcurrentDecoderImpl::~OrderedConcurrentDecoderImpl() = default;
 
 void OrderedConcurrentDecoderImpl::frameFinished(const VideoFrame& frame)
 {
-    const quint64 id = frame.id();
+    place({frame.id(), frame, true});
+}
+
+void OrderedConcurrentDecoderImpl::imageDone(quint64 imageId, const VideoFrame& frame)
+{
+    place({imageId, frame, !frame.isNull()});
+}
+
+void OrderedConcurrentDecoderImpl::drainDone(const QList<VideoFrame>& frames)
+{
+    // The end of the stream: nothing further is waited for.
+    flushWaiting();
+    for (const VideoFrame& frame : frames)
+        emitFrame(frame);
+}
+
+void OrderedConcurrentDecoderImpl::release(const Waiting& entry)
+{
+    lastEmittedId_ = entry.id;
+    if (entry.hasFrame)
+        emitFrame(entry.frame);
+}
+
+void OrderedConcurrentDecoderImpl::flushWaiting()
+{
+    while (!waitingFrames_.isEmpty())
+        release(waitingFrames_.takeFirst());
+    lastEmittedId_ = 0;
+}
+
+void OrderedConcurrentDecoderImpl::place(const Waiting& entry)
+{
+    const quint64 id = entry.id;
     // Saturating: ids near the top of the range must not wrap the window to the bottom.
     const quint64 window = lastEmittedId_ > std::numeric_limits<quint64>::max() - reorderLimit_
                                ? std::numeric_limits<quint64>::max()
                                : lastEmittedId_ + reorderLimit_;
-    if (id > window) {
-        // Too far ahead: give up waiting for the missing ids.
-        while (!waitingFrames_.isEmpty()) {
-            const VideoFrame waiting = waitingFrames_.takeFirst();
-            lastEmittedId_ = waiting.id();
-            emitFrame(waiting);
-        }
-        lastEmittedId_ = 0;
-    }
+    if (id > window)
+        flushWaiting();  // too far ahead: give up waiting for the missing ids
     if (lastEmittedId_ == 0 || lastEmittedId_ + 1 == id) {
-        lastEmittedId_ = id;
-        emitFrame(frame);
+        release(entry);
         // Drain the successors; stop at a gap (the flush above bridges it later).
-        while (!waitingFrames_.isEmpty() && waitingFrames_.first().id() == lastEmittedId_ + 1) {
-            const VideoFrame next = waitingFrames_.takeFirst();
-            lastEmittedId_ = next.id();
-            emitFrame(next);
-        }
+        while (!waitingFrames_.isEmpty() && waitingFrames_.first().id == lastEmittedId_ + 1)
+            release(waitingFrames_.takeFirst());
         return;
     }
     int pos = 0;
-    while (pos < waitingFrames_.size() && waitingFrames_.at(pos).id() <= id)
+    while (pos < waitingFrames_.size() && waitingFrames_.at(pos).id <= id)
         ++pos;
-    waitingFrames_.insert(pos, frame);
+    waitingFrames_.insert(pos, entry);
 }
 
 void OrderedConcurrentDecoderImpl::emitFrame(const VideoFrame& frame)

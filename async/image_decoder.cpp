@@ -61,7 +61,7 @@ VideoFrame ImageDecoder::decode(const Image& image, QSharedPointer<AbstractDecod
     quint32 code = 1;
     try {
         r = decodeInto(image, frame, scale);
-        code = r ? 0 : 1;
+        code = (r || pending_) ? 0 : 1;
     } catch (const std::bad_alloc&) {
         std::printf("std::bad_alloc caught, decoding failed for channel=%u frame timestamp=%lld probably due to "
                     "insuficient memory.\n",
@@ -96,24 +96,58 @@ VideoFrame ImageDecoder::decode(const Image& image, QSharedPointer<AbstractDecod
 bool ImageDecoder::decodeInto(const Image& image, VideoFrame& frame, int scale)
 {
     olog(jobLog, LOG_DEBUG, "orvo::ImageDecoder::decode", "Decode.");
-    const quint64 id = image.id();
+    pending_ = false;
     bool r = false;
     if (image.payloadSize() == 0) {
         std::printf("ImageDecoder::decode, payload size=0\n");
-    } else if (init(image.type(), scale)) {
-        r = Decoder::decode(image.payloadData(), int(image.payloadSize()), frame, image.iframe());
+    } else {
+        const ImageResult result = decodeImage(image, frame, scale);
+        r = result == ImageResult::Picture;
+        pending_ = result == ImageResult::Pending;
     }
-    // A field of an interlaced picture: half the height.
-    const quint8 type = image.type();
-    if (type != 'a' && type != 'n' && type != 'p' && (image.flags() & 7) == 2)
+    if (!r) {
+        if (image.isNull())
+            std::printf("Image is null.\n");
+        frame.setId(image.id());
+        frame.attachImageData(image, image.payloadSize());
+        frame.setStreamId(image.streamId());
+        frame.setImage(image);
+    }
+    // A field of an interlaced picture: half the height (by the image the picture came from).
+    const Image source = r ? frame.image() : image;
+    const quint8 type = source.type();
+    if (type != 'a' && type != 'n' && type != 'p' && (source.flags() & 7) == 2)
         frame.setScale(1, 2);
-    if (!r && image.isNull())
-        std::printf("Image is null.\n");
-    frame.setId(id);
-    frame.attachImageData(image, image.payloadSize());
-    frame.setStreamId(image.streamId());
-    frame.setImage(image);
     return r;
 }
 
+VideoFrame ImageDecoder::drainAll(QSharedPointer<AbstractDecoder> keep)
+{
+    (void)handoff_.load(std::memory_order_acquire);
+    workerThread_ = QThread::currentThread();
+    quint32 code = 0;
+    drained_.clear();
+    try {
+        VideoFrame frame;
+        while (drain(frame)) {
+            drained_.append(frame);
+            frame = VideoFrame();
+        }
+    } catch (const std::bad_alloc&) {
+        code = 3;
+    } catch (...) {
+        code = 4;
+    }
+    result_ = VideoFrame();
+    keep.reset();
+    errorCode_.store(code, std::memory_order_release);
+    return VideoFrame();
+}
+
+QList<VideoFrame> ImageDecoder::takeDrained()
+{
+    QList<VideoFrame> frames;
+    frames.swap(drained_);
+    return frames;
+}
 }  // namespace orvo

@@ -6,6 +6,7 @@
 #include "orvo/video_frame.h"
 
 #include <QFuture>
+#include <QList>
 #include <QSharedPointer>
 #include <atomic>
 
@@ -35,9 +36,18 @@ public:
     VideoFrame decode(const Image& image, QSharedPointer<AbstractDecoder> keep, bool* ok, int scale);
 
     // The inner step, also run directly on the owner thread by the synchronous path:
-    // decodes `image` into `frame` and stamps the frame with the image's identity
-    // whether or not decoding succeeded. May throw (std::bad_alloc from allocations).
+    // decodes `image` into `frame`. A picture carries the identity of the image it came
+    // from (an earlier one when the decoder held it back); without a picture the frame
+    // is stamped with `image`'s identity. False without a picture; wasPending() then
+    // tells whether the image was taken all the same (not an error). May throw
+    // (std::bad_alloc from allocations).
     virtual bool decodeInto(const Image& image, VideoFrame& frame, int scale);
+    bool wasPending() const { return pending_; }
+
+    // The drain job (runs on a pool thread): collects every picture the decoder still
+    // holds, with its identity, for takeDrained(); returns a null frame.
+    VideoFrame drainAll(QSharedPointer<AbstractDecoder> keep);
+    QList<VideoFrame> takeDrained();
 
     // Starts one job on the global pool: decode(image, keep, nullptr, scale). The job's inputs
     // pass through this object, published with a release that follows the pool's job object
@@ -59,6 +69,8 @@ private:
     Image jobImage_;
     QSharedPointer<AbstractDecoder> jobKeep_;
     int jobScale_ = 0;
+    QList<VideoFrame> drained_;
+    bool pending_ = false;
 };
 
 // The state of one decoding slot of a ConcurrentDecoderImpl (owner thread only, apart
@@ -70,6 +82,7 @@ public:
     bool emitted = true;     // the result of the current job was taken and emitted
     bool counted = false;    // the job is counted in the scheduler's in-flight total
     QFuture<VideoFrame> future;
+    bool drainJob = false;  // the current job drains the decoder
     quint64 imageId = 0;
     qint64 imageTime = 0;
 

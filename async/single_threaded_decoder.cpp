@@ -10,14 +10,12 @@ SingleThreadedDecoderImpl::~SingleThreadedDecoderImpl() = default;
 
 int SingleThreadedDecoderImpl::decode(const Image& image)
 {
-    if (!decoder_.init(image.type(), 0)) {
-        decodingError(DecoderError(1));
-        return 0;
-    }
     VideoFrame frame;
+    Decoder::ImageResult result = Decoder::ImageResult::Failed;
     quint32 code = 0;
     try {
-        if (!decoder_.decode(image.payloadData(), int(image.payloadSize()), frame, image.iframe()))
+        result = decoder_.decodeImage(image, frame);
+        if (result == Decoder::ImageResult::Failed)
             code = 1;
     } catch (const std::bad_alloc&) {
         code = 3;
@@ -25,13 +23,27 @@ int SingleThreadedDecoderImpl::decode(const Image& image)
         code = 4;
     }
     if (code != 0) {
-        decodingError(DecoderError(code));
+        decodingError(DecoderError(code, image.id()));
         return 0;
     }
-    frame.setId(image.id());
-    frame.attachImageData(image, image.payloadSize());
-    frameFinished(frame);
+    // A picture carries the identity of its own image, maybe an earlier one; an image
+    // whose picture is held back (or that carries none) is taken without a frame.
+    if (result == Decoder::ImageResult::Picture)
+        frameFinished(frame);
     return 1;
+}
+
+void SingleThreadedDecoderImpl::drain()
+{
+    VideoFrame frame;
+    try {
+        while (decoder_.drain(frame)) {
+            frameFinished(frame);
+            frame = VideoFrame();
+        }
+    } catch (...) {
+        // No exception leaves the library.
+    }
 }
 
 SingleThreadedDecoder::SingleThreadedDecoder() : AsyncDecoder(new SingleThreadedDecoderImpl(nullptr))
@@ -41,6 +53,12 @@ SingleThreadedDecoder::SingleThreadedDecoder() : AsyncDecoder(new SingleThreaded
 }
 
 SingleThreadedDecoder::~SingleThreadedDecoder() = default;
+
+void SingleThreadedDecoder::drain()
+{
+    if (auto* impl = static_cast<SingleThreadedDecoderImpl*>(getInterface()))
+        impl->drain();
+}
 
 void SingleThreadedDecoder::slotFinished(const orvo::VideoFrame& frame)
 {

@@ -1,6 +1,6 @@
 #pragma once
 // Benchmark input: an H.264 clip made once by the ffmpeg command line next to the
-// benchmark binary, read back as Annex B access units.
+// benchmark binary, read back as Annex B access units by orvo::StreamReader.
 #include <QByteArray>
 #include <cstdio>
 #include <cstdlib>
@@ -8,9 +8,7 @@
 #include <string>
 #include <vector>
 
-extern "C" {
-#include <libavformat/avformat.h>
-}
+#include "orvo/stream_reader.h"
 
 namespace orvo::bench {
 
@@ -34,18 +32,12 @@ inline std::vector<Packet> annexBClip(const std::string& dirName, const std::str
         if (std::system(cmd.c_str()) != 0 || std::rename(tmp.c_str(), path.c_str()) != 0)
             return out;
     }
-    AVFormatContext* fmt = nullptr;
-    if (avformat_open_input(&fmt, path.c_str(), nullptr, nullptr) < 0)
+    orvo::StreamReader reader;
+    if (!reader.open(QString::fromStdString(path)))
         return out;
-    avformat_find_stream_info(fmt, nullptr);
-    AVPacket* pkt = av_packet_alloc();
-    while (av_read_frame(fmt, pkt) >= 0) {
-        out.push_back({QByteArray(reinterpret_cast<const char*>(pkt->data), pkt->size),
-                       (pkt->flags & AV_PKT_FLAG_KEY) != 0});
-        av_packet_unref(pkt);
-    }
-    av_packet_free(&pkt);
-    avformat_close_input(&fmt);
+    orvo::Image image;
+    while (reader.read(image) == orvo::StreamReader::Result::Image)
+        out.push_back({image.payload(), image.iframe()});
     return out;
 }
 

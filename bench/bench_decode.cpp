@@ -6,14 +6,13 @@
 #include "bench_report.h"
 #include "orvo/decoder.h"
 #include "orvo/decoder_preferences.h"
+#include "orvo/stream_reader.h"
 
 #include <QByteArray>
 #include <benchmark/benchmark.h>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
-#include <libavcodec/bsf.h>
-#include <libavformat/avformat.h>
 }
 
 #include <cstdio>
@@ -64,28 +63,12 @@ std::string makeFile(const Stream& s)
 std::vector<QByteArray> demuxAnnexB(const std::string& path)
 {
     std::vector<QByteArray> out;
-    AVFormatContext* fmt = nullptr;
-    if (avformat_open_input(&fmt, path.c_str(), nullptr, nullptr) < 0)
+    orvo::StreamReader reader;
+    if (!reader.open(QString::fromStdString(path)))
         return out;
-    avformat_find_stream_info(fmt, nullptr);
-    const int index = av_find_best_stream(fmt, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
-    AVBSFContext* bsf = nullptr;
-    av_bsf_alloc(av_bsf_get_by_name("h264_mp4toannexb"), &bsf);
-    avcodec_parameters_copy(bsf->par_in, fmt->streams[index]->codecpar);
-    av_bsf_init(bsf);
-    AVPacket* pkt = av_packet_alloc();
-    while (av_read_frame(fmt, pkt) >= 0) {
-        if (pkt->stream_index == index && av_bsf_send_packet(bsf, pkt) >= 0) {
-            while (av_bsf_receive_packet(bsf, pkt) == 0) {
-                out.emplace_back(reinterpret_cast<const char*>(pkt->data), pkt->size);
-                av_packet_unref(pkt);
-            }
-        }
-        av_packet_unref(pkt);
-    }
-    av_packet_free(&pkt);
-    av_bsf_free(&bsf);
-    avformat_close_input(&fmt);
+    orvo::Image image;
+    while (reader.read(image) == orvo::StreamReader::Result::Image)
+        out.push_back(image.payload());
     return out;
 }
 

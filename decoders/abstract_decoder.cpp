@@ -5,3 +5,4 @@ bool AbstractDecoder::decode(unsigned char*, int, orvo::VideoFrame&, bool) { ret
 bool AbstractDecoder::fail() const { return false; }
 bool AbstractDecoder::is_stream_based() const { return true; }
 bool AbstractDecoder::produces_shallow_images() const { return true; }
+bool AbstractDecoder::drain(orvo::VideoFrame&) { return false; }

@@ -12,6 +12,7 @@
 #include "orvo/elapsed_timer.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <cstring>
 #include <exception>
@@ -77,6 +78,18 @@ AbstractDecoder* createDecoder(unsigned char type, int param)
 
 void noDelete(AbstractDecoder*) {}
 
+// Images kept for pictures still inside a decoder. Beyond the deepest reordering of
+// H.264/H.265 (16 pictures) even with several images per picture; older ones go first,
+// so images that never give a picture (parameter sets, later slices) do not pile up.
+constexpr int kMaxHeldImages = 64;
+
+// Payload tags are unique in the process, so copies of a Decoder never mix them up.
+qint64 nextPayloadTag()
+{
+    static std::atomic<qint64> last{0};
+    return ++last;
+}
+
 }  // namespace
 
 Decoder::Decoder() = default;
@@ -100,6 +113,7 @@ bool Decoder::init(unsigned char type, int param)
         return true;
     }
     decoder_.reset();
+    held_.clear();
     if (type == 'Y' || type == 0) {
         // The process-wide null decoder must never be freed.
         decoder_ = QSharedPointer<AbstractDecoder>(DecoderNULL::instance(), noDelete);
@@ -141,6 +155,8 @@ bool Decoder::isFormat(unsigned char type, int param)
     return true;
 }
 
+bool Decoder::isKnownFormat(unsigned char type) { return isKnownCode(type); }
+
 bool Decoder::isInitialized() { return !decoder_.isNull(); }
 
 unsigned char Decoder::getFormat() { return decoder_ ? decoder_->getFormat() : ' '; }
@@ -161,6 +177,12 @@ bool Decoder::decode(const unsigned char* data, int size, orvo::VideoFrame& fram
         olog(decoderCategory, LOG_ERROR, "Decoder::decode", "Decoder not intialized");
         return false;
     }
+    decoder_->setPayloadTag(0);
+    return run(data, size, frame, iframe);
+}
+
+bool Decoder::run(const unsigned char* data, int size, orvo::VideoFrame& frame, bool iframe)
+{
     const bool debug = decoderCategory.isDebugEnabled();
     if (debug)
         olog(decoderCategory, LOG_DEBUG, "Decoder::decode", "[DECODE] About to decode");
@@ -183,4 +205,55 @@ orvo::VideoFrame Decoder::decode2videoframe(unsigned char* data, int size, bool*
     return frame;
 }
 
-void Decoder::swap(Decoder& other) { decoder_.swap(other.decoder_); }
+void Decoder::swap(Decoder& other)
+{
+    decoder_.swap(other.decoder_);
+    held_.swap(other.held_);
+}
+
+Decoder::ImageResult Decoder::decodeImage(const orvo::Image& image, orvo::VideoFrame& frame, int param)
+{
+    if (image.isNull() || image.payloadSize() == 0 || !init(image.type(), param) || !decoder_)
+        return ImageResult::Failed;
+    const qint64 tag = nextPayloadTag();
+    held_.append(qMakePair(tag, image));
+    if (held_.size() > kMaxHeldImages)
+        held_.removeFirst();
+    decoder_->setPayloadTag(tag);
+    if (run(image.payloadData(), int(image.payloadSize()), frame, image.iframe())) {
+        stamp(frame, decoder_->pictureTag(), image);
+        return ImageResult::Picture;
+    }
+    if (decoder_->isPayloadAccepted())
+        return ImageResult::Pending;
+    if (!held_.isEmpty() && held_.last().first == tag)
+        held_.removeLast();
+    return ImageResult::Failed;
+}
+
+bool Decoder::drain(orvo::VideoFrame& frame)
+{
+    if (decoder_ && decoder_->drain(frame)) {
+        stamp(frame, decoder_->pictureTag(), orvo::Image());
+        return true;
+    }
+    held_.clear();
+    return false;
+}
+
+void Decoder::stamp(orvo::VideoFrame& frame, qint64 tag, const orvo::Image& fallback)
+{
+    orvo::Image image = fallback;
+    for (int i = 0; i < held_.size(); ++i) {
+        if (held_.at(i).first == tag) {
+            image = held_.takeAt(i).second;
+            break;
+        }
+    }
+    if (image.isNull())
+        return;  // a drained picture whose image was forgotten keeps no identity
+    frame.setId(image.id());
+    frame.attachImageData(image, image.payloadSize());
+    frame.setStreamId(image.streamId());
+    frame.setImage(image);
+}

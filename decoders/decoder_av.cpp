@@ -35,14 +35,32 @@ bool DecoderAV::decode(unsigned char* data, int size, orvo::VideoFrame& frame, b
     // boxes too, and the switches are global.
     if (!prefs->jpeg2000passthrough())
         start = jp2::codestreamStart(data, size, prefs->jpeg2000codestream(), prefs->jpeg2000display_atoms());
+    return decodeTagged(data + start, size - start, frame);
+}
+
+bool DecoderAV::decodeTagged(const unsigned char* data, int size, orvo::VideoFrame& frame)
+{
+    FFmpegModule::PayloadResult result = FFmpegModule::PayloadResult::Rejected;
+    qint64 tag = -1;
     try {
-        QByteArray packet;
-        packet.reserve(size - start + 64);
-        packet.append(reinterpret_cast<const char*>(data) + start, size - start);
-        return module_.decode(packet, frame);
+        result = module_.decodePayload(data, size, payloadTag(), frame, &tag);
     } catch (const std::bad_alloc&) {
-        return false;
+        result = FFmpegModule::PayloadResult::Rejected;
     }
+    setPayloadAccepted(result == FFmpegModule::PayloadResult::Accepted);
+    if (result != FFmpegModule::PayloadResult::Picture)
+        return false;
+    setPictureTag(tag);
+    return true;
+}
+
+bool DecoderAV::drain(orvo::VideoFrame& frame)
+{
+    qint64 tag = -1;
+    if (!module_.drain(frame, &tag))
+        return false;
+    setPictureTag(tag);
+    return true;
 }
 
 }  // namespace orvo

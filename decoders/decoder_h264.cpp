@@ -4,7 +4,6 @@
 #include "orvo/decoder_preferences.h"
 #include "orvo/log.h"
 
-#include <new>
 
 namespace orvo {
 namespace {
@@ -92,14 +91,7 @@ bool DecoderH264::decode(unsigned char* data, int size, orvo::VideoFrame& frame,
                                                  prefs->isRemoveDoubleStartCodesH264());
     if (length < 0)
         return false;
-    try {
-        QByteArray packet;
-        packet.reserve(length + 64);
-        packet.append(reinterpret_cast<const char*>(data), length);
-        return module().decode(packet, frame);
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
+    return decodeTagged(data, length, frame);
 }
 
 }  // namespace orvo

@@ -1,5 +1,6 @@
 #include "orvo/ffmpeg_module.h"
 
+#include "decoders/packet_feeder.h"
 #include "orvo/decoder.h"
 #include "orvo/decoder_preferences.h"
 #include "orvo/log.h"
@@ -240,23 +241,12 @@ struct FFmpegModule::State {
     int scalerHeight = 0;
     int scalerFormat = AV_PIX_FMT_NONE;
     bool scalerFullRange = false;
-    AVPacket* packet = nullptr;
-    AVFrame* picture = nullptr;  // the newest picture of the current packet
-    AVFrame* received = nullptr;
+    AVFrame* picture = nullptr;  // the picture being handed out
+    PacketFeeder* feeder = nullptr;
     PlanePools pools;
 
-    // Takes every picture FFmpeg has ready; keeps the newest in `picture`.
-    bool receiveAll()
-    {
-        bool got = false;
-        while (avcodec_receive_frame(codec, received) >= 0) {
-            av_frame_unref(picture);
-            av_frame_move_ref(picture, received);
-            got = true;
-        }
-        return got;
-    }
-
+    // Converts `picture` into `frame` and releases it; false when the frame could not be allocated.
+    bool handOut(VideoFrame& frame);
     void convert(VideoFrame& frame);
 };
 
@@ -271,31 +261,30 @@ FFmpegModule::FFmpegModule(const DecodeContext& context) : d(new State)
         std::abort();
     }
     d->codec = avcodec_alloc_context3(codec);
-    d->packet = av_packet_alloc();
     d->picture = av_frame_alloc();
-    d->received = av_frame_alloc();
-    if (d->codec)
+    if (d->codec) {
         d->codec->max_pixels = ::AbstractDecoder::kMaxPixels;
+        PacketFeeder::configure(d->codec);
 #ifdef FUZZING_BUILD_MODE_UNSAFE_FOR_PRODUCTION
-    if (d->codec)
         d->codec->thread_count = 1;  // fuzz builds: findings and timings belong to one thread
 #endif
-    if (!d->codec || !d->packet || !d->picture || !d->received || avcodec_open2(d->codec, codec, nullptr) < 0) {
+    }
+    if (!d->codec || !d->picture || avcodec_open2(d->codec, codec, nullptr) < 0) {
         std::fprintf(stderr, "could not open codec\n");
         std::fflush(stderr);
         std::abort();
     }
     d->codec->get_format = defaultGetFormat;
+    d->feeder = new PacketFeeder(d->codec);
     d->ok = true;
 }
 
 FFmpegModule::~FFmpegModule()
 {
+    delete d->feeder;
     avcodec_free_context(&d->codec);
     sws_freeContext(d->scaler);
-    av_packet_free(&d->packet);
     av_frame_free(&d->picture);
-    av_frame_free(&d->received);
     delete d;
 }
 
@@ -305,38 +294,49 @@ bool FFmpegModule::decode(QByteArray& packet, VideoFrame& frame)
         return false;
     const int size = packet.size();
     packet.append(kInputPadding, '\0');
-    // An empty packet would switch a send/receive decoder into draining, after which it
-    // accepts nothing until flushed: it yields no picture instead.
-    if (size == 0)
-        return false;
+    qint64 tag = 0;
+    return decodePayload(reinterpret_cast<const unsigned char*>(packet.constData()), size, 0, frame, &tag) ==
+           PayloadResult::Picture;
+}
 
-    AVPacket* pkt = d->packet;
-    pkt->data = reinterpret_cast<uint8_t*>(packet.data());
-    pkt->size = size;
-    int ret = avcodec_send_packet(d->codec, pkt);
-    bool got = false;
-    if (ret == AVERROR(EAGAIN)) {
-        // A picture is still waiting: take it, then the packet is accepted.
-        got = d->receiveAll();
-        ret = avcodec_send_packet(d->codec, pkt);
+FFmpegModule::PayloadResult FFmpegModule::decodePayload(const unsigned char* data, int size, qint64 tag,
+                                                        VideoFrame& frame, qint64* pictureTag)
+{
+    if (!d->ok)
+        return PayloadResult::Rejected;
+    const PacketFeeder::Result result = d->feeder->feed(data, size, tag);
+    if (result == PacketFeeder::Result::Rejected) {
+        if (ffmpegCategory.isTraceEnabled())
+            olog(ffmpegCategory, LOG_TRACE, "orvo::FFmpegModule::decode", "payload of %d bytes rejected", size);
+        return PayloadResult::Rejected;
     }
-    pkt->data = nullptr;
-    pkt->size = 0;
-    if (ret >= 0)
-        got = d->receiveAll() || got;
-    if (!got) {
-        if (ret < 0 && ffmpegCategory.isTraceEnabled())
-            olog(ffmpegCategory, LOG_TRACE, "orvo::FFmpegModule::decode", "packet of %d bytes rejected: %d", size, ret);
+    if (result == PacketFeeder::Result::Accepted || !d->feeder->takePicture(d->picture, pictureTag))
+        return PayloadResult::Accepted;
+    return d->handOut(frame) ? PayloadResult::Picture : PayloadResult::Rejected;
+}
+
+bool FFmpegModule::drain(VideoFrame& frame, qint64* pictureTag)
+{
+    if (!d->ok)
         return false;
+    // A picture whose frame cannot be allocated is skipped, not the end of the drain.
+    while (d->feeder->drain(d->picture, pictureTag)) {
+        if (d->handOut(frame))
+            return true;
     }
+    return false;
+}
+
+bool FFmpegModule::State::handOut(VideoFrame& frame)
+{
     // The picture is lost when its frame cannot be allocated; no exception leaves the library.
     bool converted = true;
     try {
-        d->convert(frame);
+        convert(frame);
     } catch (const std::bad_alloc&) {
         converted = false;
     }
-    av_frame_unref(d->picture);
+    av_frame_unref(picture);
     return converted;
 }
 

@@ -2,6 +2,7 @@
 
 #include <orvo/av_encoder.h>
 #include <orvo/encoder.h>
+#include <orvo/stream_reader.h>
 
 #include <QDir>
 #include <QFileInfo>
@@ -10,8 +11,7 @@
 #include <memory>
 
 extern "C" {
-#include <libavcodec/bsf.h>
-#include <libavformat/avformat.h>
+#include <libavcodec/codec_id.h>
 }
 
 namespace {
@@ -56,81 +56,27 @@ QByteArray testPattern(const Recipe& r, int index, int frames)
     return ffmpeg.readAllStandardOutput();
 }
 
-struct FormatCloser {
-    void operator()(AVFormatContext* c) const { avformat_close_input(&c); }
-};
-struct BsfFree {
-    void operator()(AVBSFContext* c) const { av_bsf_free(&c); }
-};
-
-quint8 formatCodeFor(AVCodecID id)
-{
-    switch (id) {
-    case AV_CODEC_ID_H264: return 'h';
-    case AV_CODEC_ID_MJPEG: return 'j';
-    case AV_CODEC_ID_MPEG4: return 'm';
-    case AV_CODEC_ID_MPEG2VIDEO: return 'M';
-    case AV_CODEC_ID_MXPEG: return 'x';
-    case AV_CODEC_ID_HEVC: return 'e';
-    case AV_CODEC_ID_JPEG2000: return 'r';
-    default: return 0;
-    }
-}
-
+// The stream cut into camera images; `code` (when not 0) replaces the format code, as for
+// MxPEG cameras whose I-frames are Motion JPEG pictures.
 std::vector<orvo::Image> demux(const QString& path, quint8 code, int maxFrames, CameraStream* info)
 {
     std::vector<orvo::Image> images;
-    AVFormatContext* raw = nullptr;
-    if (avformat_open_input(&raw, QFile::encodeName(path).constData(), nullptr, nullptr) < 0)
+    orvo::StreamReader reader;
+    if (!reader.open(path)) {
+        std::fprintf(stderr, "%s: %s\n", qPrintable(path), qPrintable(reader.errorString()));
         return images;
-    std::unique_ptr<AVFormatContext, FormatCloser> fmt(raw);
-    if (avformat_find_stream_info(fmt.get(), nullptr) < 0)
-        return images;
-    const int index = av_find_best_stream(fmt.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
-    if (index < 0)
-        return images;
-    const AVCodecParameters* par = fmt->streams[index]->codecpar;
+    }
     if (info) {
-        info->width = par->width;
-        info->height = par->height;
-        info->code = code ? code : formatCodeFor(par->codec_id);
-        if (!info->code)
-            return images;
-        code = info->code;
+        info->width = reader.width();
+        info->height = reader.height();
+        info->code = code ? code : reader.formatCode();
     }
-    std::unique_ptr<AVBSFContext, BsfFree> bsf;
-    const bool lengthPrefixed = par->extradata_size > 0 && par->extradata[0] == 1;
-    if (lengthPrefixed && (par->codec_id == AV_CODEC_ID_H264 || par->codec_id == AV_CODEC_ID_HEVC)) {
-        AVBSFContext* b = nullptr;
-        const char* name = par->codec_id == AV_CODEC_ID_H264 ? "h264_mp4toannexb" : "hevc_mp4toannexb";
-        if (av_bsf_alloc(av_bsf_get_by_name(name), &b) < 0)
-            return images;
-        bsf.reset(b);
-        avcodec_parameters_copy(bsf->par_in, par);
-        bsf->time_base_in = fmt->streams[index]->time_base;
-        if (av_bsf_init(bsf.get()) < 0)
-            return images;
+    orvo::Image image;
+    while (int(images.size()) < maxFrames && reader.read(image) == orvo::StreamReader::Result::Image) {
+        if (code)
+            image.setType(code);
+        images.push_back(image);
     }
-    AVPacket* pkt = av_packet_alloc();
-    auto take = [&](AVPacket* p) {
-        const quint64 id = images.size() + 1;
-        images.emplace_back(code, QByteArray(reinterpret_cast<const char*>(p->data), p->size), id,
-                            qint64(id - 1) * 40, (p->flags & AV_PKT_FLAG_KEY) != 0);
-    };
-    while (int(images.size()) < maxFrames && av_read_frame(fmt.get(), pkt) >= 0) {
-        if (pkt->stream_index == index) {
-            if (!bsf) {
-                take(pkt);
-            } else if (av_bsf_send_packet(bsf.get(), pkt) == 0) {
-                while (av_bsf_receive_packet(bsf.get(), pkt) == 0) {
-                    take(pkt);
-                    av_packet_unref(pkt);
-                }
-            }
-        }
-        av_packet_unref(pkt);
-    }
-    av_packet_free(&pkt);
     return images;
 }
 

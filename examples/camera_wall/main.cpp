@@ -152,8 +152,12 @@ int main(int argc, char** argv)
         }
         if (recordedTicks < ticks)
             return;
-        if (!drain.isValid())
+        if (!drain.isValid()) {
             drain.start();
+            // End of the streams: the pictures decoders still hold back come out too.
+            for (Lane& lane : lanes)
+                lane.decoder->drain();
+        }
         bool busy = false;
         for (const Lane& lane : lanes)
             busy = busy || lane.decoder->isBusy();

@@ -41,6 +41,11 @@ public:
     // pictures decoded and delivered since construction.
     quint64 droppedImages();
     quint64 decodedFrames();
+    // End of stream: queues a job that emits every picture the decoder still holds, each
+    // with its own image's identity, after the images queued before it; the decoder then
+    // takes a new stream from its next I-frame. 1 when queued, 3 when done at once in
+    // single-threaded mode, 0 when not accepted.
+    int drain();
     void myconnect2() {}
 
 protected:

@@ -33,7 +33,8 @@ public:
     // a weak pointer to itself, see setWeakPointerToThis; the handles do that).
     // Synchronous mode: decodes at once, emits the frame (also a failed one) and returns
     // 3 or -1; returns 0 without decoding while a backlog remains.
-    // Either mode refuses (returns 0, queues nothing) an image that is not an I-frame
+    // Either mode refuses (returns 0, queues nothing, counts it in droppedImages()) a
+    // null image, an empty payload and an unknown format code, and an image that is not an I-frame
     // when only I-frames are decoded, when the backlog holds inputQueueMaxSize images,
     // or when an earlier image of its group of pictures was refused: the stream then
     // resumes at its next I-frame, as P-frames without their references decode to
@@ -42,6 +43,12 @@ public:
     // `maxQueue` bounds the backlog as above.
     int decode(const Image& image, bool clearOnIFrame, int maxQueue, bool synchronous);
     int decodeScheduledImage(Image& image) override;
+
+    // End of stream: queues a job that emits every picture the decoder still holds (each
+    // with the identity of its image), after the images queued before it; the decoder
+    // then takes a new stream from its next I-frame. Returns 1 (queued), or 3 when done
+    // at once in synchronous mode; 0 when not accepted (as decode()).
+    int drain();
 
     virtual void frameFinished(const VideoFrame& frame);
     virtual void decodingError(const DecoderError& error);
@@ -100,6 +107,13 @@ public:
 
 protected:
     int decode_async(const Image& image);
+    int drain_async();
+    // One image's job is done: `frame` is the picture that came out (carrying the
+    // identity of its own image, maybe an earlier one), null when none did. The base
+    // hands a picture to frameFinished(); the ordered decoder keys its order on `imageId`.
+    virtual void imageDone(quint64 imageId, const VideoFrame& frame);
+    // A drain job is done: the held pictures in output order.
+    virtual void drainDone(const QList<VideoFrame>& frames);
     // The work of slotFinished(), shared with overrides.
     void finishJob();
 
@@ -110,6 +124,10 @@ protected slots:
 private:
     int emitFinishedImages();
     void forgetScheduledImages();
+    bool queueImage(const Image& image);
+    // Drain requests wait in the backlog as images with an empty payload, which decode()
+    // never queues.
+    static bool isDrainRequest(const Image& image) { return image.payloadSize() == 0; }
     DecodingSlot* lastSlot() const { return slots_.isEmpty() ? nullptr : slots_.last(); }
 
     QList<DecodingSlot*> slots_;
@@ -140,6 +158,7 @@ public:
     explicit OrderedConcurrentDecoderImpl(QObject* parent = nullptr);
     ~OrderedConcurrentDecoderImpl() override;
 
+    // Emits in id order: frame.id() is the position.
     void frameFinished(const VideoFrame& frame) override;
     virtual void emitFrame(const VideoFrame& frame);
 
@@ -151,9 +170,23 @@ public:
 
 protected:
     void slotFinished() override;
+    // Pooled results take their place by the id of the image whose job made them, so that
+    // held-back pictures (which carry an earlier image's id) keep the decoder's output
+    // order, and images without a picture (parameter sets, failures) leave no gap.
+    void imageDone(quint64 imageId, const VideoFrame& frame) override;
+    void drainDone(const QList<VideoFrame>& frames) override;
 
 private:
-    QList<VideoFrame> waitingFrames_;
+    struct Waiting {
+        quint64 id;
+        VideoFrame frame;
+        bool hasFrame;  // false: an image without a picture, which only moves the position on
+    };
+    void place(const Waiting& entry);
+    void release(const Waiting& entry);
+    void flushWaiting();
+
+    QList<Waiting> waitingFrames_;
     quint64 reorderLimit_ = 24;
     quint64 lastEmittedId_ = 0;
     quint64 nextFrameId_ = 1;

@@ -2,6 +2,10 @@
 // DecoderAV: the generic FFmpeg decoder behind the codes 'h' (H.264), 'e' (H.265),
 // 'j' (Motion JPEG), 'M' (MPEG-2), 'm' (MPEG-4) and 'x' (MxPEG). Each instance owns one FFmpeg
 // decoder and its reference pictures: use one per stream, from one thread at a time.
+// Payloads may hold any cut of the stream between NAL units (see
+// FFmpegModule::decodePayload): H.264 pictures come out with the payload that completes
+// them; H.265 pictures one payload later, since access units are assembled up to the
+// next picture's first slice.
 #include "orvo/decoder.h"
 #include "orvo/ffmpeg_module.h"
 
@@ -14,7 +18,10 @@ public:
     // Decodes one payload into `frame` (false and `frame` untouched when no picture came
     // out). Unless JPEG 2000 pass-through is on, the payload is first searched for
     // JPEG 2000 boxes and decoding starts where they say.
+    // A payload may hold any cut of the stream (see FFmpegModule::decodePayload); false
+    // with isPayloadAccepted() means it was taken without a picture coming out.
     bool decode(unsigned char* data, int size, orvo::VideoFrame& frame, bool iframe) override;
+    bool drain(orvo::VideoFrame& frame) override;
     // 'h', 'r', 'j', 'M', 'm', 'X', 'e' by format, '?' for an unknown one.
     unsigned char getFormat() const override;
     bool is_stream_based() const override { return true; }
@@ -24,6 +31,8 @@ public:
 
 protected:
     FFmpegModule& module() { return module_; }
+    // Decodes `size` bytes under the current payload tag and records the outcome.
+    bool decodeTagged(const unsigned char* data, int size, orvo::VideoFrame& frame);
 
 private:
     FormatIn format_;

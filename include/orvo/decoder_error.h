@@ -23,6 +23,8 @@ class DecoderError : public ErrorInterface {
 public:
     DecoderError() = default;
     explicit DecoderError(quint32 code) : code_(code) {}
+    // `imageId`: the id of the image that failed, for clients with many images in flight.
+    DecoderError(quint32 code, quint64 imageId) : code_(code), imageId_(imageId) {}
     DecoderError(const DecoderError&) = default;
     DecoderError& operator=(const DecoderError&) = default;
     ~DecoderError() override;
@@ -32,9 +34,12 @@ public:
     quint32 code() const override { return code_; }
     void clear() override { code_ = 0; }
     bool isError() const override { return code_ != 0; }
+    // The id of the image that failed; 0 where no image applies.
+    quint64 imageId() const { return imageId_; }
 
 private:
     quint32 code_ = 0;
+    quint64 imageId_ = 0;
 };
 
 // Registers orvo::VideoFrame and DecoderError (under both spellings that signal

@@ -4,6 +4,8 @@
 // at its first start code after offset 0; the camera repairs chosen by the preferences
 // (removeLastExtraByteH264, removeDoubleStartCodesH264) are applied, and the remaining
 // bytes go to FFmpeg as one packet. The repairs may write into the caller's payload.
+// Cameras that send one NAL unit per payload (followed by the next start code, where
+// this decoder cuts) are decoded exactly: a picture comes out with its last slice.
 #include "orvo/decoder_av.h"
 
 namespace orvo {

@@ -48,6 +48,25 @@ public:
     // Use one module from one thread at a time.
     bool decode(QByteArray& packet, VideoFrame& frame);
 
+    // What became of one payload (decodePayload).
+    enum class PayloadResult {
+        Picture,   // `frame` holds a picture
+        Accepted,  // taken without a picture coming out (parameter sets, SEI, part of a
+                   // picture, a picture held back by the decoder): not an error
+        Rejected,  // not decodable
+    };
+    // Decodes one payload of any cut (a whole access unit, one NAL unit or a run of
+    // them; the bytes need no padding) tagged `tag`. On Picture, `pictureTag` receives
+    // the tag of the payload the picture came from (an earlier one when the decoder held
+    // it back; -1 when unknown). H.264 pictures come out with the payload that completes
+    // them; H.265 pictures one payload later (access units are assembled up to the next
+    // picture's first slice).
+    PayloadResult decodePayload(const unsigned char* data, int size, qint64 tag, VideoFrame& frame,
+                                qint64* pictureTag);
+    // End of stream: one picture the decoder still holds per call, with its tag; false
+    // once none is left, and the decoder then takes a new stream from its next I-frame.
+    bool drain(VideoFrame& frame, qint64* pictureTag);
+
     // Converts `image` into `frame`, which already has its size and a planar format
     // (4:2:0, 4:2:2, else 4:4:4). ARGB32 is read as such, other formats as 24-bit RGB.
     static bool qimageToVideoFrame(const QImage& image, VideoFrame& frame);

@@ -11,8 +11,14 @@ public:
     explicit SingleThreadedDecoderImpl(QObject* parent = nullptr);
     ~SingleThreadedDecoderImpl() override;
 
-    // 1 when a frame was emitted, 0 (with error code 1) when the image failed.
+    // 1 when the image was taken: its picture is emitted (stamped with the identity of
+    // the image it came from, which may be an earlier one), or none when the decoder holds
+    // it back or the image carries none (parameter sets). 0, with an error carrying the
+    // image's id, when the image was refused or could not be decoded.
     int decode(const Image& image) override;
+    // End of stream: emits every picture the decoder still holds; the decoder then takes
+    // a new stream from its next I-frame.
+    void drain();
     bool isBusy() override { return false; }
     void reset() override {}
 
@@ -25,6 +31,8 @@ class SingleThreadedDecoder : public AsyncDecoder {
 public:
     SingleThreadedDecoder();
     ~SingleThreadedDecoder() override;
+    // End of stream: emits every picture the decoder still holds.
+    void drain();
 
 private slots:
     void slotFinished(const orvo::VideoFrame&);

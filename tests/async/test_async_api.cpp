@@ -231,9 +231,9 @@ TEST(SingleThreaded, DecodesOnTheCallersThreadOnceAndReportsFailures)
         EXPECT_EQ(header.id, image.id());
         EXPECT_EQ(header.payloadSize, image.payloadSize());
         EXPECT_TRUE(f.attachedData().endsWith("meta"));
-        // Unlike the pool job: no stream id and no image on the frame.
-        EXPECT_EQ(f.streamId(), 0u);
-        EXPECT_TRUE(f.isNullImage());
+        // Like the pool job: the image's stream id and record travel with the frame.
+        EXPECT_EQ(f.streamId(), 5u);
+        EXPECT_TRUE(f.image().sharesDataWith(image));
     }
     EXPECT_EQ(impl.frames.size(), images.size());
     EXPECT_TRUE(impl.errors.empty());

@@ -8,9 +8,9 @@
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
 
+#include "orvo/stream_reader.h"
+
 extern "C" {
-#include <libavcodec/bsf.h>
-#include <libavformat/avformat.h>
 #include <libavutil/imgutils.h>
 #include <libavutil/pixdesc.h>
 }
@@ -55,82 +55,17 @@ QString ffmpegFile(const QString& name, const QString& args)
     return path;
 }
 
-namespace {
-struct FormatCloser {
-    void operator()(AVFormatContext* c) const { avformat_close_input(&c); }
-};
-struct BsfFree {
-    void operator()(AVBSFContext* c) const { av_bsf_free(&c); }
-};
-struct PacketFree {
-    void operator()(AVPacket* p) const { av_packet_free(&p); }
-};
-
-Packet toPacket(const AVPacket* pkt)
-{
-    Packet p;
-    p.data = QByteArray(reinterpret_cast<const char*>(pkt->data), pkt->size);
-    p.key = (pkt->flags & AV_PKT_FLAG_KEY) != 0;
-    p.pts = pkt->pts;
-    return p;
-}
-}  // namespace
-
 std::vector<Packet> demuxVideo(const QString& path)
 {
     std::vector<Packet> out;
-    AVFormatContext* raw = nullptr;
-    if (avformat_open_input(&raw, path.toLocal8Bit().constData(), nullptr, nullptr) < 0) {
-        ADD_FAILURE() << "cannot open " << path.toStdString();
+    StreamReader reader;
+    if (!reader.open(path)) {
+        ADD_FAILURE() << "cannot open " << path.toStdString() << ": " << reader.errorString().toStdString();
         return out;
     }
-    std::unique_ptr<AVFormatContext, FormatCloser> fmt(raw);
-    if (avformat_find_stream_info(fmt.get(), nullptr) < 0)
-        return out;
-    const int index = av_find_best_stream(fmt.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
-    if (index < 0)
-        return out;
-    AVCodecParameters* par = fmt->streams[index]->codecpar;
-
-    // Length-prefixed H.264/H.265 (MP4, MKV) becomes Annex B as cameras send it.
-    std::unique_ptr<AVBSFContext, BsfFree> bsf;
-    const bool lengthPrefixed = par->extradata_size > 0 && par->extradata[0] == 1;
-    const char* filter = nullptr;
-    if (lengthPrefixed && par->codec_id == AV_CODEC_ID_H264)
-        filter = "h264_mp4toannexb";
-    else if (lengthPrefixed && par->codec_id == AV_CODEC_ID_HEVC)
-        filter = "hevc_mp4toannexb";
-    if (filter) {
-        AVBSFContext* b = nullptr;
-        if (av_bsf_alloc(av_bsf_get_by_name(filter), &b) < 0)
-            return out;
-        bsf.reset(b);
-        avcodec_parameters_copy(bsf->par_in, par);
-        bsf->time_base_in = fmt->streams[index]->time_base;
-        if (av_bsf_init(bsf.get()) < 0)
-            return out;
-    }
-
-    std::unique_ptr<AVPacket, PacketFree> pkt(av_packet_alloc());
-    while (av_read_frame(fmt.get(), pkt.get()) >= 0) {
-        if (pkt->stream_index != index) {
-            av_packet_unref(pkt.get());
-            continue;
-        }
-        if (!bsf) {
-            out.push_back(toPacket(pkt.get()));
-            av_packet_unref(pkt.get());
-            continue;
-        }
-        if (av_bsf_send_packet(bsf.get(), pkt.get()) < 0) {
-            av_packet_unref(pkt.get());
-            continue;
-        }
-        while (av_bsf_receive_packet(bsf.get(), pkt.get()) == 0) {
-            out.push_back(toPacket(pkt.get()));
-            av_packet_unref(pkt.get());
-        }
-    }
+    Image image;
+    while (reader.read(image) == StreamReader::Result::Image)
+        out.push_back({image.payload(), image.iframe(), image.time()});
     return out;
 }
 

@@ -24,11 +24,11 @@ QString ffmpegFile(const QString& name, const QString& args);
 struct Packet {
     QByteArray data;
     bool key = false;
-    qint64 pts = 0;
+    qint64 timeMs = 0;
 };
 
-// Video packets of the first video stream of `path`, demuxed with libavformat. H.264 and
-// H.265 in MP4/MKV are turned into Annex B (start codes) the way cameras send them.
+// Access units of the first video stream of `path`, as orvo::StreamReader cuts them (H.264
+// and H.265 in Annex B, the way cameras send them).
 std::vector<Packet> demuxVideo(const QString& path);
 
 // Camera images from packets: format code, ids 1, 2, ... (or from firstId), time = index * 40,

@@ -20,6 +20,7 @@ TEST(CameraWall, RecordsMosaicWithSoundAndSnapshot)
     const QByteArray log = wall.readAll();
     ASSERT_EQ(wall.exitCode(), 0) << log.toStdString();
     EXPECT_TRUE(log.contains("camera_wall summary")) << log.toStdString();
+    EXPECT_TRUE(log.contains("decode errors      0\n")) << log.toStdString();
 
     QProcess probe;
     probe.start(QStringLiteral("ffprobe"), {"-v", "error", "-show_streams", "-of", "json",

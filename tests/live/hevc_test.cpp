@@ -32,19 +32,28 @@ struct ZeroCopy {
     ~ZeroCopy() { DecoderPreferences::instance()->setZeroCopyDecoding(false); }
 };
 
-// Decodes every image through one Decoder; every image must give its picture.
-std::vector<VideoFrame> decodeAll(const std::vector<Image>& images, unsigned char code)
+// Decodes every image through one Decoder, then drains it. An H.265 picture comes out
+// with the next image (its access unit ends where the next one starts), each stamped
+// with its own image.
+std::vector<VideoFrame> decodeAll(std::vector<Image> images, unsigned char code)
 {
     std::vector<VideoFrame> frames;
     Decoder decoder;
-    for (const Image& image : images) {
+    for (size_t i = 0; i < images.size(); ++i) {
+        images[i].setType(code);
         VideoFrame frame;
-        QByteArray payload(reinterpret_cast<const char*>(image.payloadData()), int(image.payloadSize()));
-        EXPECT_TRUE(decoder.decode(code, reinterpret_cast<unsigned char*>(payload.data()), payload.size(), frame, 0,
-                                   image.iframe()))
-            << "image " << image.id();
-        frames.push_back(frame);
+        const Decoder::ImageResult r = decoder.decodeImage(images[i], frame);
+        EXPECT_EQ(r, i == 0 ? Decoder::ImageResult::Pending : Decoder::ImageResult::Picture) << "image " << i;
+        if (r == Decoder::ImageResult::Picture) {
+            EXPECT_EQ(frame.id(), images[i - 1].id());
+            frames.push_back(frame);
+        }
     }
+    VideoFrame last;
+    EXPECT_TRUE(decoder.drain(last));
+    EXPECT_EQ(last.id(), images.back().id());
+    frames.push_back(last);
+    EXPECT_FALSE(decoder.drain(last));
     EXPECT_EQ(decoder.getFormat(), 'e');
     return frames;
 }
@@ -57,6 +66,7 @@ std::vector<VideoFrame> decodeConcurrently(const std::vector<Image>& images)
     recorder.attach(&decoder);
     for (const Image& image : images)
         EXPECT_EQ(decoder.decode(image), 1);
+    EXPECT_EQ(decoder.drain(), 1);
     EXPECT_TRUE(waitUntil([&] { return recorder.frames.size() + recorder.errors.size() >= images.size(); }));
     EXPECT_TRUE(recorder.errors.empty());
     EXPECT_EQ(decoder.decodedFrames(), images.size());

@@ -30,7 +30,7 @@ namespace {
 using orvo::Image;
 
 struct Account {
-    quint64 fed = 0, frames = 0, errors = 0, cleared = 0, duplicates = 0, strangers = 0;
+    quint64 fed = 0, frames = 0, errors = 0, cleared = 0, duplicates = 0, strangers = 0, damaged = 0;
     std::set<quint64> fedIds, frameIds;
 };
 
@@ -128,6 +128,8 @@ TEST(Soak, SixtyFourStreamsAccountForEveryImage)
                     payload[int(rng() % quint32(payload.size()))] = char(rng());
             else if (damage == 2)
                 code = codes[(slot.stream + 1) % 3];
+            if (damage <= 2)
+                ++slot.account->damaged;
             Image image(code, payload, slot.nextId++, qint64(slot.next) * 40, p.key);
             if (slot.clearing && p.key)
                 slot.account->cleared += backlog(slot);
@@ -168,9 +170,12 @@ TEST(Soak, SixtyFourStreamsAccountForEveryImage)
         EXPECT_EQ(a->strangers, 0u);
         frames += a->frames;
         errors += a->errors;
-        if (live.count(a.get()))
-            EXPECT_EQ(a->frames + a->errors + a->cleared, a->fed) << "live decoder lost or invented results";
-        else
+        // A damaged image may leave no result at all (an unfinished picture, P-frames that
+        // lost their references), at worst for the rest of its group of 12 pictures.
+        if (live.count(a.get())) {
+            EXPECT_LE(a->frames + a->errors + a->cleared, a->fed) << "live decoder invented results";
+            EXPECT_GE(a->frames + a->errors + a->cleared + 12 * a->damaged, a->fed) << "live decoder lost results";
+        } else
             EXPECT_LE(a->frames + a->errors + a->cleared, a->fed);
     }
     EXPECT_GT(frames, 1000u) << "clearing decoders drop most images by design, the others decode all";

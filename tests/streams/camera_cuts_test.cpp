@@ -1,0 +1,283 @@
+// Streams cut the way camera network layers cut them (whole access units, one NAL unit
+// per image, one NAL unit plus the next start code for the repairing H.264 path), decoded
+// through every decoder and facade, compared byte for byte with the ffmpeg command line,
+// and checked for the identity each picture carries.
+#include "async/async_test_util.h"
+#include "common/test_streams.h"
+#include "decoders/decoder_test_util.h"
+#include "orvo/concurrent_decoder.h"
+#include "orvo/decoder.h"
+#include "orvo/decoder_preferences.h"
+#include "orvo/single_threaded_decoder.h"
+#include "orvo/stream_reader.h"
+
+#include <QFile>
+#include <QProcess>
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+
+using namespace orvo;
+using namespace orvo::test;
+
+namespace {
+
+#define SOURCE "-f lavfi -i testsrc2=size=320x256:rate=25 -frames:v 14 -pix_fmt yuv420p "
+#define X265 "-c:v libx265 -x265-params log-level=error:keyint=8:"
+
+struct Clip {
+    const char* name;
+    quint8 code;
+    const char* encode;
+};
+
+const Clip kClips[] = {
+    {"h264_cavlc_slices", 'h', SOURCE "-c:v libx264 -coder 0 -slices 4 -bf 0 -g 8 -f h264"},
+    {"h264_cabac_slices", 'H', SOURCE "-c:v libx264 -coder 1 -slices 4 -bf 0 -g 8 -f h264"},
+    {"h264_bframes", 'h', SOURCE "-c:v libx264 -bf 3 -b_strategy 0 -g 8 -f h264"},
+    {"hevc_slices", 'e', SOURCE X265 "slices=4:bframes=0 -f hevc"},
+    {"hevc_bframes", 'E', SOURCE X265 "bframes=3:b-adapt=0 -f hevc"},
+    {"mpeg2", 'M', SOURCE "-c:v mpeg2video -bf 0 -g 8 -q:v 3 -f mpeg2video"},
+};
+
+enum class Cut { AccessUnit, NalUnit, NalPlusStartCode };
+enum class Path { Decoder, DecoderZeroCopy, Concurrent, Ordered, SingleThreaded };
+
+struct Case {
+    const Clip* clip;
+    Cut cut;
+    Path path;
+};
+
+std::string caseName(const testing::TestParamInfo<Case>& info)
+{
+    static const char* cuts[] = {"au", "nal", "nal_sc"};
+    static const char* paths[] = {"decoder", "zerocopy", "concurrent", "ordered", "single"};
+    return std::string(info.param.clip->name) + "_" + cuts[int(info.param.cut)] + "_" + paths[int(info.param.path)];
+}
+
+std::vector<Case> allCases()
+{
+    std::vector<Case> out;
+    for (const Clip& clip : kClips)
+        for (Cut cut : {Cut::AccessUnit, Cut::NalUnit, Cut::NalPlusStartCode})
+            for (Path path : {Path::Decoder, Path::DecoderZeroCopy, Path::Concurrent, Path::Ordered,
+                              Path::SingleThreaded}) {
+                const bool h264 = clip.code == 'h' || clip.code == 'H';
+                if (cut == Cut::NalUnit && clip.code == 'M')
+                    continue;  // no NAL units
+                if (cut == Cut::NalPlusStartCode && !h264)
+                    continue;  // the repairing path is H.264's
+                out.push_back({&clip, cut, path});
+            }
+    return out;
+}
+
+// NAL units of an Annex B access unit, each with its own start code.
+std::vector<QByteArray> nalUnits(const QByteArray& au)
+{
+    std::vector<int> starts;
+    for (int i = 0; i + 3 <= au.size(); ++i)
+        if (au[i] == 0 && au[i + 1] == 0 && au[i + 2] == 1)
+            starts.push_back(i > 0 && au[i - 1] == 0 ? i - 1 : i);
+    std::vector<QByteArray> out;
+    for (size_t k = 0; k < starts.size(); ++k)
+        out.push_back(au.mid(starts[k], (k + 1 < starts.size() ? starts[k + 1] : au.size()) - starts[k]));
+    return out;
+}
+
+bool isSlice(quint8 code, const QByteArray& nal)
+{
+    const int header = nal[2] == 1 ? 3 : 4;
+    const quint8 b = quint8(nal[header]);
+    if (code == 'e' || code == 'E')
+        return ((b >> 1) & 0x3f) < 32;
+    return (b & 0x1f) >= 1 && (b & 0x1f) <= 5;
+}
+
+// A clip made once, its access units, and what ffmpeg makes of it.
+struct ClipData {
+    QString path;
+    std::vector<QByteArray> units;    // access units, as the reader cut them
+    std::vector<bool> keys;
+    std::vector<QByteArray> reference;  // pictures in output order
+    std::vector<int> pictureUnit;       // access unit of each reference picture (ffprobe pkt_pos)
+};
+
+const ClipData& clipData(const Clip& clip)
+{
+    static std::map<std::string, ClipData> cache;
+    auto it = cache.find(clip.name);
+    if (it != cache.end())
+        return it->second;
+    ClipData data;
+    data.path = ffmpegFile(QString::fromLatin1(clip.name) + (clip.code == 'M' ? ".m2v" : ".es"),
+                           QString::fromLatin1(clip.encode));
+    StreamReader reader;
+    EXPECT_TRUE(reader.open(data.path)) << reader.errorString().toStdString();
+    Image image;
+    std::map<qint64, int> unitAt;
+    qint64 position = 0;
+    while (reader.read(image) == StreamReader::Result::Image) {
+        EXPECT_EQ(image.type(), clip.code == 'H' ? 'h' : clip.code == 'E' ? 'e' : clip.code);
+        unitAt[position] = int(data.units.size());
+        position += image.payloadSize();
+        data.units.push_back(image.payload());
+        data.keys.push_back(image.iframe());
+    }
+    QFile file(data.path);
+    EXPECT_TRUE(file.open(QIODevice::ReadOnly));
+    EXPECT_EQ(position, file.size()) << "a raw stream is cut without losing a byte";
+    data.reference = ffmpegFrames(data.path, 320, 256);
+    QProcess probe;
+    probe.start(QStringLiteral("ffprobe"), {"-v", "error", "-select_streams", "v:0", "-show_entries", "frame=pkt_pos",
+                                            "-of", "csv=p=0", data.path});
+    EXPECT_TRUE(probe.waitForFinished(60000));
+    for (const QByteArray& line : probe.readAllStandardOutput().split('\n')) {
+        const QByteArray pos = line.split(',').front().trimmed();  // side data may follow
+        if (pos.isEmpty())
+            continue;
+        auto unit = unitAt.find(pos.toLongLong());
+        EXPECT_NE(unit, unitAt.end()) << "pkt_pos " << line.toStdString();
+        data.pictureUnit.push_back(unit == unitAt.end() ? -1 : unit->second);
+    }
+    EXPECT_EQ(data.pictureUnit.size(), data.reference.size());
+    return cache.emplace(clip.name, std::move(data)).first->second;
+}
+
+// The clip cut into images (ids 1, 2, ..., distinct times, stream 7), and for each access
+// unit the id of the image whose picture it is (the image of its first slice).
+struct CutImages {
+    std::vector<Image> images;
+    std::vector<quint64> unitIdentity;
+};
+
+CutImages cutClip(const Clip& clip, const ClipData& data, Cut cut)
+{
+    CutImages out;
+    auto add = [&](const QByteArray& payload, bool key) {
+        Image image(clip.code, payload, out.images.size() + 1, qint64(out.images.size()) * 10 + 5, key);
+        image.setStreamId(7);
+        out.images.push_back(image);
+    };
+    static const QByteArray startCode("\0\0\0\1", 4);
+    for (size_t u = 0; u < data.units.size(); ++u) {
+        if (cut == Cut::AccessUnit) {
+            add(data.units[u], data.keys[u]);
+            out.unitIdentity.push_back(out.images.size());
+            continue;
+        }
+        quint64 identity = 0;
+        for (const QByteArray& nal : nalUnits(data.units[u])) {
+            add(cut == Cut::NalUnit ? nal : nal + startCode, data.keys[u]);
+            if (!identity && isSlice(clip.code, nal))
+                identity = out.images.size();
+        }
+        out.unitIdentity.push_back(identity);
+    }
+    return out;
+}
+
+struct Outcome {
+    std::vector<VideoFrame> frames;
+    std::vector<DecoderError> errors;
+};
+
+// Every image through the decoder or facade under test, then the drain.
+Outcome decodeThrough(Path path, const std::vector<Image>& images)
+{
+    Outcome out;
+    if (path == Path::Decoder || path == Path::DecoderZeroCopy) {
+        Decoder decoder;
+        for (const Image& image : images) {
+            VideoFrame frame;
+            const Decoder::ImageResult r = decoder.decodeImage(image, frame);
+            if (r == Decoder::ImageResult::Picture)
+                out.frames.push_back(frame);
+            else if (r == Decoder::ImageResult::Failed)
+                out.errors.push_back(DecoderError(1, image.id()));
+        }
+        VideoFrame frame;
+        while (decoder.drain(frame)) {
+            out.frames.push_back(frame);
+            frame = VideoFrame();
+        }
+        return out;
+    }
+    QObject context;
+    auto record = [&](DecoderInterfaceSignals* source, DecoderInterfaceSignals* errors) {
+        QObject::connect(source, &DecoderInterfaceSignals::frameDecoded, &context,
+                         [&](const VideoFrame& f) { out.frames.push_back(f); });
+        QObject::connect(errors, &DecoderInterfaceSignals::error, &context,
+                         [&](DecoderError e) { out.errors.push_back(e); });
+    };
+    if (path == Path::SingleThreaded) {
+        SingleThreadedDecoder decoder;
+        record(&decoder, decoder.getInterface());
+        for (const Image& image : images)
+            EXPECT_EQ(decoder.decode(image), 1);
+        decoder.drain();
+        return out;
+    }
+    std::unique_ptr<ConcurrentDecoder> decoder(path == Path::Ordered ? new OrderedConcurrentDecoder
+                                                                     : new ConcurrentDecoder);
+    record(decoder.get(), decoder->getInterface());
+    for (const Image& image : images)
+        EXPECT_EQ(decoder->decode(image), 1);
+    EXPECT_EQ(decoder->drain(), 1);
+    auto* impl = static_cast<ConcurrentDecoderImpl*>(decoder->getInterface());
+    EXPECT_TRUE(waitUntil([&] { return impl->isBacklogEmpty() && !impl->isBusy(); }));
+    spin(5);
+    return out;
+}
+
+class CameraCutsTest : public testing::TestWithParam<Case> {};
+
+TEST_P(CameraCutsTest, EveryPictureExactAndStampedWithItsImage)
+{
+    const Case& c = GetParam();
+    const ClipData& data = clipData(*c.clip);
+    ASSERT_FALSE(data.reference.empty());
+    PreferencesGuard guard;
+    DecoderPreferences::instance()->lookForNALsH264(c.cut == Cut::NalPlusStartCode);
+    DecoderPreferences::instance()->setZeroCopyDecoding(c.path == Path::DecoderZeroCopy);
+    const CutImages cut = cutClip(*c.clip, data, c.cut);
+
+    const Outcome out = decodeThrough(c.path, cut.images);
+    EXPECT_TRUE(out.errors.empty()) << "first error on image " << out.errors.front().imageId();
+    ASSERT_EQ(out.frames.size(), data.reference.size());
+    for (size_t k = 0; k < out.frames.size(); ++k) {
+        const VideoFrame& f = out.frames[k];
+        ASSERT_EQ(maxDiffYuv420p(f, data.reference[k], 320, 256), 0) << "picture " << k;
+        const quint64 id = cut.unitIdentity[size_t(data.pictureUnit[k])];
+        ASSERT_EQ(f.id(), id) << "picture " << k;
+        EXPECT_EQ(f.image().time(), cut.images[id - 1].time());
+        EXPECT_TRUE(f.image().sharesDataWith(cut.images[id - 1]));
+        EXPECT_EQ(f.streamId(), 7u);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Streams, CameraCutsTest, testing::ValuesIn(allCases()), caseName);
+
+// A slice lost on the network leaves its picture unfinished: the decoder gives it up when
+// the next picture starts, keeps decoding, and is exact again from the next I-frame.
+TEST(CameraCuts, LostSliceCostsAtMostItsGroupOfPictures)
+{
+    const Clip& clip = kClips[0];
+    const ClipData& data = clipData(clip);
+    ASSERT_EQ(data.reference.size(), 14u);
+    CutImages cut = cutClip(clip, data, Cut::NalUnit);
+    // Drop the last slice of the third picture.
+    const quint64 lost = cut.unitIdentity[3] - 1;
+    ASSERT_TRUE(isSlice(clip.code, cut.images[lost - 1].payload()));
+    cut.images.erase(cut.images.begin() + int(lost - 1));
+    const Outcome out = decodeThrough(Path::Decoder, cut.images);
+    EXPECT_TRUE(out.errors.empty());
+    ASSERT_GE(out.frames.size(), 8u);
+    // Pictures 8.. (the second group) come out exactly, in order, at the end.
+    for (size_t k = 0; k < 6; ++k)
+        EXPECT_EQ(maxDiffYuv420p(out.frames[out.frames.size() - 6 + k], data.reference[8 + k], 320, 256), 0) << k;
+}
+
+}  // namespace
