@@ -247,11 +247,7 @@ int ConcurrentDecoderImpl::drain_async()
         if (scheduler_)
             scheduler_->jobDone();
     }
-    using Job = VideoFrame (ImageDecoder::*)(QSharedPointer<AbstractDecoder>);
-    ImageDecoder* decoder = slot;
-    decoder->prepareJob();
-    QFuture<VideoFrame> future =
-        QtConcurrent::run(decoder, static_cast<Job>(&ImageDecoder::drainAll), decoder->formatDecoder());
+    QFuture<VideoFrame> future = slot->startDrainJob(slot->formatDecoder());
     if (watcher_.future() != future)
         watcher_.setFuture(future);
     slot->future = future;

@@ -39,6 +39,21 @@ QFuture<VideoFrame> ImageDecoder::startJob(const Image& image, QSharedPointer<Ab
     return task->start();
 }
 
+QFuture<VideoFrame> ImageDecoder::startDrainJob(QSharedPointer<AbstractDecoder> keep)
+{
+    auto* task = new QtConcurrent::StoredMemberFunctionPointerCall0<VideoFrame, ImageDecoder>(
+        &ImageDecoder::runDrainJob, this);
+    jobKeep_ = std::move(keep);
+    handoff_.fetch_add(1, std::memory_order_release);
+    return task->start();
+}
+
+VideoFrame ImageDecoder::runDrainJob()
+{
+    (void)handoff_.load(std::memory_order_acquire);
+    return drainAll(std::move(jobKeep_));
+}
+
 VideoFrame ImageDecoder::runJob()
 {
     (void)handoff_.load(std::memory_order_acquire);

@@ -17,7 +17,7 @@ namespace orvo {
 // A Decoder that runs one image at a time as a pool job. One job per object at a time:
 // the owner starts a job only after the previous one finished.
 //
-// Hand-off: the owner calls prepareJob() before starting a job and reads lastError()/
+// Hand-off: the owner starts a job with startJob()/startDrainJob() and reads lastError()/
 // takeResult()/workerThread() only after the job's future reports finished. The two
 // atomics make that ordering explicit (Qt's own future locking is invisible to race
 // checkers); everything else of the object is touched by one side at a time.
@@ -54,6 +54,8 @@ public:
     // being built, so the job sees them and its own job object through atomics race checkers
     // can follow (Qt's own locking inside the pool is invisible to them).
     QFuture<VideoFrame> startJob(const Image& image, QSharedPointer<AbstractDecoder> keep, int scale);
+    // Starts drainAll(keep) on the global pool, handed off the same way.
+    QFuture<VideoFrame> startDrainJob(QSharedPointer<AbstractDecoder> keep);
     DecoderError lastError() const { return DecoderError(errorCode_.load(std::memory_order_acquire)); }
     void clearError() { errorCode_.store(0, std::memory_order_relaxed); }
     QThread* workerThread() const { return workerThread_; }
@@ -61,6 +63,7 @@ public:
 
 private:
     VideoFrame runJob();
+    VideoFrame runDrainJob();
 
     std::atomic<unsigned> handoff_{0};
     std::atomic<quint32> errorCode_{0};
