@@ -163,7 +163,8 @@ inline bool scaleSafely(SwsContext* context, const uint8_t* const src[4], const 
     }
     if (total > INT32_MAX)
         return false;
-    uint8_t* copy = static_cast<uint8_t*>(av_malloc(size_t(total)));
+    // Zeroed: swscale reads (and computes on) the bytes past each copied row.
+    uint8_t* copy = static_cast<uint8_t*>(av_mallocz(size_t(total)));
     if (!copy)
         return false;
     const uint8_t* tailSrc[4] = {nullptr, nullptr, nullptr, nullptr};
