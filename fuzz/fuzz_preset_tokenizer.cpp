@@ -29,8 +29,12 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static const AVCodec* h264 = avcodec_find_encoder(AV_CODEC_ID_H264);
-    AVCodecContext* context = h264 ? avcodec_alloc_context3(h264) : nullptr;
+    // One context for the whole campaign: setting an option does not change how the next
+    // one is looked up or parsed, and a context per run cost more than the run itself.
+    static AVCodecContext* const context = [] {
+        const AVCodec* h264 = avcodec_find_encoder(AV_CODEC_ID_H264);
+        return h264 ? avcodec_alloc_context3(h264) : nullptr;
+    }();
     std::istringstream in(std::string(reinterpret_cast<const char*>(data), size));
     std::string line, key, value;
     while (std::getline(in, line)) {
@@ -50,6 +54,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         if (context && av_opt_find(context, key.c_str(), nullptr, AV_OPT_FLAG_VIDEO_PARAM, AV_OPT_SEARCH_CHILDREN))
             av_opt_set(context, key.c_str(), value.c_str(), AV_OPT_SEARCH_CHILDREN);
     }
-    avcodec_free_context(&context);
     return 0;
 }

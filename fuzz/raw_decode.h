@@ -16,7 +16,9 @@ extern "C" {
 
 namespace orvo::fuzz {
 
-inline void rawDecode(AVCodecID id, const Input& in)
+// With drainEachChunk every chunk is one picture: the decoder is drained and flushed after
+// it, as the wavelet backend does with its one-field payloads.
+inline void rawDecode(AVCodecID id, const Input& in, bool drainEachChunk = false)
 {
     static const bool quiet = [] {
         av_log_set_level(AV_LOG_QUIET);
@@ -48,6 +50,12 @@ inline void rawDecode(AVCodecID id, const Input& in)
         }
         while (avcodec_receive_frame(context, frame) >= 0)
             av_frame_unref(frame);
+        if (drainEachChunk) {
+            avcodec_send_packet(context, nullptr);
+            while (avcodec_receive_frame(context, frame) >= 0)
+                av_frame_unref(frame);
+            avcodec_flush_buffers(context);
+        }
     }
     av_frame_free(&frame);
     av_packet_free(&packet);

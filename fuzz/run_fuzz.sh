@@ -45,6 +45,7 @@ mkdir -p "$BUILD/findings"
 max_len() {
   case $1 in
     fuzz_decode_wavelet) echo 65536 ;;
+    fuzz_decode_yuv) echo 4096 ;;  # longer payloads only make larger pictures
     fuzz_decode_*|fuzz_decoder_switching) echo 16384 ;;
     fuzz_qimage_import) echo 4096 ;;
     fuzz_h264_slice_dump|fuzz_jpeg2000_boxes|fuzz_encoder_presets|fuzz_preset_tokenizer) echo 4096 ;;
