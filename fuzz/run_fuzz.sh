@@ -31,7 +31,7 @@ if [ "$MEMCHECK" = 1 ]; then
     -DCMAKE_C_FLAGS_RELWITHDEBINFO="-O2 -gdwarf-4 -DNDEBUG" -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O2 -gdwarf-4 -DNDEBUG" \
     -DORVO_BUILD_TESTS=OFF -DORVO_BUILD_BENCH=OFF -DORVO_BUILD_EXAMPLES=OFF >/dev/null
   cmake --build "$REPLAY_BUILD" -j "$JOBS" --target orvo_valgrind_preload $(cd fuzz && ls fuzz_*.cpp | sed 's/\.cpp$//')
-  VALGRIND_PRELOAD=$(cd "$REPLAY_BUILD" && pwd)/fuzz/liborvo_valgrind_preload.so
+  VALGRIND_PRELOAD=$(cd "$REPLAY_BUILD" && pwd)/liborvo_valgrind_preload.so
   export VALGRIND_PRELOAD
 fi
 export ASAN_OPTIONS=detect_leaks=0:abort_on_error=1:allocator_may_return_null=1
