@@ -199,16 +199,16 @@ int ConcurrentDecoderImpl::decodeScheduledImage(Image& image)
     return started;
 }
 
-int ConcurrentDecoderImpl::decode_async(const Image& image)
+DecodingSlot* ConcurrentDecoderImpl::idleSlot(quint64 imageId, qint64 imageTime, bool drainJob)
 {
     if (slots_.isEmpty())
         slots_.append(new DecodingSlot);
     DecodingSlot* slot = slots_.last();
     if (slot->isRunning())
-        return 0;
-    slot->imageId = image.id();
-    slot->imageTime = image.time();
-    slot->drainJob = false;
+        return nullptr;
+    slot->imageId = imageId;
+    slot->imageTime = imageTime;
+    slot->drainJob = drainJob;
     slot->cancelled = false;
     slot->emitted = false;
     if (slot->counted) {
@@ -218,6 +218,14 @@ int ConcurrentDecoderImpl::decode_async(const Image& image)
         if (scheduler_)
             scheduler_->jobDone();
     }
+    return slot;
+}
+
+int ConcurrentDecoderImpl::decode_async(const Image& image)
+{
+    DecodingSlot* slot = idleSlot(image.id(), image.time(), false);
+    if (!slot)
+        return 0;
     if (decoderLog.isTraceEnabled())
         olog(decoderLog, LOG_TRACE, "orvo::ConcurrentDecoderImpl::decode_async",
              "Run concurrent job in thread. Img: %s. Threads pool count: %i.", image.idToString().toUtf8().constData(),
@@ -232,21 +240,9 @@ int ConcurrentDecoderImpl::decode_async(const Image& image)
 
 int ConcurrentDecoderImpl::drain_async()
 {
-    if (slots_.isEmpty())
-        slots_.append(new DecodingSlot);
-    DecodingSlot* slot = slots_.last();
-    if (slot->isRunning())
+    DecodingSlot* slot = idleSlot(0, 0, true);
+    if (!slot)
         return 0;
-    slot->imageId = 0;
-    slot->imageTime = 0;
-    slot->drainJob = true;
-    slot->cancelled = false;
-    slot->emitted = false;
-    if (slot->counted) {
-        slot->counted = false;
-        if (scheduler_)
-            scheduler_->jobDone();
-    }
     QFuture<VideoFrame> future = slot->startDrainJob(slot->formatDecoder());
     if (watcher_.future() != future)
         watcher_.setFuture(future);

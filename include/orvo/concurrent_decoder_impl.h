@@ -122,6 +122,8 @@ protected slots:
     int trySubmit(int envoked_from = 0);
 
 private:
+    // The stream's slot prepared for a new job, or null while its job still runs.
+    DecodingSlot* idleSlot(quint64 imageId, qint64 imageTime, bool drainJob);
     int emitFinishedImages();
     void forgetScheduledImages();
     bool queueImage(const Image& image);
