@@ -6,13 +6,14 @@
 // The Encoder is not owned; every operation that may encode takes it. One thread at a
 // time. Samples are counted one per value: the buffer serves single-channel audio (the
 // encoding operations refuse an encoder with more channels).
+#include "orvo/export.h"
 #include <QtGlobal>
 
 namespace orvo {
 
 class Encoder;
 
-class AudioBufferEncoder {
+class ORVO_EXPORT AudioBufferEncoder {
 public:
     AudioBufferEncoder();
 

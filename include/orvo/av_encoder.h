@@ -28,7 +28,7 @@ struct SwrContext;
 
 namespace orvo {
 
-class AVEncoder : public AbstractEncoder {
+class ORVO_EXPORT AVEncoder : public AbstractEncoder {
 public:
     AVEncoder();
     ~AVEncoder() override;

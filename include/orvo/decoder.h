@@ -11,7 +11,7 @@
 
 #include <QSharedPointer>
 
-class AbstractDecoder {
+class ORVO_EXPORT AbstractDecoder {
 public:
     AbstractDecoder() = default;
     AbstractDecoder(const AbstractDecoder&) = delete;
@@ -29,7 +29,7 @@ public:
     static constexpr qint64 kMaxPixels = 8192LL * 8192;
 };
 
-class Decoder {
+class ORVO_EXPORT Decoder {
 public:
     Decoder();
     Decoder(unsigned char type, int param);

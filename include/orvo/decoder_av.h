@@ -7,7 +7,7 @@
 
 namespace orvo {
 
-class DecoderAV : public AbstractDecoder {
+class ORVO_EXPORT DecoderAV : public AbstractDecoder {
 public:
     explicit DecoderAV(FormatIn format);
     ~DecoderAV() override;
@@ -31,13 +31,13 @@ private:
 };
 
 // Motion JPEG through FFmpeg, for applications (the dispatcher uses DecoderAV directly).
-class DecoderMJPEG : public DecoderAV {
+class ORVO_EXPORT DecoderMJPEG : public DecoderAV {
 public:
     DecoderMJPEG() : DecoderAV(FormatIn_MJPEG) {}
     bool is_stream_based() const override { return false; }
 };
 
-class DecoderMPEG4 : public DecoderAV {
+class ORVO_EXPORT DecoderMPEG4 : public DecoderAV {
 public:
     DecoderMPEG4() : DecoderAV(FormatIn_MPEG4) {}
 };

@@ -1,11 +1,12 @@
 #pragma once
+#include "orvo/export.h"
 // Process-wide switches that choose decoding paths and camera repairs. In memory only.
 // Fields are plain values without locks: set them at start-up, before decoding starts;
 // a later change is seen by each reader at some later image (decoder choices at the
 // next creation of a format decoder).
 namespace orvo {
 
-class DecoderPreferences {
+class ORVO_EXPORT DecoderPreferences {
 public:
     static DecoderPreferences* instance();
     DecoderPreferences& operator=(const DecoderPreferences&) = default;

@@ -13,7 +13,7 @@
 
 namespace orvo {
 
-class AbstractEncoder {
+class ORVO_EXPORT AbstractEncoder {
 public:
     AbstractEncoder() = default;
     AbstractEncoder(const AbstractEncoder&) = default;
@@ -52,7 +52,7 @@ public:
     virtual int engine_id() const = 0;
 };
 
-class Encoder {
+class ORVO_EXPORT Encoder {
 public:
     Encoder();
     explicit Encoder(int engine);

@@ -23,12 +23,12 @@ enum FormatIn : qint32 {
     FormatIn_HEVC = 7,
 };
 
-struct DecodeContext {
+struct ORVO_EXPORT DecodeContext {
     FormatIn format = FormatIn_H264;
     qint32 reserved = 0;  // DecoderAV sets 1; the module does not read it
 };
 
-class FFmpegModule {
+class ORVO_EXPORT FFmpegModule {
 public:
     // Opens the decoder for context.format. A codec that FFmpeg lacks or that will not
     // open is a broken installation, not bad input: the module reports it on standard

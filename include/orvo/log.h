@@ -8,6 +8,7 @@
 // Items go to a sink; the default sink writes through Qt's message handler
 // (qDebug/qInfo/qWarning/qCritical), so applications redirect them with
 // qInstallMessageHandler. All functions are thread-safe.
+#include "orvo/export.h"
 #include <QString>
 #include <QtGlobal>
 #include <atomic>
@@ -25,10 +26,10 @@ enum LogLevel : unsigned {
     LOG_ALL = 0xFFFF,
 };
 
-extern std::atomic<bool> LG_debug_enabled;
-extern std::atomic<bool> LG_trace_enabled;
+extern ORVO_EXPORT std::atomic<bool> LG_debug_enabled;
+extern ORVO_EXPORT std::atomic<bool> LG_trace_enabled;
 
-class LogCategory {
+class ORVO_EXPORT LogCategory {
 public:
     explicit LogCategory(const char* name, unsigned levelMask = LOG_ALL);
     const char* name() const { return name_; }
@@ -43,14 +44,14 @@ private:
     std::atomic<unsigned> mask_;
 };
 
-struct LogItem {
+struct ORVO_EXPORT LogItem {
     const char* category = "";
     unsigned level = LOG_INFO;
     const char* function = "";
     QString message;
 };
 
-class LogManager {
+class ORVO_EXPORT LogManager {
 public:
     using Sink = std::function<void(const LogItem&)>;
     static LogManager& instance();
@@ -70,7 +71,7 @@ private:
 
 // printf-style line at `level`; dropped when the category or the manager masks it,
 // and for debug/trace when the process-wide switch is off.
-void olog(const LogCategory& category, unsigned level, const char* function, const char* format, ...)
+ORVO_EXPORT void olog(const LogCategory& category, unsigned level, const char* function, const char* format, ...)
 #if defined(__GNUC__)
     __attribute__((format(printf, 4, 5)))
 #endif
