@@ -42,15 +42,17 @@ VideoFrame ImageDecoder::decode(const Image& image, QSharedPointer<AbstractDecod
         r = decodeInto(image, frame, scale);
         code = r ? 0 : 1;
     } catch (const std::bad_alloc&) {
-        std::printf("std::bad_alloc caught, decoding failed for channel=%u frame timestamp=%lld probably due to "
-                    "insuficient memory.\n",
-                    unsigned(image.channel()), static_cast<long long>(image.time()));
+        oprint(LogStream::StandardOutput,
+               "std::bad_alloc caught, decoding failed for channel=%u frame timestamp=%lld probably due to "
+               "insuficient memory.\n",
+               unsigned(image.channel()), static_cast<long long>(image.time()));
         r = false;
         code = 3;
     } catch (...) {
-        std::printf("unknown exception caught, decoding failed for channel =%u frame timestamp=%lld probably due "
-                    "to insuficient memory.\n",
-                    unsigned(image.channel()), static_cast<long long>(image.time()));
+        oprint(LogStream::StandardOutput,
+               "unknown exception caught, decoding failed for channel =%u frame timestamp=%lld probably due "
+               "to insuficient memory.\n",
+               unsigned(image.channel()), static_cast<long long>(image.time()));
         r = false;
         code = 4;
     }
@@ -78,7 +80,7 @@ bool ImageDecoder::decodeInto(const Image& image, VideoFrame& frame, int scale)
     const quint64 id = image.id();
     bool r = false;
     if (image.payloadSize() == 0) {
-        std::printf("ImageDecoder::decode, payload size=0\n");
+        oprint(LogStream::StandardOutput, "ImageDecoder::decode, payload size=0\n");
     } else if (init(image.type(), scale)) {
         r = Decoder::decode(image.payloadData(), int(image.payloadSize()), frame, image.iframe());
     }
@@ -87,7 +89,7 @@ bool ImageDecoder::decodeInto(const Image& image, VideoFrame& frame, int scale)
     if (type != 'a' && type != 'n' && type != 'p' && (image.flags() & 7) == 2)
         frame.setScale(1, 2);
     if (!r && image.isNull())
-        std::printf("Image is null.\n");
+        oprint(LogStream::StandardOutput, "Image is null.\n");
     frame.setId(id);
     frame.attachImageData(image, image.payloadSize());
     frame.setStreamId(image.streamId());

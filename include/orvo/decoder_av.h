@@ -19,6 +19,8 @@ public:
     unsigned char getFormat() const override;
     bool is_stream_based() const override { return true; }
     bool produces_shallow_images() const override { return true; }
+    // True when the codec could not be opened: the dispatcher refuses such a decoder.
+    bool fail() const override { return !module_.isOpen(); }
 
     FormatIn formatIn() const { return format_; }
 

@@ -31,9 +31,10 @@ struct ORVO_EXPORT DecodeContext {
 class ORVO_EXPORT FFmpegModule {
 public:
     // Opens the decoder for context.format. A codec that FFmpeg lacks or that will not
-    // open is a broken installation, not bad input: the module reports it on standard
-    // error and stops the process.
+    // open is reported on standard error (through the log sink); the module then stays
+    // closed: isOpen() is false and decode() returns false.
     explicit FFmpegModule(const DecodeContext& context);
+    bool isOpen() const;
     ~FFmpegModule();
     FFmpegModule(const FFmpegModule&) = delete;
     FFmpegModule& operator=(const FFmpegModule&) = delete;
@@ -59,5 +60,10 @@ private:
     struct State;
     State* d;
 };
+
+// For tests of hosts whose FFmpeg lacks a codec: while set, modules for `format` open
+// as if the linked FFmpeg had no decoder for it.
+ORVO_EXPORT void setCodecMissingForTesting(FormatIn format, bool missing);
+ORVO_EXPORT bool isCodecMissingForTesting(FormatIn format);
 
 }  // namespace orvo

@@ -5,9 +5,12 @@
 // Debug and trace lines are emitted only when the process-wide switches
 // LG_debug_enabled / LG_trace_enabled are on *and* the category enables the level;
 // test with isDebugEnabled()/isTraceEnabled() before formatting expensive lines.
-// Items go to a sink; the default sink writes through Qt's message handler
-// (qDebug/qInfo/qWarning/qCritical), so applications redirect them with
-// qInstallMessageHandler. All functions are thread-safe.
+// Every line the SDK writes goes through one sink: the olog lines, and the texts the
+// libraries print on standard output and standard error (each LogItem says which of
+// the three it is). Without a sink of its own, olog lines go to Qt's message handler
+// (qDebug/qInfo/qWarning/qCritical) and the printed texts to stdout/stderr as they are.
+// LogManager::instance().setSink(f) redirects everything to f, silence() drops
+// everything. All functions are thread-safe.
 #include "orvo/export.h"
 #include <QString>
 #include <QtGlobal>
@@ -44,11 +47,19 @@ private:
     std::atomic<unsigned> mask_;
 };
 
+// Where the default sink puts an item.
+enum class LogStream {
+    Qt,              // an olog line: Qt's message handler, without a line end
+    StandardOutput,  // a printed text, exactly as printed (line ends included)
+    StandardError,
+};
+
 struct ORVO_EXPORT LogItem {
     const char* category = "";
     unsigned level = LOG_INFO;
     const char* function = "";
     QString message;
+    LogStream stream = LogStream::Qt;
 };
 
 class ORVO_EXPORT LogManager {
@@ -60,8 +71,13 @@ public:
     unsigned maxLogLevel() const { return maxLevel_.load(std::memory_order_relaxed); }
     void setMaxLogLevel(unsigned mask) { maxLevel_.store(mask, std::memory_order_relaxed); }
 
-    // Replaces the sink; an empty function restores the Qt message handler sink.
+    // Replaces the sink for every line; an empty function restores the default sink.
+    // The sink may be called from any thread (pooled decode jobs write too).
     void setSink(Sink sink);
+    // Drops every line from now on (setSink with a sink that does nothing).
+    void silence();
+    // What happens to an item when no sink is set; a sink may pass items on to it.
+    static void defaultSink(const LogItem& item);
     void write(const LogItem& item);
 
 private:
@@ -74,6 +90,14 @@ private:
 ORVO_EXPORT void olog(const LogCategory& category, unsigned level, const char* function, const char* format, ...)
 #if defined(__GNUC__)
     __attribute__((format(printf, 4, 5)))
+#endif
+    ;
+
+// printf-style text that the libraries print on `stream` (standard output or error),
+// passed through the sink; the default sink writes it unchanged.
+ORVO_EXPORT void oprint(LogStream stream, const char* format, ...)
+#if defined(__GNUC__)
+    __attribute__((format(printf, 2, 3)))
 #endif
     ;
 

@@ -21,6 +21,7 @@
 #include "orvo/elapsed_timer.h"
 #include "orvo/encoder.h"
 #include "orvo/encoder_error.h"
+#include "orvo/ffmpeg_log.h"
 #include "orvo/ffmpeg_module.h"
 #include "orvo/image.h"
 #include "orvo/log.h"
