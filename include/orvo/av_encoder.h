@@ -72,7 +72,21 @@ public:
     // the next open(). For MP4 that stays readable if the process dies mid-recording:
     // ("movflags", "frag_keyframe+empty_moov") and ("flush_packets", "1"), the latter so
     // that every packet reaches the file at once. An empty value removes the option.
+    // Whenever "movflags" asks for fragments (a flag starting "frag_"), every fragment the
+    // muxer completes is flushed to the file before the next one starts.
     void setMuxerOption(const std::string& name, const std::string& value);
+
+    // Crash-safe recording: from the next open(), MP4/MOV output is fragmented
+    // ("movflags" = "frag_keyframe+empty_moov") and each completed fragment reaches the
+    // file at once, so a process killed mid-recording leaves a playable file that ends at
+    // its last fragment. Other containers write as they go and are flushed after every
+    // packet. Off again: the option goes and writes are buffered as usual.
+    void setCrashSafeRecording(bool on);
+    bool isCrashSafeRecording() const { return crashSafe_; }
+
+    // The largest audio frame (frame size x channels values) the audio buffer can hold;
+    // open() fails for an audio codec and channel count whose frame is larger.
+    static constexpr int kMaxAudioFrameValues = 32768;
 
     // Module-wide path of the H.264 preset file (lines name=value, "#" comments).
     static void setPresetFilePath(const std::string& path);
@@ -117,6 +131,7 @@ private:
     // (0 when none was ready), a negative FFmpeg error, or -1 when writing failed.
     int writeVideoPackets(unsigned char* outBuffer, int outBufferSize);
     int writeAudioPackets();
+    void flushWrites();
 
     AVFormatContext* formatContext_ = nullptr;
     const AVOutputFormat* outputFormat_ = nullptr;  // owned by FFmpeg
@@ -142,6 +157,8 @@ private:
     AVPacket* packet_ = nullptr;
     SwrContext* resampler_ = nullptr;
     std::map<std::string, std::string> muxerOptions_;
+    bool crashSafe_ = false;
+    bool flushAfterWrites_ = false;  // decided at open: fragmented MP4/MOV or crash-safe
 };
 
 }  // namespace orvo

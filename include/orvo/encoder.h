@@ -68,6 +68,11 @@ public:
               int timeBaseNum, int gopSize, unsigned int audioCodec, int audioBitRate, int sampleRate,
               int channels, void* presetOption, EncoderError& error);
 
+    // Crash-safe recording (see AVEncoder::setCrashSafeRecording), applied at every
+    // open() to the FFmpeg backend: fragmented MP4/MOV, each fragment flushed to disk.
+    void setCrashSafeRecording(bool on) { crashSafe_ = on; }
+    bool isCrashSafeRecording() const { return crashSafe_; }
+
     // Deletes the present backend and takes ownership of `backend` (may be null).
     void setBackend(AbstractEncoder* backend);
     AbstractEncoder* getBackend() { return backend_.get(); }
@@ -100,6 +105,7 @@ private:
     bool silenceFits();
 
     std::shared_ptr<AbstractEncoder> backend_;
+    bool crashSafe_ = false;
     static constexpr int kSilenceSamples = 65536;
     static short silence_buffer[kSilenceSamples];
 };
