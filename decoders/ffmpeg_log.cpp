@@ -101,8 +101,8 @@ FFmpegLogMode ffmpegLogMode()
 }
 
 // Installed once and then left alone: swapping the callback while other threads decode
-// would be a data race inside FFmpeg.
-void applyFFmpegLogModeForDecoder()
+// or encode would be a data race inside FFmpeg.
+void applyFFmpegLogMode()
 {
     QMutexLocker lock(&modeMutex);
     if (currentMode == FFmpegLogMode::Silenced && !callbackInstalled)

@@ -3,8 +3,8 @@
 
 namespace orvo {
 
-// Called by every FFmpeg decoder as it is created: installs the silencing callback once,
-// unless the client chose another mode first.
-void applyFFmpegLogModeForDecoder();
+// Called as every FFmpeg decoder is created and every encoder opens: installs the
+// silencing callback once, unless the client chose another mode first.
+void applyFFmpegLogMode();
 
 }  // namespace orvo

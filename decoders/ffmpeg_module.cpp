@@ -240,7 +240,7 @@ struct FFmpegModule::State {
 
 FFmpegModule::FFmpegModule(const DecodeContext& context) : d(new State)
 {
-    applyFFmpegLogModeForDecoder();
+    applyFFmpegLogMode();
     const AVCodecID id = codecIdOf(context.format);
     // A codec the linked FFmpeg lacks, or one that will not open, fails this decoder only
     // (decode returns false, Decoder::init refuses it): no client input may stop the host.

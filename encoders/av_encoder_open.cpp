@@ -1,6 +1,7 @@
 // AVEncoder: choosing the container, adding and opening the streams, closing.
 #include "orvo/av_encoder.h"
 
+#include "decoders/ffmpeg_log.h"
 #include "orvo/log.h"
 
 extern "C" {
@@ -102,6 +103,7 @@ bool AVEncoder::open(const std::string& filename, const std::string& formatName,
                     timeBaseDen, timeBaseNum, gopSize, audioCodec, audioBitRate, sampleRate, channels,
                     presetOption, scratch, noVideo);
     }
+    applyFFmpegLogMode();  // the codecs' own chatter follows the client's choice
     // A second open on an open encoder finishes the first output instead of leaking it.
     if (formatContext_)
         close();

@@ -6,10 +6,11 @@
 namespace orvo {
 
 enum class FFmpegLogMode {
-    // The default: the first decoder installs a callback that drops every message.
+    // The default: the first decoder (or encoder output) installs a callback that drops
+    // every message.
     Silenced,
     // The library never sets FFmpeg's callback or level, so the host's own stay in force.
-    // Choose it before the first decoder is created: a callback the library already
+    // Choose it before the first decoder or encoder: a callback the library already
     // replaced cannot be given back (FFmpeg's default callback is restored instead).
     Untouched,
     // FFmpeg's messages up to its log level (set to AV_LOG_INFO here) become LogItems of
