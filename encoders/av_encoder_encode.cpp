@@ -46,7 +46,10 @@ int AVEncoder::writeVideoPackets(unsigned char* outBuffer, int outBufferSize)
         // Every picture is flagged key, as this encoder always has done.
         packet_->flags |= AV_PKT_FLAG_KEY;
         packet_->stream_index = videoStream_->index;
-        ret = DecoderPreferences::instance()->useFFMPEGEncodeAvInterleavedWriteFrame()
+        // Audio always goes through FFmpeg's interleaving queue, which lets packets out only
+        // while every stream has some queued: a recording that must survive a crash sends
+        // video through it as well, or its sound would sit in memory until close().
+        ret = DecoderPreferences::instance()->useFFMPEGEncodeAvInterleavedWriteFrame() || flushAfterWrites_
                   ? av_interleaved_write_frame(formatContext_, packet_)
                   : av_write_frame(formatContext_, packet_);
         av_packet_unref(packet_);

@@ -69,18 +69,17 @@ public:
     int engine_id() const override { return 1; }
 
     // Options of the muxer and of the output context, handed to avformat_write_header at
-    // the next open(). For MP4 that stays readable if the process dies mid-recording:
-    // ("movflags", "frag_keyframe+empty_moov") and ("flush_packets", "1"), the latter so
-    // that every packet reaches the file at once. An empty value removes the option.
-    // Whenever "movflags" asks for fragments (a flag starting "frag_"), every fragment the
-    // muxer completes is flushed to the file before the next one starts.
+    // the next open(). An empty value removes the option. Whenever "movflags" asks for
+    // fragments (a flag starting "frag_"), every fragment the muxer completes is flushed
+    // to the file before the next one starts (setCrashSafeRecording does all of it).
     void setMuxerOption(const std::string& name, const std::string& value);
 
     // Crash-safe recording: from the next open(), MP4/MOV output is fragmented
     // ("movflags" = "frag_keyframe+empty_moov") and each completed fragment reaches the
     // file at once, so a process killed mid-recording leaves a playable file that ends at
-    // its last fragment. Other containers write as they go and are flushed after every
-    // packet. Off again: the option goes and writes are buffered as usual.
+    // its last fragment, sound included (video then also passes FFmpeg's interleaving
+    // queue). Other containers write as they go and are flushed after every packet. Off
+    // again: the option goes and writes are buffered as usual.
     void setCrashSafeRecording(bool on);
     bool isCrashSafeRecording() const { return crashSafe_; }
 
