@@ -11,6 +11,12 @@
 #include <memory>
 #include <string>
 
+// Codecs are named by FFmpeg's AV_CODEC_ID_* values (0 none, AV_CODEC_ID_PROBE the
+// container's default).
+extern "C" {
+#include <libavcodec/codec_id.h>
+}
+
 namespace orvo {
 
 class ORVO_EXPORT AbstractEncoder {
