@@ -93,6 +93,19 @@ void olog(const LogCategory& category, unsigned level, const char* function, con
     LogManager::instance().write(item);
 }
 
+ODebug::~ODebug()
+{
+    debug_.reset();  // QDebug completes its text (and its trailing space) as it goes
+    LogItem item;
+    item.category = "orvo";
+    item.level = LOG_DEBUG;
+    // QDebug separates items with spaces, the last one included; Qt's handler drops it too.
+    if (text_.endsWith(QLatin1Char(' ')))
+        text_.chop(1);
+    item.message = text_;
+    LogManager::instance().write(item);
+}
+
 void oprint(LogStream stream, const char* format, ...)
 {
     va_list args;

@@ -12,10 +12,12 @@
 // LogManager::instance().setSink(f) redirects everything to f, silence() drops
 // everything. All functions are thread-safe.
 #include "orvo/export.h"
+#include <QDebug>
 #include <QString>
 #include <QtGlobal>
 #include <atomic>
 #include <functional>
+#include <optional>
 
 namespace orvo {
 
@@ -92,6 +94,38 @@ ORVO_EXPORT void olog(const LogCategory& category, unsigned level, const char* f
     __attribute__((format(printf, 4, 5)))
 #endif
     ;
+
+// A qDebug()-style line that goes through the sink (debug level, Qt stream) when the
+// statement ends: odebug() << "value" << 5; the default sink hands it to qDebug's handler.
+class ORVO_EXPORT ODebug {
+public:
+    ODebug() : debug_(std::in_place, &text_) {}
+    ODebug(const ODebug&) = delete;
+    ODebug& operator=(const ODebug&) = delete;
+    ~ODebug();
+    template <typename T>
+    ODebug& operator<<(const T& value)
+    {
+        *debug_ << value;
+        return *this;
+    }
+    ODebug& nospace()
+    {
+        debug_->nospace();
+        return *this;
+    }
+    ODebug& noquote()
+    {
+        debug_->noquote();
+        return *this;
+    }
+
+private:
+    QString text_;
+    std::optional<QDebug> debug_;
+};
+
+inline ODebug odebug() { return ODebug(); }
 
 // printf-style text that the libraries print on `stream` (standard output or error),
 // passed through the sink; the default sink writes it unchanged.

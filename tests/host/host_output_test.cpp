@@ -6,6 +6,7 @@
 #include "orvo/audio_buffer_encoder.h"
 #include "orvo/concurrent_decoder.h"
 #include "orvo/decoder_av.h"
+#include "orvo/decoder_preferences.h"
 #include "orvo/ffmpeg_log.h"
 #include "orvo/ffmpeg_module.h"
 #include "orvo/log.h"
@@ -61,6 +62,20 @@ void decodeOnThePool(const std::vector<Image>& clip)
         decoder.decode(image);
     ASSERT_TRUE(waitUntil([&] { return rec.frames.size() + rec.errors.size() == images.size(); }));
     EXPECT_EQ(rec.frames.size(), clip.size());
+}
+
+// The JPEG 2000 box listing, a line per box on Qt's debug stream.
+void listJpeg2000Boxes()
+{
+    DecoderPreferences* prefs = DecoderPreferences::instance();
+    prefs->setJpeg2000passthrough(false);
+    prefs->setJpeg2000display_atoms(true);
+    QByteArray boxes("\x00\x00\x00\x0cjP  \x0d\x0a\x87\x0a\x00\x00\x00\x10jp2c0123456789", 28);
+    Decoder decoder;
+    VideoFrame frame;
+    decoder.decode('h', reinterpret_cast<unsigned char*>(boxes.data()), boxes.size(), frame, 0, true);
+    prefs->setJpeg2000display_atoms(false);
+    prefs->setJpeg2000passthrough(true);
 }
 
 // FFmpeg's log callback is global: the test's own records what reaches it.
@@ -152,16 +167,19 @@ TEST(Output, RedirectedAndSilencedSink)
         CaptureFd out(1), err(2);
         recordClip(path);
         decodeOnThePool(clip);
+        listJpeg2000Boxes();
         EXPECT_EQ(out.text(), "");
         EXPECT_EQ(err.text(), "");
     }
-    bool sawAudioLine = false, sawEmptyPayload = false;
+    bool sawAudioLine = false, sawEmptyPayload = false, sawBox = false;
     for (const LogItem& item : items) {
         sawAudioLine |= item.message == QStringLiteral("audio opened\n") && item.stream == LogStream::StandardOutput;
         sawEmptyPayload |= item.message == QStringLiteral("ImageDecoder::decode, payload size=0\n");
+        sawBox |= item.message.startsWith(QStringLiteral("offset=0 size=12")) && item.stream == LogStream::Qt;
     }
     EXPECT_TRUE(sawAudioLine);
     EXPECT_TRUE(sawEmptyPayload);
+    EXPECT_TRUE(sawBox);
 
     // Silenced: a full encode and a pooled decode (failures included) write nothing.
     LogManager::instance().setSink({});
@@ -170,6 +188,7 @@ TEST(Output, RedirectedAndSilencedSink)
         CaptureFd out(1), err(2);
         recordClip(path);
         decodeOnThePool(clip);
+        listJpeg2000Boxes();
         setCodecMissingForTesting(FormatIn_MPEG4, true);
         Decoder missing;
         EXPECT_FALSE(missing.init('m', 0));
