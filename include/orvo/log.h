@@ -5,9 +5,9 @@
 // Debug and trace lines are emitted only when the process-wide switches
 // LG_debug_enabled / LG_trace_enabled are on *and* the category enables the level;
 // test with isDebugEnabled()/isTraceEnabled() before formatting expensive lines.
-// Every line the SDK writes goes through one sink: the olog lines, and the texts the
-// libraries print on standard output and standard error (each LogItem says which of
-// the three it is). Without a sink of its own, olog lines go to Qt's message handler
+// Every line the SDK writes goes through one sink: the olog and odebug lines, and the
+// texts the libraries print on standard output and standard error (each LogItem says
+// which of the three streams it belongs to). Without a sink of its own, olog lines go to Qt's message handler
 // (qDebug/qInfo/qWarning/qCritical) and the printed texts to stdout/stderr as they are.
 // LogManager::instance().setSink(f) redirects everything to f, silence() drops
 // everything. All functions are thread-safe.
