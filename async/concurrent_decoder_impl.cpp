@@ -191,8 +191,9 @@ int ConcurrentDecoderImpl::decodeScheduledImage(Image& image)
         return 0;  // the image was dropped from the backlog after it was scheduled
     Image queued = inputQueue_.takeFirst();
     if (queued.id() != image.id())
-        std::printf("im.id()=%llu image.id()=%llu\n", static_cast<unsigned long long>(queued.id()),
-                    static_cast<unsigned long long>(image.id()));
+        oprint(LogStream::StandardOutput,
+               "im.id()=%llu image.id()=%llu\n", static_cast<unsigned long long>(queued.id()),
+               static_cast<unsigned long long>(image.id()));
     const int started = isDrainRequest(queued) ? drain_async() : decode_async(queued);
     if (started > 0)
         lastSlot()->counted = true;

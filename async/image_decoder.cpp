@@ -78,15 +78,17 @@ VideoFrame ImageDecoder::decode(const Image& image, QSharedPointer<AbstractDecod
         r = decodeInto(image, frame, scale);
         code = (r || pending_) ? 0 : 1;
     } catch (const std::bad_alloc&) {
-        std::printf("std::bad_alloc caught, decoding failed for channel=%u frame timestamp=%lld probably due to "
-                    "insuficient memory.\n",
-                    unsigned(image.channel()), static_cast<long long>(image.time()));
+        oprint(LogStream::StandardOutput,
+               "std::bad_alloc caught, decoding failed for channel=%u frame timestamp=%lld probably due to "
+               "insuficient memory.\n",
+               unsigned(image.channel()), static_cast<long long>(image.time()));
         r = false;
         code = 3;
     } catch (...) {
-        std::printf("unknown exception caught, decoding failed for channel =%u frame timestamp=%lld probably due "
-                    "to insuficient memory.\n",
-                    unsigned(image.channel()), static_cast<long long>(image.time()));
+        oprint(LogStream::StandardOutput,
+               "unknown exception caught, decoding failed for channel =%u frame timestamp=%lld probably due "
+               "to insuficient memory.\n",
+               unsigned(image.channel()), static_cast<long long>(image.time()));
         r = false;
         code = 4;
     }
@@ -114,7 +116,7 @@ bool ImageDecoder::decodeInto(const Image& image, VideoFrame& frame, int scale)
     pending_ = false;
     bool r = false;
     if (image.payloadSize() == 0) {
-        std::printf("ImageDecoder::decode, payload size=0\n");
+        oprint(LogStream::StandardOutput, "ImageDecoder::decode, payload size=0\n");
     } else {
         const ImageResult result = decodeImage(image, frame, scale);
         r = result == ImageResult::Picture;
@@ -122,7 +124,7 @@ bool ImageDecoder::decodeInto(const Image& image, VideoFrame& frame, int scale)
     }
     if (!r) {
         if (image.isNull())
-            std::printf("Image is null.\n");
+            oprint(LogStream::StandardOutput, "Image is null.\n");
         frame.setId(image.id());
         frame.attachImageData(image, image.payloadSize());
         frame.setStreamId(image.streamId());

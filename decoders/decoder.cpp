@@ -125,6 +125,10 @@ bool Decoder::init(unsigned char type, int param)
         AbstractDecoder* created = createDecoder(type, param);
         if (!created)
             return false;
+        if (created->fail()) {  // e.g. a codec the linked FFmpeg lacks
+            delete created;
+            return false;
+        }
         decoder_ = QSharedPointer<AbstractDecoder>(created);
     } catch (const std::bad_alloc&) {
         return false;

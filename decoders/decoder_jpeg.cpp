@@ -1,10 +1,10 @@
 #include "orvo/decoder_jpeg.h"
+#include "orvo/log.h"
 
 #include "frames/sws_scale.h"
 
 #include <QBuffer>
 #include <QByteArray>
-#include <QDebug>
 #include <QImage>
 #include <QImageReader>
 
@@ -116,11 +116,11 @@ bool DecoderJPEG::decode(unsigned char* data, int size, orvo::VideoFrame& frame,
     QImage image;
     for (int i = 0; i < n; ++i) {
         if (i + 1 < n && jpeg[i] == 0xFF && jpeg[i + 1] == 0xD8 && loadJpeg(jpeg + i, n - i, image)) {
-            qDebug() << "found i=" << i;
+            odebug() << "found i=" << i;
             return fill(frame, image);
         }
         if (i % 1000 == 0)
-            qDebug() << "i=" << i;
+            odebug() << "i=" << i;
     }
     return loadJpeg(jpeg, n, image) && fill(frame, image);
 }

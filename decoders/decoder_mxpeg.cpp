@@ -1,8 +1,8 @@
 #include "orvo/decoder_mxpeg.h"
 
 #include "orvo/mxpeg.h"
+#include "orvo/log.h"
 
-#include <QDebug>
 #include <exception>
 
 namespace orvo {
@@ -22,10 +22,10 @@ bool guarded(Call call)
         call();
         return true;
     } catch (const std::exception& e) {
-        qDebug().noquote() << "exception of type std::exception cought when getting the size of Mobotix/MxPEG image:"
+        odebug().noquote() << "exception of type std::exception cought when getting the size of Mobotix/MxPEG image:"
                            << e.what();
     } catch (...) {
-        qDebug().noquote() << "unknown exception cought when getting the size of Mobotix/MxPEG image.";
+        odebug().noquote() << "unknown exception cought when getting the size of Mobotix/MxPEG image.";
     }
     return false;
 }
@@ -50,12 +50,12 @@ bool DecoderMXPEG::decode(unsigned char* data, int size, orvo::VideoFrame& frame
     const int length = last + 1;
 
     if (size < 2 || data[0] != 0xFF || data[1] != 0xD8) {
-        qDebug().noquote()
+        odebug().noquote()
             << QString("MxPEG: Data header incorrect: %1 %2").arg(hexByte(data, size, 0), hexByte(data, size, 1));
         return false;
     }
     if (length < 2 || data[length - 2] != 0xFF || data[length - 1] != 0xD9)
-        qDebug().noquote() << QString("MxPEG: Data footer incorrect: %1 %2")
+        odebug().noquote() << QString("MxPEG: Data footer incorrect: %1 %2")
                                   .arg(hexByte(data, size, length - 2), hexByte(data, size, length - 1));
 
     int w = 0, h = 0;
@@ -64,12 +64,12 @@ bool DecoderMXPEG::decode(unsigned char* data, int size, orvo::VideoFrame& frame
 
     if (w == 0 || h == 0) {
         if (!reference_.isValid()) {
-            qDebug().noquote() << "I need an i-frame first. This looks like a p-frame.";
+            odebug().noquote() << "I need an i-frame first. This looks like a p-frame.";
             return false;
         }
     } else {
         if (w > kMaxSide || h > kMaxSide) {
-            qDebug().noquote() << QString("MxPEG: picture size %1x%2 out of range").arg(w).arg(h);
+            odebug().noquote() << QString("MxPEG: picture size %1x%2 out of range").arg(w).arg(h);
             return false;
         }
         // Slack of 32 lines and columns around an even size, as the library's planes expect.

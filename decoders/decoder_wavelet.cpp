@@ -1,6 +1,6 @@
 #include "orvo/decoder_wavelet.h"
+#include "orvo/log.h"
 
-#include <QDebug>
 #include <algorithm>
 
 namespace orvo {
@@ -15,7 +15,7 @@ DecoderWavelet::~DecoderWavelet() = default;
 bool DecoderWavelet::decode(unsigned char* data, int size, orvo::VideoFrame& frame, bool)
 {
     if (!wavelet_.isInitialized()) {
-        qDebug().noquote() << "Error: WaveletDecoder::decompress called for  not intialized WaveletDecoder.";
+        odebug().noquote() << "Error: WaveletDecoder::decompress called for  not intialized WaveletDecoder.";
         return false;
     }
     const int w = wavelet_.outputWidth();
@@ -39,7 +39,7 @@ bool DecoderWavelet::decode(unsigned char* data, int size, orvo::VideoFrame& fra
     if (ok)
         frame.setScale(1, wavelet_.scaleLevel() == 0 ? 2 : 1);
     else
-        qDebug().noquote() << QString("DecoderWavelet::decode/  wavelet decoding failed buflen=%1").arg(size);
+        odebug().noquote() << QString("DecoderWavelet::decode/  wavelet decoding failed buflen=%1").arg(size);
     return ok;
 }
 

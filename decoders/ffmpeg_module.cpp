@@ -1,5 +1,6 @@
 #include "orvo/ffmpeg_module.h"
 
+#include "decoders/ffmpeg_log.h"
 #include "decoders/packet_feeder.h"
 #include "orvo/decoder.h"
 #include "orvo/decoder_preferences.h"
@@ -33,20 +34,6 @@ LogCategory ffmpegCategory("orvo.ffmpeg");
 // Decoders of the old API were given 32 zeroed bytes after each packet; today's
 // decoders may read further ahead, so the larger of the two is appended.
 constexpr int kInputPadding = std::max(32, AV_INPUT_BUFFER_PADDING_SIZE);
-
-void ignoreFFmpegLog(void*, int, const char*, va_list) {}
-
-// FFmpeg's own messages are not wanted in the client's log. The callback is installed
-// once and never removed: swapping it while other threads decode would be a data race,
-// and a removed callback silences FFmpeg just the same.
-void silenceFFmpeg()
-{
-    static std::once_flag once;
-    std::call_once(once, [] {
-        av_log_set_callback(ignoreFFmpegLog);
-        av_log_set_level(65535);
-    });
-}
 
 AVCodecID codecIdOf(FormatIn format)
 {
@@ -252,13 +239,14 @@ struct FFmpegModule::State {
 
 FFmpegModule::FFmpegModule(const DecodeContext& context) : d(new State)
 {
-    silenceFFmpeg();
+    applyFFmpegLogMode();
     const AVCodecID id = codecIdOf(context.format);
-    const AVCodec* codec = avcodec_find_decoder(id);
+    // A codec the linked FFmpeg lacks, or one that will not open, fails this decoder only
+    // (decode returns false, Decoder::init refuses it): no client input may stop the host.
+    const AVCodec* codec = isCodecMissingForTesting(context.format) ? nullptr : avcodec_find_decoder(id);
     if (!codec) {
-        std::fprintf(stderr, "could not find codec with id:%d\n", int(id));
-        std::fflush(stderr);
-        std::abort();
+        oprint(LogStream::StandardError, "could not find codec with id:%d\n", int(id));
+        return;
     }
     d->codec = avcodec_alloc_context3(codec);
     d->picture = av_frame_alloc();
@@ -270,14 +258,15 @@ FFmpegModule::FFmpegModule(const DecodeContext& context) : d(new State)
 #endif
     }
     if (!d->codec || !d->picture || avcodec_open2(d->codec, codec, nullptr) < 0) {
-        std::fprintf(stderr, "could not open codec\n");
-        std::fflush(stderr);
-        std::abort();
+        oprint(LogStream::StandardError, "could not open codec\n");
+        return;
     }
     d->codec->get_format = defaultGetFormat;
     d->feeder = new PacketFeeder(d->codec);
     d->ok = true;
 }
+
+bool FFmpegModule::isOpen() const { return d->ok; }
 
 FFmpegModule::~FFmpegModule()
 {

@@ -1,4 +1,5 @@
 #include "decoders/h264_slice_dump.h"
+#include "orvo/log.h"
 
 #include <cstdio>
 
@@ -37,7 +38,7 @@ quint32 BitReader::readUE()
 
 int dumpSliceHeaders(const unsigned char* data, int size)
 {
-    std::printf("\n___________h264 debug_________________\n");
+    oprint(LogStream::StandardOutput, "\n___________h264 debug_________________\n");
     int last = -1;
     if (data && size - 5 >= 1) {
         for (int i = 0; i < size - 5; ++i) {
@@ -48,12 +49,13 @@ int dumpSliceHeaders(const unsigned char* data, int size)
             const quint32 sliceType = reader.readUE();
             const quint32 ppsId = reader.readUE();
             const int frameNum = int(reader.readBits(4));
-            std::printf("offset=%d nal=%X, first_mb=%d slice_type=%d ppsid=%d frame_num=%d\n", i, data[i + 4],
-                        int(firstMb), int(sliceType), int(ppsId), frameNum);
+            oprint(LogStream::StandardOutput,
+                   "offset=%d nal=%X, first_mb=%d slice_type=%d ppsid=%d frame_num=%d\n", i, data[i + 4],
+                   int(firstMb), int(sliceType), int(ppsId), frameNum);
             last = frameNum;
         }
     }
-    std::printf("___________h264 debug____end_____________\n");
+    oprint(LogStream::StandardOutput, "___________h264 debug____end_____________\n");
     return last;
 }
 

@@ -1,6 +1,6 @@
 #include "decoders/jpeg2000_boxes.h"
+#include "orvo/log.h"
 
-#include <QDebug>
 #include <QString>
 
 namespace orvo::jp2 {
@@ -26,7 +26,7 @@ void walk(const unsigned char* data, int size, Visit visit)
     for (qint64 o = 0; o < qint64(size) - 8;) {
         const quint32 length = readBE32(data + o);
         if (length == 0) {
-            qDebug() << "block size=0 possible corruption";
+            odebug() << "block size=0 possible corruption";
             return;
         }
         if (!visit(int(o), length, readBE32(data + o + 4)))
@@ -69,7 +69,7 @@ void listBoxes(const unsigned char* data, int size)
                                  .arg(shown(type, 16))
                                  .arg(shown(type, 8))
                                  .arg(shown(type, 0));
-        qDebug().noquote() << line;
+        odebug().noquote() << line;
         return true;
     });
 }

@@ -2,6 +2,7 @@
 
 #include "orvo/av_encoder.h"
 #include "orvo/encoder.h"
+#include "orvo/log.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -15,6 +16,13 @@ namespace {
 void zeroBytes(short* at, unsigned int n)
 {
     std::memset(at, 0, n);
+}
+
+// Interleaved values per sample instant; backends other than AVEncoder take mono.
+int channelsOf(Encoder& enc)
+{
+    auto* av = dynamic_cast<AVEncoder*>(enc.getBackend());
+    return av && av->getAudioChannels() > 1 ? av->getAudioChannels() : 1;
 }
 
 unsigned int saturated(quint64 v)
@@ -35,7 +43,8 @@ unsigned int AudioBufferEncoder::room() const
 
 unsigned int AudioBufferEncoder::room(Encoder& enc) const
 {
-    int behind = static_cast<int>(enc.behindAudioSamples());
+    // The encoder counts samples per channel, the buffer interleaved values.
+    int behind = static_cast<int>(enc.behindAudioSamples() * channelsOf(enc));
     if (behind < 0)
         behind = 0;
     const quint64 used = static_cast<quint64>(count) + silence;
@@ -128,14 +137,13 @@ int AudioBufferEncoder::enqueue_n(Encoder& enc, short* input, unsigned int n, bo
     const int frame = enc.getAudioInputFrameSize();
     if (frame < 1)
         return -1;
-    // Frames are built inside the array, next to up to one partial frame: a frame larger
-    // than half the array, or frames of several channels (each reads frame times channels
-    // samples), would run past its end.
-    if (static_cast<unsigned int>(frame) > bufsize / 2)
+    // The buffer counts values: one frame is frame size times channels interleaved values.
+    const qint64 values = static_cast<qint64>(frame) * channelsOf(enc);
+    // Frames are built inside the array, next to up to one partial frame: a larger frame
+    // would run past its end (AVEncoder::open refuses such configurations).
+    if (values < 1 || values > bufsize / 2)
         return -1;
-    if (auto* av = dynamic_cast<AVEncoder*>(enc.getBackend()); av && av->getAudioChannels() > 1)
-        return -1;
-    const unsigned int F = static_cast<unsigned int>(frame);
+    const unsigned int F = static_cast<unsigned int>(values);
     auto mayGoOn = [&] { return encodeAhead || (enc.getBackend() && enc.compareAudioVideoPTS() < 0); };
     auto levelReached = [&] { return !encodeAhead && (!enc.getBackend() || enc.compareAudioVideoPTS() == 0); };
 
@@ -236,7 +244,7 @@ int AudioBufferEncoder::enqueue_n(Encoder& enc, short* input, unsigned int n, bo
     if (static_cast<quint64>(start) + count + rest + silence > bufsize) {
         moveToFront();
         if (static_cast<quint64>(count) + rest + silence > bufsize) {
-            std::printf("audio buffer full,silence will be encoded\n");
+            oprint(LogStream::StandardOutput, "audio buffer full,silence will be encoded\n");
             if (static_cast<quint64>(count) + silence < bufsize) {
                 const unsigned int fit = bufsize - count - silence;
                 overflow = rest - fit;

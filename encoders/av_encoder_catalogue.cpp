@@ -1,5 +1,6 @@
 // AVEncoder: which containers exist, which encoders they take, codec names.
 #include "orvo/av_encoder.h"
+#include "orvo/log.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -89,11 +90,12 @@ const AVOutputFormat* guessPrinting(const char* filename, const char* formatName
 {
     const char* fn = filename ? filename : "";
     const char* fsn = formatName ? formatName : "";
-    std::printf("fsn=%s fn=%s\n", fsn, fn);
+    oprint(LogStream::StandardOutput, "fsn=%s fn=%s\n", fsn, fn);
     const AVOutputFormat* format = av_guess_format(*fsn ? fsn : nullptr, fn, nullptr);
     if (!format)
-        std::printf("get_codecs:Could not deduce output format from file extension %s and format name %s \n", fn,
-                    fsn);
+        oprint(LogStream::StandardOutput,
+               "get_codecs:Could not deduce output format from file extension %s and format name %s \n", fn,
+               fsn);
     return format;
 }
 
@@ -110,21 +112,22 @@ void sortUnique(std::list<AVCodecID>& ids)
 
 void printTag(const char* name, int id, unsigned int tag)
 {
-    std::printf("%s 0x%x,", name, id);
+    oprint(LogStream::StandardOutput, "%s 0x%x,", name, id);
     for (int i = 0; i < 4; ++i) {
         const int c = (tag >> (8 * i)) & 0xFF;
         std::putchar(std::isalnum(c) && c < 128 ? c : '?');
     }
-    std::printf("(0x%02x 0x%02x 0x%02x 0x%02x)", tag & 0xFF, (tag >> 8) & 0xFF, (tag >> 16) & 0xFF,
-                (tag >> 24) & 0xFF);
+    oprint(LogStream::StandardOutput,
+           "(0x%02x 0x%02x 0x%02x 0x%02x)", tag & 0xFF, (tag >> 8) & 0xFF, (tag >> 16) & 0xFF,
+           (tag >> 24) & 0xFF);
 }
 
 void printNames(const char* title, const std::list<AVCodecID>& ids)
 {
-    std::printf("%s", title);
+    oprint(LogStream::StandardOutput, "%s", title);
     for (AVCodecID id : ids)
-        std::printf(" %s", nameFor(id));
-    std::printf("\n");
+        oprint(LogStream::StandardOutput, " %s", nameFor(id));
+    oprint(LogStream::StandardOutput, "\n");
 }
 }  // namespace
 
@@ -251,34 +254,36 @@ void AVEncoder::display_codecs_for_format(const AVOutputFormat* format, bool sho
     if (!format)
         return;
     if (verbose)
-        std::printf("\n__________________________________________________________\n");
+        oprint(LogStream::StandardOutput, "\n__________________________________________________________\n");
     auto text = [](const char* s) { return s ? s : ""; };
-    std::printf("%s|%s|%s|%s\n", text(format->name), text(format->long_name), text(format->mime_type),
-                text(format->extensions));
-    std::printf("%d(%s)|%d(%s)|\n", static_cast<int>(format->video_codec), nameFor(format->video_codec),
-                static_cast<int>(format->audio_codec), nameFor(format->audio_codec));
+    oprint(LogStream::StandardOutput,
+           "%s|%s|%s|%s\n", text(format->name), text(format->long_name), text(format->mime_type),
+           text(format->extensions));
+    oprint(LogStream::StandardOutput,
+           "%d(%s)|%d(%s)|\n", static_cast<int>(format->video_codec), nameFor(format->video_codec),
+           static_cast<int>(format->audio_codec), nameFor(format->audio_codec));
     if (!verbose)
         return;
-    std::printf("FourCC tags:\n");
+    oprint(LogStream::StandardOutput, "FourCC tags:\n");
     int currentTable = -1;
     forEachTag(format, [&](int table, const CodecTagEntry& entry) {
         if (currentTable != -1 && table != currentTable)
-            std::printf("\n");
+            oprint(LogStream::StandardOutput, "\n");
         currentTable = table;
         if (const AVCodec* codec = encoderFor(entry.id)) {
-            std::printf("[");
+            oprint(LogStream::StandardOutput, "[");
             printTag(codec->name, entry.id, entry.tag);
-            std::printf("],");
+            oprint(LogStream::StandardOutput, "],");
         } else if (showMissing) {
             char id[32];
             std::snprintf(id, sizeof(id), "%d", static_cast<int>(entry.id));
-            std::printf("(Missing[");
+            oprint(LogStream::StandardOutput, "(Missing[");
             printTag(id, entry.id, entry.tag);
-            std::printf("]),");
+            oprint(LogStream::StandardOutput, "]),");
         }
     });
     if (currentTable != -1)
-        std::printf("\n");
+        oprint(LogStream::StandardOutput, "\n");
     std::list<AVCodecID> video, audio, pcm;
     collect(format, video, audio, pcm, AV_SAMPLE_FMT_NONE);
     sortUnique(video);
@@ -295,11 +300,11 @@ bool AVEncoder::display_codecs_for_format(const char* filename, const char* form
     const char* fsn = formatName && *formatName ? formatName : nullptr;
     const AVOutputFormat* format = av_guess_format(fsn, fn, nullptr);
     if (!format) {
-        std::printf("Could not deduce output format from file extension: using MPEG.\n");
+        oprint(LogStream::StandardOutput, "Could not deduce output format from file extension: using MPEG.\n");
         format = av_guess_format("mpeg", nullptr, nullptr);
     }
     if (!format) {
-        std::fprintf(stderr, "Could not find suitable output format\n");
+        oprint(LogStream::StandardError, "Could not find suitable output format\n");
         return false;
     }
     display_codecs_for_format(format, false, verbose);
@@ -308,7 +313,7 @@ bool AVEncoder::display_codecs_for_format(const char* filename, const char* form
 
 void AVEncoder::list_all_formats(bool verbose)
 {
-    std::printf("\n\n\n\nCodecs:\n\n");
+    oprint(LogStream::StandardOutput, "\n\n\n\nCodecs:\n\n");
     void* it = nullptr;
     while (const AVOutputFormat* format = av_muxer_iterate(&it))
         display_codecs_for_format(format, false, verbose);

@@ -2,6 +2,7 @@
 #include "orvo/av_encoder.h"
 
 #include "orvo/decoder_preferences.h"
+#include "orvo/log.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -16,6 +17,14 @@ extern "C" {
 #include <new>
 
 namespace orvo {
+
+// A fragmenting muxer hands a fragment to the file only when it is complete, so the
+// flush costs a write call per fragment (none when the muxer held everything back).
+void AVEncoder::flushWrites()
+{
+    if (flushAfterWrites_ && formatContext_->pb)
+        avio_flush(formatContext_->pb);
+}
 
 int AVEncoder::writeVideoPackets(unsigned char* outBuffer, int outBufferSize)
 {
@@ -37,14 +46,18 @@ int AVEncoder::writeVideoPackets(unsigned char* outBuffer, int outBufferSize)
         // Every picture is flagged key, as this encoder always has done.
         packet_->flags |= AV_PKT_FLAG_KEY;
         packet_->stream_index = videoStream_->index;
-        ret = DecoderPreferences::instance()->useFFMPEGEncodeAvInterleavedWriteFrame()
+        // Audio always goes through FFmpeg's interleaving queue, which lets packets out only
+        // while every stream has some queued: a recording that must survive a crash sends
+        // video through it as well, or its sound would sit in memory until close().
+        ret = DecoderPreferences::instance()->useFFMPEGEncodeAvInterleavedWriteFrame() || flushAfterWrites_
                   ? av_interleaved_write_frame(formatContext_, packet_)
                   : av_write_frame(formatContext_, packet_);
         av_packet_unref(packet_);
         if (ret < 0) {
-            std::fprintf(stderr, "Error while writing video frame\n");
+            oprint(LogStream::StandardError, "Error while writing video frame\n");
             return -1;
         }
+        flushWrites();
         written += size;
     }
 }
@@ -67,9 +80,10 @@ int AVEncoder::writeAudioPackets()
         if (ret < 0) {
             char text[256];
             av_strerror(ret, text, sizeof(text));
-            std::fprintf(stderr, "Error while writing audio frame: %s\n", text);
+            oprint(LogStream::StandardError, "Error while writing audio frame: %s\n", text);
             return -1;
         }
+        flushWrites();
         written += size;
     }
 }
@@ -83,10 +97,10 @@ int AVEncoder::encode(unsigned char* y, unsigned char* u, unsigned char* v, unsi
         return AVERROR(EINVAL);
     const AVPixelFormat format = videoContext_->pix_fmt;
     if (format != AV_PIX_FMT_YUV420P && format != AV_PIX_FMT_YUV422P && format != AV_PIX_FMT_YUVJ420P) {
-        std::fprintf(stderr, "\nThis pixel format is %d\n", static_cast<int>(format));
-        std::printf("We support only YUV(J)420P and YUV422P format\n");
-        std::fprintf(stderr, "We support only YUV(J)420P and YUV422P format\n");
-        std::fprintf(stderr, "AV_PIX_FMT_YUV420P=%d\n", static_cast<int>(AV_PIX_FMT_YUV420P));
+        oprint(LogStream::StandardError, "\nThis pixel format is %d\n", static_cast<int>(format));
+        oprint(LogStream::StandardOutput, "We support only YUV(J)420P and YUV422P format\n");
+        oprint(LogStream::StandardError, "We support only YUV(J)420P and YUV422P format\n");
+        oprint(LogStream::StandardError, "AV_PIX_FMT_YUV420P=%d\n", static_cast<int>(AV_PIX_FMT_YUV420P));
     }
     if (outBufferSize < 1)
         outBuffer = nullptr;
@@ -113,10 +127,10 @@ int AVEncoder::encode(unsigned char* y, unsigned char* u, unsigned char* v, unsi
         ++videoPacketCounter_;
         return writeVideoPackets(outBuffer, outBufferSize);
     } catch (...) {
-        std::fprintf(stderr,
-                     "encoding failed/exception  emited in ffmpeg:avcodec_encode_video/buf=%p,buflen=%d "
-                     "avf.linesizes=(%u,%u,%u)\n",
-                     static_cast<void*>(outBuffer), outBufferSize, yStride, uStride, vStride);
+        oprint(LogStream::StandardError,
+               "encoding failed/exception  emited in ffmpeg:avcodec_encode_video/buf=%p,buflen=%d "
+               "avf.linesizes=(%u,%u,%u)\n",
+               static_cast<void*>(outBuffer), outBufferSize, yStride, uStride, vStride);
         return 0;
     }
 }
@@ -143,7 +157,7 @@ int AVEncoder::encode_audio(short* samples, unsigned char* /*outBuffer*/, int /*
         av_log(nullptr, AV_LOG_FATAL, "Audio encoding failed\n");
         char text[128];
         av_strerror(ret, text, sizeof(text));
-        std::printf("%s\n", text);
+        oprint(LogStream::StandardOutput, "%s\n", text);
         return ret;
     }
 
@@ -191,9 +205,10 @@ int AVEncoder::output_encoded_video(unsigned char* data, int size)
     const int ret = av_interleaved_write_frame(formatContext_, packet);
     av_packet_unref(packet);
     if (ret < 0) {
-        std::fprintf(stderr, "Error while writing video frame\n");
+        oprint(LogStream::StandardError, "Error while writing video frame\n");
         return -1;
     }
+    flushWrites();
     return size;
 }
 

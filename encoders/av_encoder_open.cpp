@@ -1,6 +1,7 @@
 // AVEncoder: choosing the container, adding and opening the streams, closing.
 #include "orvo/av_encoder.h"
 
+#include "decoders/ffmpeg_log.h"
 #include "orvo/log.h"
 
 extern "C" {
@@ -75,6 +76,12 @@ int AVEncoder::getAudioChannels() const
     return audioStream_ && audioContext_ ? audioContext_->ch_layout.nb_channels : 0;
 }
 
+void AVEncoder::setCrashSafeRecording(bool on)
+{
+    crashSafe_ = on;
+    setMuxerOption("movflags", on ? "frag_keyframe+empty_moov" : "");
+}
+
 void AVEncoder::setMuxerOption(const std::string& name, const std::string& value)
 {
     if (value.empty())
@@ -96,6 +103,7 @@ bool AVEncoder::open(const std::string& filename, const std::string& formatName,
                     timeBaseDen, timeBaseNum, gopSize, audioCodec, audioBitRate, sampleRate, channels,
                     presetOption, scratch, noVideo);
     }
+    applyFFmpegLogMode();  // the codecs' own chatter follows the client's choice
     // A second open on an open encoder finishes the first output instead of leaking it.
     if (formatContext_)
         close();
@@ -104,8 +112,9 @@ bool AVEncoder::open(const std::string& filename, const std::string& formatName,
     const char* shortName = formatName.empty() ? nullptr : formatName.c_str();
     const AVOutputFormat* format = av_guess_format(shortName, filename.c_str(), nullptr);
     if (!format) {
-        std::printf("Could not deduce output format from file extension %s and format name %s using MPEG.\n",
-                    filename.c_str(), formatName.c_str());
+        oprint(LogStream::StandardOutput,
+               "Could not deduce output format from file extension %s and format name %s using MPEG.\n",
+               filename.c_str(), formatName.c_str());
         format = av_guess_format("mpeg", nullptr, nullptr);
     }
     if (!format) {
@@ -143,14 +152,14 @@ bool AVEncoder::open(const std::string& filename, const std::string& formatName,
         videoStream_ = add_video_stream(videoCodecId_, width, height, bitRate, bitRateTolerance, timeBaseDen,
                                         timeBaseNum, gopSize, sarNum, sarDen);
         if (!videoStream_)
-            std::printf("Video stream could not be created.\n");
+            oprint(LogStream::StandardOutput, "Video stream could not be created.\n");
         else if (videoCodecId_ == AV_CODEC_ID_H264)
             applyPreset(presetOption);
     }
 
     // 5. Audio stream.
     if (audioCodecId_ != AV_CODEC_ID_NONE) {
-        std::printf("Adding audio stream...\n");
+        oprint(LogStream::StandardOutput, "Adding audio stream...\n");
         audioStream_ = add_audio_stream(audioCodecId_, audioBitRate, sampleRate, channels);
     }
 
@@ -166,17 +175,28 @@ bool AVEncoder::open(const std::string& filename, const std::string& formatName,
     if (videoStream_) {
         videoOpened = open_video(40000000);
         if (!videoOpened)
-            std::printf("Could not open video encoder.\n");
+            oprint(LogStream::StandardOutput, "Could not open video encoder.\n");
     }
     bool audioOpened = false;
     if (audioStream_) {
         EncoderError audioError;
         audioOpened = open_audio(100000, audioError);
+        // The audio buffer builds whole frames of interleaved values: a frame it cannot
+        // hold would have its sound dropped, so such a configuration is refused here.
+        if (audioOpened &&
+            static_cast<qint64>(audioContext_->frame_size) * getAudioChannels() > kMaxAudioFrameValues) {
+            error.setErrorId(EncoderError::AudioError);
+            error.setAdditionalInfo("audio frame of " + std::to_string(audioContext_->frame_size) + " samples x " +
+                                    std::to_string(getAudioChannels()) + " channels exceeds " +
+                                    std::to_string(kMaxAudioFrameValues) + " values");
+            closeResources();
+            return false;
+        }
         if (audioOpened) {
-            std::printf("audio opened\n");
+            oprint(LogStream::StandardOutput, "audio opened\n");
         } else {
-            std::printf("Could not open audio encoder.Reason:%s additional information:%s\n",
-                        audioError.toString().c_str(), audioError.additionalInfo().c_str());
+            oprint(LogStream::StandardOutput, "Could not open audio encoder.Reason:%s additional information:%s\n",
+                   audioError.toString().c_str(), audioError.additionalInfo().c_str());
             if (videoOpened) {
                 std::string info = error.additionalInfo();
                 if (!info.empty())
@@ -232,8 +252,15 @@ bool AVEncoder::open(const std::string& filename, const std::string& formatName,
         if (av_strerror(ret, text, sizeof(text)) == 0)
             error.setAdditionalInfo(text);
         closeResources();
+        // A failed open leaves no empty file behind.
+        if (!(format->flags & AVFMT_NOFILE))
+            std::remove(filename.c_str());
         return false;
     }
+    const auto movflags = muxerOptions_.find("movflags");
+    flushAfterWrites_ = !(format->flags & AVFMT_NOFILE) &&
+                        (crashSafe_ || (movflags != muxerOptions_.end() &&
+                                        movflags->second.find("frag_") != std::string::npos));
     error.setErrorId(EncoderError::NoError);
     return true;
 }
@@ -246,7 +273,7 @@ AVStream* AVEncoder::add_video_stream(AVCodecID codec, int width, int height, in
     // tune, ...) can be set from the preset file before it opens.
     AVCodecContext* c = stream ? avcodec_alloc_context3(videoEncoderFor(codec)) : nullptr;
     if (!c) {
-        std::fprintf(stderr, "Could not alloc stream\n");
+        oprint(LogStream::StandardError, "Could not alloc stream\n");
         return nullptr;
     }
     videoContext_ = c;
@@ -285,7 +312,7 @@ AVStream* AVEncoder::add_audio_stream(AVCodecID codec, int bitRate, int sampleRa
     const AVCodec* encoder = avcodec_find_encoder(codec);
     AVCodecContext* c = stream ? avcodec_alloc_context3(encoder) : nullptr;
     if (!c) {
-        std::fprintf(stderr, "Could not alloc stream\n");
+        oprint(LogStream::StandardError, "Could not alloc stream\n");
         return nullptr;
     }
     audioContext_ = c;
@@ -326,7 +353,7 @@ bool AVEncoder::open_video(int bufferSize)
         return false;
     }
     if (videoOutBufferRecorded_) {
-        std::printf("error already \n");
+        oprint(LogStream::StandardOutput, "error already \n");
         videoOutBufferRecorded_ = false;
     }
     // Packets come from the codec in their own buffers; only the size is kept as the
@@ -342,13 +369,13 @@ bool AVEncoder::open_audio(int bufferSize, EncoderError& error)
 {
     const AVCodec* codec = avcodec_find_encoder(audioCodecId_);
     if (!codec) {
-        std::fprintf(stderr, "audio codec not found\n");
+        oprint(LogStream::StandardError, "audio codec not found\n");
         error.setErrorId(EncoderError::AudioCouldNotBeOpened);
         return false;
     }
     const int err = avcodec_open2(audioContext_, codec, nullptr);
     if (err < 0) {
-        std::fprintf(stderr, "could not open codec\n");
+        oprint(LogStream::StandardError, "could not open codec\n");
         char text[128];
         if (av_strerror(err, text, sizeof(text)) == 0) {
             error.setErrorId(EncoderError::AudioError);
@@ -428,7 +455,7 @@ void AVEncoder::closeResources()
 void AVEncoder::close()
 {
     if (!formatContext_) {
-        std::fprintf(stderr, "\nAVEncoder::close called on closed encoder. Double close call??\n");
+        oprint(LogStream::StandardError, "\nAVEncoder::close called on closed encoder. Double close call??\n");
         return;
     }
     // Codecs with delay (look-ahead, B-frames, AAC priming) still hold pictures and

@@ -1,6 +1,7 @@
 #include "orvo/encoder.h"
 
 #include "orvo/av_encoder.h"
+#include "orvo/log.h"
 
 #include <cstdio>
 #include <cstring>
@@ -60,12 +61,14 @@ bool Encoder::open(int engine, std::string filename, const char* formatName, uns
 {
     if (!backend_) {
         if (!init(engine)) {
-            std::printf("init(%d) failed\n", engine);
+            oprint(LogStream::StandardOutput, "init(%d) failed\n", engine);
             return false;
         }
         if (!backend_)
             return false;
     }
+    if (auto* av = dynamic_cast<AVEncoder*>(backend_.get()); av && av->isCrashSafeRecording() != crashSafe_)
+        av->setCrashSafeRecording(crashSafe_);
     const std::string format = formatName ? std::string(formatName) : std::string();
     // The facade never suppresses the video stream.
     return backend_->open(filename, format, videoCodec, width, height, sarNum, sarDen, bitRate, bitRateTolerance,
@@ -83,7 +86,7 @@ int Encoder::encode(unsigned char* y, unsigned char* u, unsigned char* v, unsign
                     unsigned int uStride, unsigned int vStride, unsigned char* outBuffer, int outBufferSize)
 {
     if (!backend_) {
-        std::printf("Encoder::encode: Encoder not initialized.\n");
+        oprint(LogStream::StandardOutput, "Encoder::encode: Encoder not initialized.\n");
         return -1;
     }
     return backend_->encode(y, u, v, yStride, uStride, vStride, outBuffer, outBufferSize);
@@ -92,7 +95,7 @@ int Encoder::encode(unsigned char* y, unsigned char* u, unsigned char* v, unsign
 int Encoder::output_encoded_video(unsigned char* data, int size)
 {
     if (!backend_) {
-        std::printf("Encoder::output_encoded_video: Encoder not initialized.\n");
+        oprint(LogStream::StandardOutput, "Encoder::output_encoded_video: Encoder not initialized.\n");
         return -1;
     }
     return backend_->output_encoded_video(data, size);
@@ -101,7 +104,7 @@ int Encoder::output_encoded_video(unsigned char* data, int size)
 int Encoder::engine_id()
 {
     if (!backend_) {
-        std::printf("Encoder::engine_id: Encoder not initialized.\n");
+        oprint(LogStream::StandardOutput, "Encoder::engine_id: Encoder not initialized.\n");
         return -1;
     }
     return backend_->engine_id();

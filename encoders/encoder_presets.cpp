@@ -1,5 +1,6 @@
 // AVEncoder: the H.264 preset file and video codec options.
 #include "orvo/av_encoder.h"
+#include "orvo/log.h"
 
 #include "encoders/preset_line.h"
 
@@ -57,7 +58,7 @@ std::string AVEncoder::presetFilePath()
 void AVEncoder::applyPreset(void* presetOption)
 {
     std::string path = presetFilePath();
-    std::printf("Encoding preset file:'%s'\n", path.c_str());
+    oprint(LogStream::StandardOutput, "Encoding preset file:'%s'\n", path.c_str());
     if (!presetOption || path.empty())
         path = kDefaultPresetFile;
     std::ifstream probe(path);
@@ -66,7 +67,8 @@ void AVEncoder::applyPreset(void* presetOption)
         readVideoOptionsFromFile(path.c_str());
         return;
     }
-    std::printf("Encoding preset file '%s' does not exist. Use '-encoding-preset-file' option.\n", path.c_str());
+    oprint(LogStream::StandardOutput,
+           "Encoding preset file '%s' does not exist. Use '-encoding-preset-file' option.\n", path.c_str());
     setVideoOption("i_qfactor", "0.71");
     setVideoOption("qcomp", "0.6");
     setVideoOption("qmin", "10");
@@ -76,7 +78,7 @@ void AVEncoder::applyPreset(void* presetOption)
 
 bool AVEncoder::readVideoOptionsFromFile(const char* path)
 {
-    std::printf("Preset file:%s\n", path);
+    oprint(LogStream::StandardOutput, "Preset file:%s\n", path);
     std::ifstream in(path);
     std::string line, key, value;
     while (std::getline(in, line))
@@ -87,13 +89,13 @@ bool AVEncoder::readVideoOptionsFromFile(const char* path)
 
 bool AVEncoder::setVideoOption(const char* name, const char* value)
 {
-    std::printf("Option:%s=%s", name, value);
+    oprint(LogStream::StandardOutput, "Option:%s=%s", name, value);
     if (!videoContext_ ||
         !av_opt_find(videoContext_, name, nullptr, AV_OPT_FLAG_VIDEO_PARAM, AV_OPT_SEARCH_CHILDREN)) {
-        std::printf(" (invalid)\n");
+        oprint(LogStream::StandardOutput, " (invalid)\n");
         return false;
     }
-    std::printf(" (valid)\n");
+    oprint(LogStream::StandardOutput, " (valid)\n");
     return av_opt_set(videoContext_, name, value, AV_OPT_SEARCH_CHILDREN) >= 0;
 }
 

@@ -1,6 +1,6 @@
 #include "orvo/video_buffer.h"
+#include "orvo/log.h"
 
-#include <QDebug>
 #include <cstdint>
 #include <new>
 
@@ -38,7 +38,7 @@ MemoryVideoBuffer::MemoryVideoBuffer(int size, int bytesPerLine, unsigned int al
         d->offset = offsetPointerToPower2(d->data, int(align_bytes));
         d->ownsMemory = true;
     } catch (const std::bad_alloc&) {
-        qDebug().nospace() << "MemoryVideoBuffer::MemoryVideoBuffer(int size, int bytesPerLine, unsigned int align_bytes) "
+        odebug().nospace() << "MemoryVideoBuffer::MemoryVideoBuffer(int size, int bytesPerLine, unsigned int align_bytes) "
                     "bad alloc of "
                  << reported;
         d->allocatedSize = 0;

@@ -4,8 +4,8 @@
 #include "frames/plane_view.h"
 #include "frames/sws_formats.h"
 #include "orvo/scale_context.h"
+#include "orvo/log.h"
 
-#include <QDebug>
 
 extern "C" {
 #include <libswscale/swscale.h>
@@ -63,7 +63,7 @@ bool qimage2videoFrame(const QImage& image, VideoFrame& frame, int x, int y, boo
                 grown.setScale(frame.getScaleX(), frame.getScaleY());
             // The caller's frame is kept when the larger one cannot be made.
             if (!grown.map(QAbstractVideoBuffer::ReadWrite)) {
-                qDebug() << "qimage2videoFrame failed enlarging";
+                odebug() << "qimage2videoFrame failed enlarging";
                 return finish(false);
             }
             if (!callerMapped)

@@ -1,6 +1,6 @@
 #include "orvo/video_frame.h"
+#include "orvo/log.h"
 
-#include <QDebug>
 #include <cstring>
 
 namespace orvo {
@@ -15,7 +15,7 @@ QVideoFrame copyPlane(QVideoFrame& src, int align, int minBytesPerLine, bool req
         if (!required)
             return QVideoFrame();
         if (!src.map(QAbstractVideoBuffer::ReadOnly)) {
-            qDebug() << "Cannot map source QVideoFrame while cloning";
+            odebug() << "Cannot map source QVideoFrame while cloning";
             return QVideoFrame();
         }
     }
@@ -30,7 +30,7 @@ QVideoFrame copyPlane(QVideoFrame& src, int align, int minBytesPerLine, bool req
     QVideoFrame out(new MemoryVideoBuffer(bytes > INT32_MAX ? -1 : int(bytes), bpl, unsigned(align)), src.size(),
                     src.pixelFormat());
     if (!out.map(QAbstractVideoBuffer::WriteOnly)) {
-        qDebug() << "Cannot map output QVideoFrame while cloning";
+        odebug() << "Cannot map output QVideoFrame while cloning";
         src.unmap();
         return QVideoFrame();
     }

@@ -3,8 +3,8 @@
 #include "frames/sws_formats.h"
 #include "orvo/scale_context.h"
 #include "orvo/video_frame.h"
+#include "orvo/log.h"
 
-#include <QDebug>
 
 extern "C" {
 #include <libswscale/swscale.h>
@@ -57,7 +57,7 @@ bool VideoFrameQt::scaleTo(VideoFrameQt& dst, ScaleContext& ctx, int x, int y, i
         ctx.context = context;
     }
     if (!context) {
-        qDebug() << "swscale context is null";
+        odebug() << "swscale context is null";
         return false;
     }
 

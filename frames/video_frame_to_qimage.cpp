@@ -3,8 +3,8 @@
 #include "frames/sws_formats.h"
 #include "orvo/scale_context.h"
 #include "orvo/video_frame.h"
+#include "orvo/log.h"
 
-#include <QDebug>
 
 extern "C" {
 #include <libswscale/swscale.h>
@@ -89,7 +89,7 @@ QImage VideoFrameQt::convertToQImage(OrvoPixelFormat /*format: the output is alw
     qimageContext = sws_getCachedContext(qimageContext, rw, rh, src.format, result.width(), result.height(),
                                          sws::kQImageRgb32, SWS_BILINEAR, nullptr, nullptr, nullptr);
     if (!qimageContext) {
-        qDebug() << "swscale context is null";
+        odebug() << "swscale context is null";
         return result;
     }
 

@@ -3,6 +3,7 @@
 #include <QMessageLogger>
 #include <QMutex>
 #include <cstdarg>
+#include <cstdio>
 
 namespace orvo {
 
@@ -28,6 +29,11 @@ LogManager::Sink currentSink;
 
 void qtSink(const LogItem& item)
 {
+    if (item.stream != LogStream::Qt) {
+        std::FILE* out = item.stream == LogStream::StandardError ? stderr : stdout;
+        std::fputs(item.message.toUtf8().constData(), out);
+        return;
+    }
     QMessageLogger logger(nullptr, 0, item.function, item.category);
     const QByteArray text = item.message.toUtf8();
     switch (item.level) {
@@ -51,6 +57,13 @@ void LogManager::setSink(Sink sink)
     QMutexLocker lock(&sinkMutex);
     currentSink = std::move(sink);
 }
+
+void LogManager::silence()
+{
+    setSink([](const LogItem&) {});
+}
+
+void LogManager::defaultSink(const LogItem& item) { qtSink(item); }
 
 void LogManager::write(const LogItem& item)
 {
@@ -76,6 +89,32 @@ void olog(const LogCategory& category, unsigned level, const char* function, con
     item.level = level;
     item.function = function ? function : "";
     item.message = QString::vasprintf(format, args);
+    va_end(args);
+    LogManager::instance().write(item);
+}
+
+ODebug::~ODebug()
+{
+    debug_.reset();  // QDebug completes its text (and its trailing space) as it goes
+    LogItem item;
+    item.category = "orvo";
+    item.level = LOG_DEBUG;
+    // QDebug separates items with spaces, the last one included; Qt's handler drops it too.
+    if (text_.endsWith(QLatin1Char(' ')))
+        text_.chop(1);
+    item.message = text_;
+    LogManager::instance().write(item);
+}
+
+void oprint(LogStream stream, const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    LogItem item;
+    item.category = "orvo";
+    item.level = stream == LogStream::StandardError ? LOG_ERROR : LOG_INFO;
+    item.message = QString::vasprintf(format, args);
+    item.stream = stream;
     va_end(args);
     LogManager::instance().write(item);
 }

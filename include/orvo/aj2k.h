@@ -1,4 +1,5 @@
 #pragma once
+#include "orvo/export.h"
 // aj2k: the SDK's JPEG 2000 library, decoding images held in memory (raw J2K code streams
 // or JP2 files) at a reduced resolution into separate 8-bit 4:2:2 planes. Built over OpenJPEG.
 //
@@ -45,22 +46,22 @@ enum {
 #endif
 
 // Creates a handle in *handle (null on failure).
-int aj2k_initjp2(aj2k_handle** handle, int flags);
+ORVO_EXPORT int aj2k_initjp2(aj2k_handle** handle, int flags);
 
 // Frees the handle and everything it keeps; a null handle is ignored.
-void aj2k_deinitjp2(aj2k_handle* handle);
+ORVO_EXPORT void aj2k_deinitjp2(aj2k_handle* handle);
 
 // With `reuse` non-zero, the header that aj2k_jp2memgetdims reads is kept and the next
 // aj2k_jp2memtoraw_splanes of the same buffer (same address, size and header bytes) decodes
 // from it instead of reading it again. Any other call drops the kept header. Off by default.
-int aj2k_reuseimgmemory(aj2k_handle* handle, int reuse);
+ORVO_EXPORT int aj2k_reuseimgmemory(aj2k_handle* handle, int reuse);
 
 // At most `threads` decoding threads per image (1 to 64; default 1).
-int aj2k_setmaxthreads(aj2k_handle* handle, int threads);
+ORVO_EXPORT int aj2k_setmaxthreads(aj2k_handle* handle, int threads);
 
 // Full-resolution width, height and number of components of the image in data[0..size).
 // Outputs are set to 0 on failure.
-int aj2k_jp2memgetdims(aj2k_handle* handle, const unsigned char* data, int size, int input, int* width,
+ORVO_EXPORT int aj2k_jp2memgetdims(aj2k_handle* handle, const unsigned char* data, int size, int input, int* width,
                        int* height, int* components);
 
 // Decodes data[0..size) at resolution level `scaleLevel` (0 full size, each level halves width
@@ -79,7 +80,7 @@ int aj2k_jp2memgetdims(aj2k_handle* handle, const unsigned char* data, int size,
 // (U and V 128). Samples of other precisions are shifted to 8 bits.
 // `bitsPerSample` must be 8. On failure *width and *height are 0 and the planes hold nothing
 // meaningful.
-int aj2k_jp2memtoraw_splanes(aj2k_handle* handle, const unsigned char* data, int size, int input,
+ORVO_EXPORT int aj2k_jp2memtoraw_splanes(aj2k_handle* handle, const unsigned char* data, int size, int input,
                              unsigned char** y, int* ySize, int* yBytesPerLine,
                              unsigned char** u, int* uSize, int* uBytesPerLine,
                              unsigned char** v, int* vSize, int* vBytesPerLine,
@@ -87,7 +88,7 @@ int aj2k_jp2memtoraw_splanes(aj2k_handle* handle, const unsigned char* data, int
 
 // Text of the handle's last failure ("" when the last call succeeded); valid until the next
 // call on the handle.
-const char* aj2k_lasterror(const aj2k_handle* handle);
+ORVO_EXPORT const char* aj2k_lasterror(const aj2k_handle* handle);
 
 #ifdef __cplusplus
 }

@@ -16,7 +16,7 @@ namespace orvo {
 // never keeps a decoder alive.
 using WeakAsyncDecoder = QWeakPointer<SignaledAsyncDecoderInterface>;
 
-class AsyncDecoder : public AbstractSignaledAsyncDecoder {
+class ORVO_EXPORT AsyncDecoder : public AbstractSignaledAsyncDecoder {
     Q_OBJECT
 public:
     explicit AsyncDecoder(QObject* parent);  // a null handle

@@ -14,7 +14,7 @@
 
 namespace orvo {
 
-class InputAsyncDecoderInterface {
+class ORVO_EXPORT InputAsyncDecoderInterface {
 public:
     virtual int decode(const Image& image) = 0;
     virtual bool isBusy() = 0;
@@ -22,17 +22,17 @@ public:
     virtual ~InputAsyncDecoderInterface() = default;
 };
 
-class OutputAsyncDecoderInterface {
+class ORVO_EXPORT OutputAsyncDecoderInterface {
 public:
     virtual void frameFinished(const VideoFrame& frame) = 0;
     virtual void decodingError(const DecoderError& error) = 0;
     virtual ~OutputAsyncDecoderInterface() = default;
 };
 
-class AsyncDecoderInterface : public InputAsyncDecoderInterface, public OutputAsyncDecoderInterface {
+class ORVO_EXPORT AsyncDecoderInterface : public InputAsyncDecoderInterface, public OutputAsyncDecoderInterface {
 };
 
-class DecoderInterfaceSignals : public QObject {
+class ORVO_EXPORT DecoderInterfaceSignals : public QObject {
     Q_OBJECT
 public:
     explicit DecoderInterfaceSignals(QObject* parent = nullptr);
@@ -44,14 +44,14 @@ signals:
 };
 
 // What handles hold (by QSharedPointer): the signals plus the input side.
-class SignaledAsyncDecoderInterface : public DecoderInterfaceSignals, public InputAsyncDecoderInterface {
+class ORVO_EXPORT SignaledAsyncDecoderInterface : public DecoderInterfaceSignals, public InputAsyncDecoderInterface {
     Q_OBJECT
 public:
     explicit SignaledAsyncDecoderInterface(QObject* parent = nullptr) : DecoderInterfaceSignals(parent) {}
 };
 
 // A decoder that the process-wide scheduler can hand a queued image to.
-class ScheduledAsyncDecoderInterface : public SignaledAsyncDecoderInterface {
+class ORVO_EXPORT ScheduledAsyncDecoderInterface : public SignaledAsyncDecoderInterface {
     Q_OBJECT
 public:
     explicit ScheduledAsyncDecoderInterface(QObject* parent = nullptr) : SignaledAsyncDecoderInterface(parent) {}
@@ -62,7 +62,7 @@ public:
 // Joins the signals with both sides: frameFinished/decodingError emit the signals.
 // The input side is inherited twice (once through each base); a concrete class
 // overrides decode/isBusy/reset once, which serves both.
-class AbstractSignaledAsyncDecoder : public SignaledAsyncDecoderInterface, public AsyncDecoderInterface {
+class ORVO_EXPORT AbstractSignaledAsyncDecoder : public SignaledAsyncDecoderInterface, public AsyncDecoderInterface {
     Q_OBJECT
 public:
     explicit AbstractSignaledAsyncDecoder(QObject* parent = nullptr) : SignaledAsyncDecoderInterface(parent) {}

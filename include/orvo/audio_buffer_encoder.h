@@ -4,15 +4,16 @@
 // track, and keeps a count of pending silence that is encoded as zero samples.
 //
 // The Encoder is not owned; every operation that may encode takes it. One thread at a
-// time. Samples are counted one per value: the buffer serves single-channel audio (the
-// encoding operations refuse an encoder with more channels).
+// time. Samples are interleaved and counted one per value: with C channels, n counts
+// n / C sample instants and one audio frame is frame size times C values.
+#include "orvo/export.h"
 #include <QtGlobal>
 
 namespace orvo {
 
 class Encoder;
 
-class AudioBufferEncoder {
+class ORVO_EXPORT AudioBufferEncoder {
 public:
     AudioBufferEncoder();
 

@@ -28,7 +28,7 @@ struct SwrContext;
 
 namespace orvo {
 
-class AVEncoder : public AbstractEncoder {
+class ORVO_EXPORT AVEncoder : public AbstractEncoder {
 public:
     AVEncoder();
     ~AVEncoder() override;
@@ -69,10 +69,23 @@ public:
     int engine_id() const override { return 1; }
 
     // Options of the muxer and of the output context, handed to avformat_write_header at
-    // the next open(). For MP4 that stays readable if the process dies mid-recording:
-    // ("movflags", "frag_keyframe+empty_moov") and ("flush_packets", "1"), the latter so
-    // that every packet reaches the file at once. An empty value removes the option.
+    // the next open(). An empty value removes the option. Whenever "movflags" asks for
+    // fragments (a flag starting "frag_"), every fragment the muxer completes is flushed
+    // to the file before the next one starts (setCrashSafeRecording does all of it).
     void setMuxerOption(const std::string& name, const std::string& value);
+
+    // Crash-safe recording: from the next open(), MP4/MOV output is fragmented
+    // ("movflags" = "frag_keyframe+empty_moov") and each completed fragment reaches the
+    // file at once, so a process killed mid-recording leaves a playable file that ends at
+    // its last fragment, sound included (video then also passes FFmpeg's interleaving
+    // queue). Other containers write as they go and are flushed after every packet. Off
+    // again: the option goes and writes are buffered as usual.
+    void setCrashSafeRecording(bool on);
+    bool isCrashSafeRecording() const { return crashSafe_; }
+
+    // The largest audio frame (frame size x channels values) the audio buffer can hold;
+    // open() fails for an audio codec and channel count whose frame is larger.
+    static constexpr int kMaxAudioFrameValues = 32768;
 
     // Module-wide path of the H.264 preset file (lines name=value, "#" comments).
     static void setPresetFilePath(const std::string& path);
@@ -117,6 +130,7 @@ private:
     // (0 when none was ready), a negative FFmpeg error, or -1 when writing failed.
     int writeVideoPackets(unsigned char* outBuffer, int outBufferSize);
     int writeAudioPackets();
+    void flushWrites();
 
     AVFormatContext* formatContext_ = nullptr;
     const AVOutputFormat* outputFormat_ = nullptr;  // owned by FFmpeg
@@ -142,6 +156,8 @@ private:
     AVPacket* packet_ = nullptr;
     SwrContext* resampler_ = nullptr;
     std::map<std::string, std::string> muxerOptions_;
+    bool crashSafe_ = false;
+    bool flushAfterWrites_ = false;  // decided at open: fragmented MP4/MOV or crash-safe
 };
 
 }  // namespace orvo

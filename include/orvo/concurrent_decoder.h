@@ -10,7 +10,7 @@
 
 namespace orvo {
 
-class ConcurrentDecoder : public AsyncDecoder {
+class ORVO_EXPORT ConcurrentDecoder : public AsyncDecoder {
     Q_OBJECT
 public:
     // `parent` becomes the parent of this handle (the implementation itself is owned
@@ -53,7 +53,7 @@ protected:
     ConcurrentDecoderImpl* getImplementation() const;
 };
 
-class OrderedConcurrentDecoder : public ConcurrentDecoder {
+class ORVO_EXPORT OrderedConcurrentDecoder : public ConcurrentDecoder {
     Q_OBJECT
 public:
     explicit OrderedConcurrentDecoder(QObject* parent = nullptr);

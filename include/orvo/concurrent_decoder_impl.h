@@ -23,7 +23,7 @@ namespace orvo {
 class DecodingSlot;
 class DecodeScheduler;
 
-class ConcurrentDecoderImpl : public ScheduledAsyncDecoderInterface {
+class ORVO_EXPORT ConcurrentDecoderImpl : public ScheduledAsyncDecoderInterface {
     Q_OBJECT
 public:
     explicit ConcurrentDecoderImpl(QObject* parent = nullptr);
@@ -154,7 +154,7 @@ private:
 
 // Delivers frames in the order of their ids (stamp images with generateNextFrameId()),
 // holding back frames that finish early. Errors are emitted at once.
-class OrderedConcurrentDecoderImpl : public ConcurrentDecoderImpl {
+class ORVO_EXPORT OrderedConcurrentDecoderImpl : public ConcurrentDecoderImpl {
     Q_OBJECT
 public:
     explicit OrderedConcurrentDecoderImpl(QObject* parent = nullptr);

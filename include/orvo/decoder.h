@@ -14,7 +14,7 @@
 #include <QPair>
 #include <QSharedPointer>
 
-class AbstractDecoder {
+class ORVO_EXPORT AbstractDecoder {
 public:
     AbstractDecoder() = default;
     AbstractDecoder(const AbstractDecoder&) = delete;
@@ -68,7 +68,7 @@ private:
     bool payloadAccepted_ = false;
 };
 
-class Decoder {
+class ORVO_EXPORT Decoder {
 public:
     Decoder();
     Decoder(unsigned char type, int param);

@@ -11,7 +11,7 @@
 
 namespace orvo {
 
-class DecoderAV : public AbstractDecoder {
+class ORVO_EXPORT DecoderAV : public AbstractDecoder {
 public:
     explicit DecoderAV(FormatIn format);
     ~DecoderAV() override;
@@ -26,6 +26,8 @@ public:
     unsigned char getFormat() const override;
     bool is_stream_based() const override { return true; }
     bool produces_shallow_images() const override { return true; }
+    // True when the codec could not be opened: the dispatcher refuses such a decoder.
+    bool fail() const override { return !module_.isOpen(); }
 
     FormatIn formatIn() const { return format_; }
 
@@ -40,13 +42,13 @@ private:
 };
 
 // Motion JPEG through FFmpeg, for applications (the dispatcher uses DecoderAV directly).
-class DecoderMJPEG : public DecoderAV {
+class ORVO_EXPORT DecoderMJPEG : public DecoderAV {
 public:
     DecoderMJPEG() : DecoderAV(FormatIn_MJPEG) {}
     bool is_stream_based() const override { return false; }
 };
 
-class DecoderMPEG4 : public DecoderAV {
+class ORVO_EXPORT DecoderMPEG4 : public DecoderAV {
 public:
     DecoderMPEG4() : DecoderAV(FormatIn_MPEG4) {}
 };

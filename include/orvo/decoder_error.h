@@ -4,13 +4,14 @@
 // A plain value: copied into queued signals. Codes produced by this library are
 // 1 (a decoder refused or failed an image), 3 (memory exhausted while decoding) and
 // 4 (anything else thrown while decoding); other codes only come from callers.
+#include "orvo/export.h"
 #include <QMetaType>
 #include <QString>
 #include <QtGlobal>
 
 namespace orvo {
 
-class ErrorInterface {
+class ORVO_EXPORT ErrorInterface {
 public:
     virtual ~ErrorInterface() = default;
     virtual QString message() const = 0;
@@ -19,7 +20,7 @@ public:
     virtual bool isError() const = 0;
 };
 
-class DecoderError : public ErrorInterface {
+class ORVO_EXPORT DecoderError : public ErrorInterface {
 public:
     DecoderError() = default;
     explicit DecoderError(quint32 code) : code_(code) {}
@@ -46,7 +47,7 @@ private:
 // signatures use) with Qt's meta-type system, once per process, so that queued
 // connections can carry them. The decoders call it on construction; calling it again
 // is cheap.
-void registerAsyncDecoderMetaTypes();
+ORVO_EXPORT void registerAsyncDecoderMetaTypes();
 
 }  // namespace orvo
 

@@ -10,7 +10,7 @@
 
 namespace orvo {
 
-class DecoderH264 : public DecoderAV {
+class ORVO_EXPORT DecoderH264 : public DecoderAV {
 public:
     DecoderH264();
     ~DecoderH264() override;

@@ -5,7 +5,7 @@
 
 namespace orvo {
 
-class DecoderJPEG : public AbstractDecoder {
+class ORVO_EXPORT DecoderJPEG : public AbstractDecoder {
 public:
     DecoderJPEG() = default;
     bool decode(unsigned char* data, int size, orvo::VideoFrame& frame, bool iframe) override;

@@ -8,7 +8,7 @@ struct aj2k_handle;
 
 namespace orvo {
 
-class DecoderJPEG2000 : public AbstractDecoder {
+class ORVO_EXPORT DecoderJPEG2000 : public AbstractDecoder {
 public:
     // Throws the C string "error in initialization of DecoderJPEG2000" when the library fails.
     explicit DecoderJPEG2000(int scaleLevel);

@@ -8,7 +8,7 @@ namespace orvo {
 // Stream decoder: every image is decoded into one reference picture that persists between
 // images (a P-frame updates what the previous images left); callers get a deep copy of it.
 // P-frames before the first I-frame fail. One instance per stream, one thread at a time.
-class DecoderMXPEG : public AbstractDecoder {
+class ORVO_EXPORT DecoderMXPEG : public AbstractDecoder {
 public:
     DecoderMXPEG();
     ~DecoderMXPEG() override;  // frees the MxPEG library's state

@@ -5,7 +5,7 @@
 
 namespace orvo {
 
-class DecoderNULL : public AbstractDecoder {
+class ORVO_EXPORT DecoderNULL : public AbstractDecoder {
 public:
     // The one process-wide instance; it is never destroyed.
     static DecoderNULL* instance();

@@ -1,4 +1,5 @@
 #pragma once
+#include "orvo/export.h"
 // Process-wide switches that choose decoding paths and camera repairs. In memory only.
 // Fields are atomic and read without ordering (pool threads read some at every image):
 // a change is seen by each reader at some later image (decoder choices at the next
@@ -7,7 +8,7 @@
 
 namespace orvo {
 
-class DecoderPreferences {
+class ORVO_EXPORT DecoderPreferences {
 public:
     static DecoderPreferences* instance();
     DecoderPreferences& operator=(const DecoderPreferences&) = default;

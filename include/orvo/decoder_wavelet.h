@@ -8,7 +8,7 @@
 
 namespace orvo {
 
-class DecoderWavelet : public AbstractDecoder {
+class ORVO_EXPORT DecoderWavelet : public AbstractDecoder {
 public:
     DecoderWavelet(int width, int height, int scaleLevel);
     ~DecoderWavelet() override;

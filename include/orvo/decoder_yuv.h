@@ -11,7 +11,7 @@
 
 namespace orvo {
 
-class DecoderYUV : public AbstractDecoder {
+class ORVO_EXPORT DecoderYUV : public AbstractDecoder {
 public:
     DecoderYUV() = default;
     // False, with `frame` untouched, when the size does not match the header, when a

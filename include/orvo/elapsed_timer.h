@@ -1,11 +1,12 @@
 #pragma once
 // A monotonic stopwatch with nanosecond resolution. Started on construction.
+#include "orvo/export.h"
 #include <QtGlobal>
 #include <chrono>
 
 namespace orvo {
 
-class ElapsedTimer {
+class ORVO_EXPORT ElapsedTimer {
 public:
     ElapsedTimer() { start(); }
     void start() { start_ = Clock::now(); valid_ = true; }

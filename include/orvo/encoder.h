@@ -11,9 +11,15 @@
 #include <memory>
 #include <string>
 
+// Codecs are named by FFmpeg's AV_CODEC_ID_* values (0 none, AV_CODEC_ID_PROBE the
+// container's default).
+extern "C" {
+#include <libavcodec/codec_id.h>
+}
+
 namespace orvo {
 
-class AbstractEncoder {
+class ORVO_EXPORT AbstractEncoder {
 public:
     AbstractEncoder() = default;
     AbstractEncoder(const AbstractEncoder&) = default;
@@ -52,7 +58,7 @@ public:
     virtual int engine_id() const = 0;
 };
 
-class Encoder {
+class ORVO_EXPORT Encoder {
 public:
     Encoder();
     explicit Encoder(int engine);
@@ -67,6 +73,11 @@ public:
               int height, int sarNum, int sarDen, int bitRate, int bitRateTolerance, int timeBaseDen,
               int timeBaseNum, int gopSize, unsigned int audioCodec, int audioBitRate, int sampleRate,
               int channels, void* presetOption, EncoderError& error);
+
+    // Crash-safe recording (see AVEncoder::setCrashSafeRecording), applied at every
+    // open() to the FFmpeg backend: fragmented MP4/MOV, each fragment flushed to disk.
+    void setCrashSafeRecording(bool on) { crashSafe_ = on; }
+    bool isCrashSafeRecording() const { return crashSafe_; }
 
     // Deletes the present backend and takes ownership of `backend` (may be null).
     void setBackend(AbstractEncoder* backend);
@@ -100,6 +111,7 @@ private:
     bool silenceFits();
 
     std::shared_ptr<AbstractEncoder> backend_;
+    bool crashSafe_ = false;
     static constexpr int kSilenceSamples = 65536;
     static short silence_buffer[kSilenceSamples];
 };

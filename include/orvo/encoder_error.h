@@ -1,12 +1,13 @@
 #pragma once
 // The error record that opening an encoder fills in: a fixed code with a fixed,
 // translatable message, plus free text from FFmpeg or the failing step.
+#include "orvo/export.h"
 #include <QString>
 #include <string>
 
 namespace orvo {
 
-class EncoderError {
+class ORVO_EXPORT EncoderError {
 public:
     enum ErrorCode : int {
         NoError = 0,
@@ -51,6 +52,6 @@ private:
 // For callers that do not care why an open failed: pass it where an EncoderError& is
 // required. The library neither reads nor writes it, so encoders on several threads may
 // share it.
-extern EncoderError ignoreEncoderError;
+extern ORVO_EXPORT EncoderError ignoreEncoderError;
 
 }  // namespace orvo

@@ -23,17 +23,18 @@ enum FormatIn : qint32 {
     FormatIn_HEVC = 7,
 };
 
-struct DecodeContext {
+struct ORVO_EXPORT DecodeContext {
     FormatIn format = FormatIn_H264;
     qint32 reserved = 0;  // DecoderAV sets 1; the module does not read it
 };
 
-class FFmpegModule {
+class ORVO_EXPORT FFmpegModule {
 public:
     // Opens the decoder for context.format. A codec that FFmpeg lacks or that will not
-    // open is a broken installation, not bad input: the module reports it on standard
-    // error and stops the process.
+    // open is reported on standard error (through the log sink); the module then stays
+    // closed: isOpen() is false and decode() returns false.
     explicit FFmpegModule(const DecodeContext& context);
+    bool isOpen() const;
     ~FFmpegModule();
     FFmpegModule(const FFmpegModule&) = delete;
     FFmpegModule& operator=(const FFmpegModule&) = delete;
@@ -78,5 +79,10 @@ private:
     struct State;
     State* d;
 };
+
+// For tests of hosts whose FFmpeg lacks a codec: while set, modules for `format` open
+// as if the linked FFmpeg had no decoder for it.
+ORVO_EXPORT void setCodecMissingForTesting(FormatIn format, bool missing);
+ORVO_EXPORT bool isCodecMissingForTesting(FormatIn format);
 
 }  // namespace orvo

@@ -6,6 +6,7 @@
 // record without keeping it alive. Copying and destroying images is thread-safe
 // (atomic reference counting); one Image object is not to be written from two
 // threads at once.
+#include "orvo/export.h"
 #include <QByteArray>
 #include <QString>
 #include <QtGlobal>
@@ -30,7 +31,7 @@ enum class ImageHeaderVersion : quint8 {
 //  28  4  stream id
 //  32  4  payload size
 //  36  4  attached data size
-struct ImageHeader {
+struct ORVO_EXPORT ImageHeader {
     static constexpr int kSizeV1 = 40;
     quint8 version = 1;
     quint8 type = 0;
@@ -50,7 +51,7 @@ struct ImageHeader {
 
 class WeakImage;
 
-class Image {
+class ORVO_EXPORT Image {
 public:
     Image();  // a null image
     Image(quint8 type, const QByteArray& payload, quint64 id = 0, qint64 time = 0, bool iframe = false);
@@ -101,7 +102,7 @@ private:
     std::shared_ptr<Data> d_;
 };
 
-class WeakImage {
+class ORVO_EXPORT WeakImage {
 public:
     WeakImage() = default;
     WeakImage(const Image& image) : d_(image.d_) {}  // NOLINT: implicit like QWeakPointer

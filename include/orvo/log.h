@@ -5,13 +5,19 @@
 // Debug and trace lines are emitted only when the process-wide switches
 // LG_debug_enabled / LG_trace_enabled are on *and* the category enables the level;
 // test with isDebugEnabled()/isTraceEnabled() before formatting expensive lines.
-// Items go to a sink; the default sink writes through Qt's message handler
-// (qDebug/qInfo/qWarning/qCritical), so applications redirect them with
-// qInstallMessageHandler. All functions are thread-safe.
+// Every line the SDK writes goes through one sink: the olog and odebug lines, and the
+// texts the libraries print on standard output and standard error (each LogItem says
+// which of the three streams it belongs to). Without a sink of its own, olog lines go to Qt's message handler
+// (qDebug/qInfo/qWarning/qCritical) and the printed texts to stdout/stderr as they are.
+// LogManager::instance().setSink(f) redirects everything to f, silence() drops
+// everything. All functions are thread-safe.
+#include "orvo/export.h"
+#include <QDebug>
 #include <QString>
 #include <QtGlobal>
 #include <atomic>
 #include <functional>
+#include <optional>
 
 namespace orvo {
 
@@ -25,10 +31,10 @@ enum LogLevel : unsigned {
     LOG_ALL = 0xFFFF,
 };
 
-extern std::atomic<bool> LG_debug_enabled;
-extern std::atomic<bool> LG_trace_enabled;
+extern ORVO_EXPORT std::atomic<bool> LG_debug_enabled;
+extern ORVO_EXPORT std::atomic<bool> LG_trace_enabled;
 
-class LogCategory {
+class ORVO_EXPORT LogCategory {
 public:
     explicit LogCategory(const char* name, unsigned levelMask = LOG_ALL);
     const char* name() const { return name_; }
@@ -43,14 +49,22 @@ private:
     std::atomic<unsigned> mask_;
 };
 
-struct LogItem {
+// Where the default sink puts an item.
+enum class LogStream {
+    Qt,              // an olog line: Qt's message handler, without a line end
+    StandardOutput,  // a printed text, exactly as printed (line ends included)
+    StandardError,
+};
+
+struct ORVO_EXPORT LogItem {
     const char* category = "";
     unsigned level = LOG_INFO;
     const char* function = "";
     QString message;
+    LogStream stream = LogStream::Qt;
 };
 
-class LogManager {
+class ORVO_EXPORT LogManager {
 public:
     using Sink = std::function<void(const LogItem&)>;
     static LogManager& instance();
@@ -59,8 +73,13 @@ public:
     unsigned maxLogLevel() const { return maxLevel_.load(std::memory_order_relaxed); }
     void setMaxLogLevel(unsigned mask) { maxLevel_.store(mask, std::memory_order_relaxed); }
 
-    // Replaces the sink; an empty function restores the Qt message handler sink.
+    // Replaces the sink for every line; an empty function restores the default sink.
+    // The sink may be called from any thread (pooled decode jobs write too).
     void setSink(Sink sink);
+    // Drops every line from now on (setSink with a sink that does nothing).
+    void silence();
+    // What happens to an item when no sink is set; a sink may pass items on to it.
+    static void defaultSink(const LogItem& item);
     void write(const LogItem& item);
 
 private:
@@ -70,9 +89,49 @@ private:
 
 // printf-style line at `level`; dropped when the category or the manager masks it,
 // and for debug/trace when the process-wide switch is off.
-void olog(const LogCategory& category, unsigned level, const char* function, const char* format, ...)
+ORVO_EXPORT void olog(const LogCategory& category, unsigned level, const char* function, const char* format, ...)
 #if defined(__GNUC__)
     __attribute__((format(printf, 4, 5)))
+#endif
+    ;
+
+// A qDebug()-style line that goes through the sink (debug level, Qt stream) when the
+// statement ends: odebug() << "value" << 5; the default sink hands it to qDebug's handler.
+class ORVO_EXPORT ODebug {
+public:
+    ODebug() : debug_(std::in_place, &text_) {}
+    ODebug(const ODebug&) = delete;
+    ODebug& operator=(const ODebug&) = delete;
+    ~ODebug();
+    template <typename T>
+    ODebug& operator<<(const T& value)
+    {
+        *debug_ << value;
+        return *this;
+    }
+    ODebug& nospace()
+    {
+        debug_->nospace();
+        return *this;
+    }
+    ODebug& noquote()
+    {
+        debug_->noquote();
+        return *this;
+    }
+
+private:
+    QString text_;
+    std::optional<QDebug> debug_;
+};
+
+inline ODebug odebug() { return ODebug(); }
+
+// printf-style text that the libraries print on `stream` (standard output or error),
+// passed through the sink; the default sink writes it unchanged.
+ORVO_EXPORT void oprint(LogStream stream, const char* format, ...)
+#if defined(__GNUC__)
+    __attribute__((format(printf, 2, 3)))
 #endif
     ;
 

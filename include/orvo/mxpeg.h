@@ -1,4 +1,5 @@
 #pragma once
+#include "orvo/export.h"
 // The SDK's MxPEG library, over FFmpeg's MxPEG decoder.
 //
 // MxPEG cameras send I-frames (ordinary JPEG images with a frame header) and P-frames without
@@ -10,7 +11,7 @@
 // Width and height from the image's first frame header (SOF marker) before its scan; 0 x 0
 // for an image that carries none (a P-frame) or whose headers are damaged. Reads only
 // data[0..size).
-void xpegGetWH(void* data, int size, int* width, int* height);
+ORVO_EXPORT void xpegGetWH(void* data, int size, int* width, int* height);
 
 // Decodes one I- or P-frame of data[0..size) over the picture kept in `state` (created on
 // first use; free it with mxpegFreeState) and writes the whole picture, 8-bit 4:2:0, into:
@@ -19,7 +20,7 @@ void xpegGetWH(void* data, int size, int* width, int* height);
 // Throws std::runtime_error (std::bad_alloc when out of memory) when the image cannot be
 // decoded, yields no picture (a P-frame before any I-frame), or its picture is not exactly
 // width x height; nothing is written to the planes then.
-void mxpeg2yuv(void*& state, char* data, int size, int width, int height, void* y, void* u, void* v);
+ORVO_EXPORT void mxpeg2yuv(void*& state, char* data, int size, int width, int height, void* y, void* u, void* v);
 
 // Frees a state made by mxpeg2yuv and sets it to null; a null state is ignored.
-void mxpegFreeState(void*& state);
+ORVO_EXPORT void mxpegFreeState(void*& state);

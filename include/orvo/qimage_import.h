@@ -13,9 +13,9 @@ namespace orvo {
 // Converts `image` into the frame's planar YUV at (x, y) (negative values count from the
 // right/bottom); with `enlarge` the frame grows to fit. lineDivisor 2 halves the image's
 // height while converting. `reserved` is ignored.
-bool qimage2videoFrame(const QImage& image, VideoFrame& frame, int x, int y, bool enlarge, unsigned int reserved,
-                       int lineDivisor);
+ORVO_EXPORT bool qimage2videoFrame(const QImage& image, VideoFrame& frame, int x, int y, bool enlarge,
+                                   unsigned int reserved, int lineDivisor);
 // Copies the alpha channel of a 32-bit ARGB image of the frame's size into its alpha plane.
-bool qImageAlphaChannel2videoFrame(const QImage& image, VideoFrame& frame);
+ORVO_EXPORT bool qImageAlphaChannel2videoFrame(const QImage& image, VideoFrame& frame);
 
 }  // namespace orvo

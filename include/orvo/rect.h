@@ -1,8 +1,9 @@
 #pragma once
+#include "orvo/export.h"
 // A plain rectangle of the SDK: origin and size in samples.
 namespace orvo {
 
-struct Rect {
+struct ORVO_EXPORT Rect {
     int x = 0;
     int y = 0;
     int width = 0;

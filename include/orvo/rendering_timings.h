@@ -1,13 +1,14 @@
 #pragma once
 // Time stamps of one frame on its way to the screen, in nanoseconds of a monotonic
 // clock (0 = not reached). Written by whoever handles the frame at that stage.
+#include "orvo/export.h"
 #include <QtGlobal>
 #include <array>
 #include <chrono>
 
 namespace orvo {
 
-class RenderingTimings {
+class ORVO_EXPORT RenderingTimings {
 public:
     enum Stage { Received = 0, DecodeStarted, DecodeFinished, RenderStarted, RenderFinished, Shown, StageCount };
 

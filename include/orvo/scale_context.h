@@ -1,4 +1,5 @@
 #pragma once
+#include "orvo/export.h"
 // ScaleContext holds one swscale context so that repeated scalings of the same
 // geometry reuse it. Use one context from one thread at a time; distinct contexts
 // may scale in parallel. Copy assignment copies the pointer as it is: two holders
@@ -7,7 +8,7 @@ struct SwsContext;
 
 namespace orvo {
 
-class ScaleContext {
+class ORVO_EXPORT ScaleContext {
 public:
     ScaleContext() = default;
     ~ScaleContext();

@@ -6,7 +6,7 @@
 
 namespace orvo {
 
-class SingleThreadedDecoderImpl : public AbstractSignaledAsyncDecoder {
+class ORVO_EXPORT SingleThreadedDecoderImpl : public AbstractSignaledAsyncDecoder {
 public:
     explicit SingleThreadedDecoderImpl(QObject* parent = nullptr);
     ~SingleThreadedDecoderImpl() override;
@@ -26,7 +26,7 @@ private:
     Decoder decoder_;
 };
 
-class SingleThreadedDecoder : public AsyncDecoder {
+class ORVO_EXPORT SingleThreadedDecoder : public AsyncDecoder {
     Q_OBJECT
 public:
     SingleThreadedDecoder();

@@ -25,6 +25,7 @@
 //
 // Errors are results: open() returns false and read() returns Error, errorString()
 // says why. One reader per thread at a time; readers are independent of each other.
+#include "orvo/export.h"
 #include "orvo/image.h"
 
 #include <QByteArray>
@@ -32,7 +33,7 @@
 
 namespace orvo {
 
-class StreamReader {
+class ORVO_EXPORT StreamReader {
 public:
     enum class Result {
         Image,  // `image` holds the next access unit

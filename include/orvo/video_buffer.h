@@ -4,6 +4,7 @@
 // Every decoded picture is a set of separately allocated 8-bit planes (Y, U, V and
 // an optional alpha plane A); each plane is a Qt QVideoFrame of Format_Y8 over a
 // MemoryVideoBuffer.
+#include "orvo/export.h"
 #include <QAbstractVideoBuffer>
 #include <QSize>
 #include <QString>
@@ -13,7 +14,7 @@ namespace orvo {
 
 // Values 0..29 and 1000 equal Qt's QVideoFrame::PixelFormat; 1001 and 1002 are the
 // library's own planar formats. VideoFrame and VideoFrameQt inherit this enum.
-struct PixelFormats {
+struct ORVO_EXPORT PixelFormats {
     enum OrvoPixelFormat : qint32 {
         Format_Invalid = 0,
         Format_ARGB32 = 1,
@@ -52,7 +53,7 @@ struct PixelFormats {
 using OrvoPixelFormat = PixelFormats::OrvoPixelFormat;
 
 // Plane allocation parameters, copied by value.
-struct BufferProperties {
+struct ORVO_EXPORT BufferProperties {
     int minBytesPerLineY = 0;
     int minBytesPerLineU = 0;
     int minBytesPerLineV = 0;
@@ -71,11 +72,11 @@ struct BufferProperties {
 };
 
 // Process-wide defaults (bytes per line 0, alignment 8, skipAlpha); read-only.
-extern const BufferProperties defaultBufferProperties;
+extern ORVO_EXPORT const BufferProperties defaultBufferProperties;
 
 // One plane of memory behind a QVideoFrame. The map state belongs to the QVideoFrame
 // that holds the buffer; the buffer itself has no lock.
-class MemoryVideoBuffer : public QAbstractVideoBuffer {
+class ORVO_EXPORT MemoryVideoBuffer : public QAbstractVideoBuffer {
 public:
     // Allocates size bytes aligned to align_bytes (rounded up to a power of two).
     // On allocation failure (or a negative size) the buffer is empty and every map fails.

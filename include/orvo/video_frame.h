@@ -15,7 +15,7 @@
 
 namespace orvo {
 
-class VideoFrame : public PixelFormats {
+class ORVO_EXPORT VideoFrame : public PixelFormats {
 public:
     using MapMode = QAbstractVideoBuffer::MapMode;
 

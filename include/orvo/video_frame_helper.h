@@ -8,7 +8,7 @@
 
 namespace orvo {
 
-struct VideoFrameAttributes {
+struct ORVO_EXPORT VideoFrameAttributes {
     quint32 bytesPerLineY = 0;
     quint32 bytesPerLineU = 0;
     quint32 bytesPerLineV = 0;
@@ -31,7 +31,7 @@ struct VideoFrameAttributes {
     VideoFrameAttributes(VideoFrame& frame, bool alreadyMapped);
 };
 
-class VideoFrameHelper : public VideoFrame {
+class ORVO_EXPORT VideoFrameHelper : public VideoFrame {
 public:
     explicit VideoFrameHelper(VideoFrame& frame);
     VideoFrameHelper(const VideoFrameHelper&) = default;

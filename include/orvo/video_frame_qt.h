@@ -21,7 +21,7 @@ namespace orvo {
 
 class ScaleContext;
 
-class VideoFrameQt : public PixelFormats {
+class ORVO_EXPORT VideoFrameQt : public PixelFormats {
 public:
     using MapMode = QAbstractVideoBuffer::MapMode;
 

@@ -181,7 +181,6 @@ TEST(FragmentedMp4, ReadableAfterTheProcessIsKilled)
     if (child == 0) {
         auto* backend = new AVEncoder;
         backend->setMuxerOption("movflags", "frag_keyframe+empty_moov");
-        backend->setMuxerOption("flush_packets", "1");
         Encoder enc;
         enc.setBackend(backend);
         bool ok = enc.open(1, path.toStdString(), "", AV_CODEC_ID_MPEG4, width, height, 1, 1, 500000, 0, 25, 1,
