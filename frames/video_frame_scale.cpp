@@ -23,6 +23,9 @@ bool VideoFrameQt::scaleTo(VideoFrameQt& dst, ScaleContext& ctx, int x, int y, i
 
     // Map results are not consulted: a frame the caller mapped already has its bits. On a
     // failure from here on, the frames stay mapped and the caller unmaps them.
+    // A destination the caller mapped read-only may still hold decoder memory.
+    if (!dst.detach())
+        return false;
     map(QAbstractVideoBuffer::ReadOnly);
     dst.map(QAbstractVideoBuffer::ReadWrite);
     if (!bitsY() || !bitsU() || !bitsV() || !dst.bitsY() || !dst.bitsU() || !dst.bitsV())
