@@ -1,6 +1,6 @@
 // Solid rectangles in YUV or RGB colours. The caller maps the frame for writing first;
-// nothing here maps, unmaps or looks at the map state (an unmapped plane has no bits and
-// is left alone).
+// nothing here maps or unmaps (an unmapped plane has no bits and is left alone). A mapped
+// frame over read-only decoder memory is detached first, keeping its map state.
 #include "frames/plane_view.h"
 #include "orvo/video_frame_qt.h"
 
