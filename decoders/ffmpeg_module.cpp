@@ -84,10 +84,13 @@ MemoryVideoBuffer* wrapPlane(const AVFrame* picture, int plane, int rows)
     if (!ref)
         return nullptr;
     const int size = int(std::min(available, wanted));
-    return new MemoryVideoBuffer(picture->data[plane], size, picture->linesize[plane], [ref](unsigned char*) {
+    auto* buffer = new MemoryVideoBuffer(picture->data[plane], size, picture->linesize[plane], [ref](unsigned char*) {
         AVBufferRef* r = ref;
         av_buffer_unref(&r);
     });
+    // The decoder keeps this picture as a reference: frames detach before writing.
+    buffer->setReadOnly(true);
+    return buffer;
 }
 
 bool wrapPicture(const AVFrame* picture, VideoFrame& frame)

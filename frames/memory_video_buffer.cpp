@@ -16,6 +16,7 @@ struct MemoryVideoBuffer::Private {
     int size = 0;
     int offset = 0;
     bool ownsMemory = false;
+    bool readOnly = false;
     std::function<void(unsigned char*)> deleter;
 };
 
@@ -90,6 +91,9 @@ uchar* MemoryVideoBuffer::map(MapMode mode, int* numBytes, int* bytesPerLine)
 {
     if (d->mapMode != NotMapped || !d->data || mode == NotMapped)
         return nullptr;
+    // Writing into memory the decoder still references would corrupt its next pictures.
+    if (d->readOnly && (mode & WriteOnly))
+        return nullptr;
     d->mapMode = mode;
     if (numBytes)
         *numBytes = d->size;
@@ -104,6 +108,8 @@ int MemoryVideoBuffer::allocatedSize() const { return d->allocatedSize; }
 int MemoryVideoBuffer::offset() const { return d->offset; }
 int MemoryVideoBuffer::size() const { return d->size; }
 bool MemoryVideoBuffer::ownsMemory() const { return d->ownsMemory; }
+void MemoryVideoBuffer::setReadOnly(bool readOnly) { d->readOnly = readOnly; }
+bool MemoryVideoBuffer::isReadOnly() const { return d->readOnly; }
 
 int MemoryVideoBuffer::adjustToPower2(int n)
 {

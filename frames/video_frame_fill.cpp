@@ -1,6 +1,6 @@
 // Solid rectangles in YUV or RGB colours. The caller maps the frame for writing first;
-// nothing here maps, unmaps or looks at the map state (an unmapped plane has no bits and
-// is left alone).
+// nothing here maps or unmaps (an unmapped plane has no bits and is left alone). A mapped
+// frame over read-only decoder memory is detached first, keeping its map state.
 #include "frames/plane_view.h"
 #include "orvo/video_frame_qt.h"
 
@@ -62,6 +62,9 @@ void fillOnePlane(const PlaneView& plane, unsigned char value, const Rect& r)
 
 void VideoFrameQt::fill(int yValue, int uValue, int vValue, int x, int y, int width, int height)
 {
+    // A frame the caller mapped read-only may still hold decoder memory.
+    if (isMapped() && !detach())
+        return;
     const PlaneView planeY = viewY(*this);
     const int W = widthY();
     const int H = heightY();
@@ -112,8 +115,23 @@ void VideoFrameQt::fillYuv(unsigned int yuv, const Rect& r)
     fill(int((yuv >> 16) & 255), int((yuv >> 8) & 255), int(yuv & 255), r.x, r.y, r.width, r.height);
 }
 
-void VideoFrameQt::fillY(unsigned char value, const Rect& r) { fillOnePlane(viewY(*this), value, r); }
-void VideoFrameQt::fillU(unsigned char value, const Rect& r) { fillOnePlane(viewU(*this), value, r); }
-void VideoFrameQt::fillV(unsigned char value, const Rect& r) { fillOnePlane(viewV(*this), value, r); }
+void VideoFrameQt::fillY(unsigned char value, const Rect& r)
+{
+    if (isMapped() && !detach())
+        return;
+    fillOnePlane(viewY(*this), value, r);
+}
+void VideoFrameQt::fillU(unsigned char value, const Rect& r)
+{
+    if (isMapped() && !detach())
+        return;
+    fillOnePlane(viewU(*this), value, r);
+}
+void VideoFrameQt::fillV(unsigned char value, const Rect& r)
+{
+    if (isMapped() && !detach())
+        return;
+    fillOnePlane(viewV(*this), value, r);
+}
 
 }  // namespace orvo

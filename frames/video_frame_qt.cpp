@@ -162,6 +162,8 @@ void VideoFrameQt::setSomeParametersFrom(const VideoFrameQt& o)
 
 bool VideoFrameQt::map(MapMode mode) const
 {
+    if ((mode & QAbstractVideoBuffer::WriteOnly) && !detach())
+        return false;
     if (!separatePlanes_)
         return planeY.map(mode);
     if (!planeU.map(mode))

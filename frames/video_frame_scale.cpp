@@ -21,6 +21,9 @@ bool VideoFrameQt::scaleTo(VideoFrameQt& dst, ScaleContext& ctx, int x, int y, i
     if (!planeY.isValid() || &dst == this)
         return false;
 
+    // A destination the caller mapped read-only may still hold decoder memory.
+    if (!dst.detach())
+        return false;
     // Map results are not consulted: a frame the caller mapped already has its bits. On a
     // failure from here on, the frames stay mapped and the caller unmaps them.
     map(QAbstractVideoBuffer::ReadOnly);

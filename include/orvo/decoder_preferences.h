@@ -51,9 +51,11 @@ public:
     void setBadCastFrom(int v) { badCastFrom_.set(v); }
 
     // Zero-copy decoding: frames of yuv420p pictures wrap FFmpeg's own reference-counted
-    // buffers instead of copying them (bytes per line are then FFmpeg's). Such frames are
-    // read-only: the decoder may still predict later pictures from them. They stay valid
-    // after the decoder is gone. Read at every image.
+    // buffers instead of copying them (bytes per line are then FFmpeg's). Their planes are
+    // read-only underneath (the decoder may still predict later pictures from them): the
+    // first write into such a frame gives it planes of its own (copy on write, see
+    // video_frame.h). They stay valid after the decoder is gone. Read at every image. Off by
+    // default until the benchmarks show it pays for every client.
     bool isZeroCopyDecoding() const { return zeroCopyDecoding_.get(); }
     void setZeroCopyDecoding(bool on) { zeroCopyDecoding_.set(on); }
 

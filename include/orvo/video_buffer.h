@@ -100,6 +100,13 @@ public:
     int size() const;
     bool ownsMemory() const;
 
+    // Read-only memory (a zero-copy decoder picture that the decoder still references):
+    // map refuses WriteOnly and ReadWrite. A frame over such planes gives itself planes of
+    // its own on its first write (see VideoFrameQt::detach), so only the frame writing
+    // stops sharing the decoder's memory.
+    void setReadOnly(bool readOnly);
+    bool isReadOnly() const;
+
     static int adjustToPower2(int n);
     static int offsetPointerToPower2(unsigned char* p, int align);
 

@@ -126,12 +126,26 @@ public:
     bool isNullImage() const { return image_.isNull(); }
     bool isValidImage() const { return !image_.isNull(); }
     bool isMapped() const { return planeY.isMapped() && planeU.isMapped() && planeV.isMapped(); }
+    // Mapping for writing (WriteOnly or ReadWrite) first detaches a frame over read-only
+    // memory (see detach); false when that fails.
     bool map(MapMode mode) const;
     bool map() const { return map(QAbstractVideoBuffer::ReadOnly); }
     bool mapIfNotMapped(MapMode mode) const { return isMapped() || map(mode); }
     bool mapIfNotMapped() const { return mapIfNotMapped(QAbstractVideoBuffer::ReadOnly); }
     void unmap() const;
     MapMode mapMode() const { return planeY.mapMode(); }
+
+    // --- copy on write ------------------------------------------------------------------
+    // True when a plane is read-only memory, as the planes of a zero-copy decoder picture
+    // are (the decoder still references them for the pictures that follow).
+    bool sharesReadOnlyMemory() const;
+    // Gives this body planes of its own (allocated as by the width/height/format/
+    // BufferProperties constructor with the default properties, alpha only if the frame had
+    // one) carrying the same pixels, and keeps the map state. Does nothing on a frame that
+    // shares no read-only memory. Body copies made before keep the shared pixels. Every
+    // write path calls it: map for writing, the fills, blend, QImage import, scaleTo into
+    // the frame. False when the planes cannot be allocated or mapped (nothing changes then).
+    bool detach() const;
 
     // --- plane geometry ------------------------------------------------------------
     static int horizontalDecimationUV(OrvoPixelFormat format);
