@@ -21,13 +21,17 @@ extern "C" {
 
 namespace orvo::fuzz {
 
-// Brings `frame` to studio-range 4:2:0 with swscale (bilinear) into a padded buffer.
-inline void rawConvert(const AVFrame* frame)
+// Brings `frame` to studio-range 4:2:0 with swscale (bilinear) into a padded buffer; with
+// keepRange (the MxPEG backend) the range stays and only the chroma layout changes.
+inline void rawConvert(const AVFrame* frame, bool keepRange)
 {
-    const bool full = frame->color_range == AVCOL_RANGE_JPEG || frame->format == AV_PIX_FMT_YUVJ420P ||
-                      frame->format == AV_PIX_FMT_YUVJ422P || frame->format == AV_PIX_FMT_YUVJ444P ||
-                      frame->format == AV_PIX_FMT_YUVJ440P || frame->format == AV_PIX_FMT_YUVJ411P;
-    if ((frame->format == AV_PIX_FMT_YUV420P && !full) || frame->width <= 0 || frame->height <= 0)
+    const bool jpeg = frame->format == AV_PIX_FMT_YUVJ420P || frame->format == AV_PIX_FMT_YUVJ422P ||
+                      frame->format == AV_PIX_FMT_YUVJ444P || frame->format == AV_PIX_FMT_YUVJ440P ||
+                      frame->format == AV_PIX_FMT_YUVJ411P;
+    const bool full = !keepRange && jpeg;
+    const bool planar420 = frame->format == AV_PIX_FMT_YUV420P || (keepRange && frame->format == AV_PIX_FMT_YUVJ420P);
+    if ((planar420 && !full) || (keepRange && frame->format == AV_PIX_FMT_GRAY8) || frame->width <= 0 ||
+        frame->height <= 0)
         return;
     static SwsContext* context = nullptr;
     static int key[4] = {0, 0, AV_PIX_FMT_NONE, 0};
@@ -62,8 +66,9 @@ inline void rawConvert(const AVFrame* frame)
 
 // With drainEachChunk every chunk is one picture: the decoder is drained and flushed after
 // it, as the wavelet backend does with its one-field payloads. maxPixels is the decoder's
-// pixel budget: the one our path gives the same codec.
-inline void rawDecode(AVCodecID id, const Input& in, bool drainEachChunk = false, int64_t maxPixels = 1024 * 1024)
+// pixel budget: the one our path gives the same codec. keepRange: see rawConvert.
+inline void rawDecode(AVCodecID id, const Input& in, bool drainEachChunk = false, int64_t maxPixels = 1024 * 1024,
+                      bool keepRange = false)
 {
     static const bool quiet = [] {
         av_log_set_level(AV_LOG_QUIET);
@@ -90,13 +95,13 @@ inline void rawDecode(AVCodecID id, const Input& in, bool drainEachChunk = false
         packet->size = chunk.size();
         if (avcodec_send_packet(context, packet) == AVERROR(EAGAIN)) {
             while (avcodec_receive_frame(context, frame) >= 0) {
-                rawConvert(frame);
+                rawConvert(frame, keepRange);
                 av_frame_unref(frame);
             }
             avcodec_send_packet(context, packet);
         }
         while (avcodec_receive_frame(context, frame) >= 0) {
-            rawConvert(frame);
+            rawConvert(frame, keepRange);
             av_frame_unref(frame);
         }
         if (drainEachChunk) {
@@ -104,7 +109,7 @@ inline void rawDecode(AVCodecID id, const Input& in, bool drainEachChunk = false
             bool first = true;  // the wavelet backend keeps the first picture of a payload
             while (avcodec_receive_frame(context, frame) >= 0) {
                 if (first)
-                    rawConvert(frame);
+                    rawConvert(frame, keepRange);
                 first = false;
                 av_frame_unref(frame);
             }
