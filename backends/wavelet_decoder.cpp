@@ -19,11 +19,10 @@ struct WaveletDecoder::Codec {
     AVPacket* packet = nullptr;
     AVFrame* frame = nullptr;
     AVFrame* spare = nullptr;
-    SwsContext* scaler = nullptr;
+    sws::Scaler scaler;
 
     ~Codec()
     {
-        sws_freeContext(scaler);
         av_frame_free(&frame);
         av_frame_free(&spare);
         av_packet_free(&packet);
@@ -115,16 +114,16 @@ bool WaveletDecoder::decode(unsigned char* data, long size, unsigned char* y, un
         return true;
     }
     // Other sizes (levels 1 and 2) and other layouts (4:2:2, 4:4:4, 10 bits) through swscale.
-    codec_->scaler = sws_getCachedContext(codec_->scaler, f->width, f->height, format, ow, oh, AV_PIX_FMT_YUV420P,
-                                          SWS_BILINEAR, nullptr, nullptr, nullptr);
-    if (!codec_->scaler)
+    SwsContext* scaler =
+        codec_->scaler.get({f->width, f->height, format, false, ow, oh, AV_PIX_FMT_YUV420P, SWS_BILINEAR});
+    if (!scaler)
         return false;
     uint8_t* const dst[4] = {y, u, v, nullptr};
     const int dstStride[4] = {ow, cPitch, cPitch, 0};
     // The caller's planes are sized exactly: swscale writes through padded rows.
     sws::Planes source = sws::Planes::of(format, f->width, f->height, f->data, f->linesize);
     source.overreadable = true;
-    return sws::scale(codec_->scaler, source, sws::Planes::of(AV_PIX_FMT_YUV420P, ow, oh, dst, dstStride),
+    return sws::scale(scaler, source, sws::Planes::of(AV_PIX_FMT_YUV420P, ow, oh, dst, dstStride),
                       sws::Room::Exact);
 }
 

@@ -195,42 +195,12 @@ void copyPicture(const AVFrame* picture, VideoFrame& frame, PlanePools& pools)
     frame.unmap();
 }
 
-SwsContext* makeScaler(int srcW, int srcH, AVPixelFormat srcFormat, bool srcFullRange, int dstW, int dstH,
-                       AVPixelFormat dstFormat, int flags)
-{
-    SwsContext* s = sws_alloc_context();
-    if (!s)
-        return nullptr;
-    av_opt_set_int(s, "srcw", srcW, 0);
-    av_opt_set_int(s, "srch", srcH, 0);
-    av_opt_set_int(s, "src_format", srcFormat, 0);
-    av_opt_set_int(s, "dstw", dstW, 0);
-    av_opt_set_int(s, "dsth", dstH, 0);
-    av_opt_set_int(s, "dst_format", dstFormat, 0);
-    av_opt_set_int(s, "sws_flags", flags, 0);
-    // Full-range (JPEG) input is brought to the studio range that the rest of the
-    // library assumes; the conversion must be known before init so that swscale
-    // does not pick a plain plane copy.
-    av_opt_set_int(s, "src_range", srcFullRange ? 1 : 0, 0);
-    av_opt_set_int(s, "dst_range", 0, 0);
-    if (sws_init_context(s, nullptr, nullptr) < 0) {
-        sws_freeContext(s);
-        return nullptr;
-    }
-    return s;
-}
-
 }  // namespace
 
 struct FFmpegModule::State {
     AVCodecContext* codec = nullptr;
-    SwsContext* scaler = nullptr;
+    sws::Scaler scaler;
     bool ok = false;
-    // What the cached scaler was made for.
-    int scalerWidth = 0;
-    int scalerHeight = 0;
-    int scalerFormat = AV_PIX_FMT_NONE;
-    bool scalerFullRange = false;
     AVFrame* picture = nullptr;  // the picture being handed out
     PacketFeeder* feeder = nullptr;
     PlanePools pools;
@@ -275,7 +245,6 @@ FFmpegModule::~FFmpegModule()
 {
     delete d->feeder;
     avcodec_free_context(&d->codec);
-    sws_freeContext(d->scaler);
     av_frame_free(&d->picture);
     delete d;
 }
@@ -351,22 +320,16 @@ void FFmpegModule::State::convert(VideoFrame& frame)
     frame = pools.allocate(w, h, pooled);
     if (!frame.mapIfNotMapped(QAbstractVideoBuffer::ReadWrite))
         return;
-    if (!scaler || scalerWidth != w || scalerHeight != h || scalerFormat != pic->format || scalerFullRange != full) {
-        sws_freeContext(scaler);
-        scaler = makeScaler(w, h, AVPixelFormat(pic->format), full, w, h, AV_PIX_FMT_YUV420P, SWS_BILINEAR);
-        scalerWidth = w;
-        scalerHeight = h;
-        scalerFormat = pic->format;
-        scalerFullRange = full;
-    }
-    if (scaler) {
+    const AVPixelFormat format = AVPixelFormat(pic->format);
+    if (SwsContext* context =
+            scaler.get({w, h, format, full, w, h, AV_PIX_FMT_YUV420P, SWS_BILINEAR})) {
         const int chromaStride = int(std::max(frame.bytesPerLineU(), frame.bytesPerLineV()));
         uint8_t* const dst[4] = {frame.bitsY(), frame.bitsU(), frame.bitsV(), nullptr};
         const int dstStride[4] = {int(frame.bytesPerLineY()), chromaStride, chromaStride, 0};
         // Pooled planes are written in place; a frame allocated otherwise has no known slack.
-        sws::Planes source = sws::Planes::of(AVPixelFormat(pic->format), w, h, pic->data, pic->linesize);
+        sws::Planes source = sws::Planes::of(format, w, h, pic->data, pic->linesize);
         source.overreadable = true;
-        sws::scale(scaler, source, sws::Planes::of(AV_PIX_FMT_YUV420P, w, h, dst, dstStride),
+        sws::scale(context, source, sws::Planes::of(AV_PIX_FMT_YUV420P, w, h, dst, dstStride),
                    pooled ? sws::Room::Slack : sws::Room::Exact);
     }
     frame.unmap();
@@ -419,13 +382,13 @@ bool FFmpegModule::qimageToVideoFrame(const QImage& image, VideoFrame& frame)
         return false;
     bool ok = false;
     const sws::Planes target = framePlanes(frame);
+    sws::Scaler scaler;
     SwsContext* s = target.isNull() ? nullptr
-                                    : makeScaler(source.width(), source.height(), sourceFormat, false, frame.width(),
-                                                 frame.height(), sws::planarLayout(frame.pixelFormat()).format, 0);
+                                    : scaler.get({source.width(), source.height(), sourceFormat, false, frame.width(),
+                                                  frame.height(), sws::planarLayout(frame.pixelFormat()).format, 0});
     // The frame's planes belong to the caller: swscale writes exactly their pixels.
     if (s)
         ok = sws::scale(s, imagePlanes(source, sourceFormat), target, sws::Room::Exact);
-    sws_freeContext(s);
     if (!wasMapped)
         frame.unmap();
     return ok;
@@ -458,10 +421,10 @@ bool FFmpegModule::videoFrameToQImage(const VideoFrame& frame, QImage& image)
     const sws::Planes destination = sws::Planes::of(targetFormat, target.width(), target.height(), dst, dstStride);
     if (source.isNull() || destination.isNull())
         return false;
-    SwsContext* s = makeScaler(frame.width(), frame.height(), sws::planarLayout(frame.pixelFormat()).format, false,
-                               target.width(), target.height(), targetFormat, 0);
+    sws::Scaler scaler;
+    SwsContext* s = scaler.get({frame.width(), frame.height(), sws::planarLayout(frame.pixelFormat()).format, false,
+                                target.width(), target.height(), targetFormat, 0});
     const bool ok = sws::scale(s, source, destination, sws::Room::Exact);
-    sws_freeContext(s);
     if (!ok)
         return false;
     if (!direct)

@@ -7,6 +7,7 @@ extern "C" {
 #include <libavutil/common.h>
 #include <libavutil/imgutils.h>
 #include <libavutil/mem.h>
+#include <libavutil/opt.h>
 #include <libavutil/pixdesc.h>
 #include <libswscale/swscale.h>
 }
@@ -168,6 +169,115 @@ bool scale(SwsContext* context, const Planes& source, const Planes& destination,
             copyRows(destination.data[i], destination.stride[i], scratch.data[i], scratch.stride[i],
                      destination.rowBytes[i], destination.rows[i]);
     return true;
+}
+
+namespace {
+
+SwsContext* makeContext(const Conversion& c)
+{
+    SwsContext* s = sws_alloc_context();
+    if (!s)
+        return nullptr;
+    av_opt_set_int(s, "srcw", c.srcWidth, 0);
+    av_opt_set_int(s, "srch", c.srcHeight, 0);
+    av_opt_set_int(s, "src_format", c.srcFormat, 0);
+    av_opt_set_int(s, "dstw", c.dstWidth, 0);
+    av_opt_set_int(s, "dsth", c.dstHeight, 0);
+    av_opt_set_int(s, "dst_format", c.dstFormat, 0);
+    av_opt_set_int(s, "sws_flags", c.flags, 0);
+    // The range conversion must be known before init so that swscale does not pick a plain
+    // plane copy.
+    av_opt_set_int(s, "src_range", c.srcFullRange ? 1 : 0, 0);
+    av_opt_set_int(s, "dst_range", 0, 0);
+    if (sws_init_context(s, nullptr, nullptr) < 0) {
+        sws_freeContext(s);
+        return nullptr;
+    }
+    return s;
+}
+
+// Contexts given up on this thread, newest last; freed when the thread ends.
+struct SpareContexts {
+    static constexpr int kCapacity = 4;
+    Conversion conversion[kCapacity];
+    SwsContext* context[kCapacity] = {};
+    int count = 0;
+
+    ~SpareContexts();
+
+    void put(const Conversion& c, SwsContext* s)
+    {
+        if (count == kCapacity) {  // the oldest goes
+            sws_freeContext(context[0]);
+            remove(0);
+        }
+        conversion[count] = c;
+        context[count++] = s;
+    }
+    SwsContext* take(const Conversion& c)
+    {
+        for (int i = count - 1; i >= 0; --i) {
+            if (conversion[i] == c) {
+                SwsContext* s = context[i];
+                remove(i);
+                return s;
+            }
+        }
+        return nullptr;
+    }
+    void remove(int i)
+    {
+        for (; i + 1 < count; ++i) {
+            conversion[i] = conversion[i + 1];
+            context[i] = context[i + 1];
+        }
+        --count;
+    }
+};
+
+// Trivially destructible, so still readable while the thread's other objects are destroyed
+// (a scaler released then frees its context instead of reaching a destroyed list).
+thread_local bool sparesGone = false;
+
+SpareContexts::~SpareContexts()
+{
+    for (int i = 0; i < count; ++i)
+        sws_freeContext(context[i]);
+    count = 0;
+    sparesGone = true;
+}
+
+SpareContexts* spares()
+{
+    if (sparesGone)
+        return nullptr;
+    thread_local SpareContexts list;
+    return &list;
+}
+
+void giveUp(const Conversion& c, SwsContext* s)
+{
+    if (!s)
+        return;
+    if (SpareContexts* list = spares())
+        list->put(c, s);
+    else
+        sws_freeContext(s);
+}
+
+}  // namespace
+
+Scaler::~Scaler() { giveUp(conversion_, context_); }
+
+SwsContext* Scaler::remake(const Conversion& conversion)
+{
+    giveUp(conversion_, context_);
+    SpareContexts* list = spares();
+    context_ = list ? list->take(conversion) : nullptr;
+    if (!context_)
+        context_ = makeContext(conversion);
+    conversion_ = conversion;
+    return context_;
 }
 
 }  // namespace orvo::sws

@@ -56,4 +56,51 @@ enum class Room {
 // memory runs out or swscale writes fewer rows than the destination has.
 bool scale(SwsContext* context, const Planes& source, const Planes& destination, Room room);
 
+// What a swscale context converts: source and destination geometry and layout, the source
+// range (full-range input is brought to studio range) and the swscale flags.
+struct Conversion {
+    int srcWidth = 0;
+    int srcHeight = 0;
+    AVPixelFormat srcFormat = AV_PIX_FMT_NONE;
+    bool srcFullRange = false;
+    int dstWidth = 0;
+    int dstHeight = 0;
+    AVPixelFormat dstFormat = AV_PIX_FMT_NONE;
+    int flags = 0;
+
+    bool operator==(const Conversion& o) const
+    {
+        return srcWidth == o.srcWidth && srcHeight == o.srcHeight && srcFormat == o.srcFormat &&
+               srcFullRange == o.srcFullRange && dstWidth == o.dstWidth && dstHeight == o.dstHeight &&
+               dstFormat == o.dstFormat && flags == o.flags;
+    }
+};
+
+// One swscale context owned by its user (a decoder, one conversion call), made again only
+// when the conversion changes. Setting a context up costs more than converting a small
+// picture, and clients recreate decoders for the same cameras: a context given up (by a
+// change or by the destructor) is kept for the thread, a few of them, and one made for the
+// same conversion on that thread is taken from there. Contexts are never shared, so no lock.
+class Scaler {
+public:
+    Scaler() = default;
+    ~Scaler();
+    Scaler(const Scaler&) = delete;
+    Scaler& operator=(const Scaler&) = delete;
+
+    // The context for `conversion`, or null when swscale refuses it.
+    SwsContext* get(const Conversion& conversion)
+    {
+        if (context_ && conversion == conversion_)
+            return context_;
+        return remake(conversion);
+    }
+
+private:
+    SwsContext* remake(const Conversion& conversion);
+
+    SwsContext* context_ = nullptr;
+    Conversion conversion_;
+};
+
 }  // namespace orvo::sws

@@ -4,6 +4,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     const auto in = orvo::fuzz::split(data, size);
-    orvo::fuzz::rawDecode(AV_CODEC_ID_MXPEG, in);
+    // The MxPEG backend keeps JPEG's full range: its pictures change only their chroma layout.
+    orvo::fuzz::rawDecode(AV_CODEC_ID_MXPEG, in, false, 1024 * 1024, true);
     return 0;
 }
