@@ -1,8 +1,9 @@
 // Decoding speed of pre-split H.264 streams (1080p and 720p), image by image:
 //   (a) raw libavcodec send/receive, no copy of the picture,
-//   (b) Decoder with the default path (pictures copied into the frame's planes),
+//   (b) Decoder with pictures copied into the frame's planes,
 //   (c) Decoder with zero-copy decoding (frames wrap FFmpeg's buffers).
-// Prints frames per second for each and the ratios b/a and c/a.
+// Each pass decodes the whole stream; the three run in interleaved rounds and the ratios
+// b/a and c/a are the medians of the rounds.
 #include "bench_report.h"
 #include "orvo/decoder.h"
 #include "orvo/decoder_preferences.h"
@@ -81,10 +82,20 @@ Stream& stream(int which)
     return s;
 }
 
-void BM_RawLibavcodec(benchmark::State& state)
+// Pictures per CPU second of one pass over the stream: one thread decodes, so CPU time is
+// the steady measure on a shared machine.
+template <class Pass>
+double picturesPerCpuSecond(Pass&& pass)
 {
-    Stream& s = stream(int(state.range(0)));
-    // Packets prepared once, reference-counted and padded, so that FFmpeg copies nothing.
+    const double t0 = orvo::bench::processCpuSeconds();
+    const int64_t pictures = pass();
+    const double seconds = orvo::bench::processCpuSeconds() - t0;
+    return seconds > 0 ? double(pictures) / seconds : 0;
+}
+
+double rawPass(const Stream& s)
+{
+    // Packets prepared before timing, reference-counted and padded, so that FFmpeg copies nothing.
     std::vector<AVPacket*> packets;
     for (const QByteArray& p : s.packets) {
         AVPacket* pkt = av_packet_alloc();
@@ -92,11 +103,11 @@ void BM_RawLibavcodec(benchmark::State& state)
         memcpy(pkt->data, p.constData(), size_t(p.size()));
         packets.push_back(pkt);
     }
-    AVCodecContext* ctx = avcodec_alloc_context3(avcodec_find_decoder(AV_CODEC_ID_H264));
-    avcodec_open2(ctx, ctx->codec, nullptr);
-    AVFrame* frame = av_frame_alloc();
-    int64_t pictures = 0;
-    for (auto _ : state) {
+    const double rate = picturesPerCpuSecond([&] {
+        AVCodecContext* ctx = avcodec_alloc_context3(avcodec_find_decoder(AV_CODEC_ID_H264));
+        avcodec_open2(ctx, ctx->codec, nullptr);
+        AVFrame* frame = av_frame_alloc();
+        int64_t pictures = 0;
         for (AVPacket* pkt : packets) {
             avcodec_send_packet(ctx, pkt);
             while (avcodec_receive_frame(ctx, frame) >= 0) {
@@ -104,95 +115,72 @@ void BM_RawLibavcodec(benchmark::State& state)
                 av_frame_unref(frame);
             }
         }
-    }
-    state.SetItemsProcessed(pictures);
-    av_frame_free(&frame);
-    avcodec_free_context(&ctx);
+        av_frame_free(&frame);
+        avcodec_free_context(&ctx);
+        return pictures;
+    });
     for (AVPacket*& pkt : packets)
         av_packet_free(&pkt);
+    return rate;
 }
 
-void decodeWithDispatcher(benchmark::State& state, bool zeroCopy)
+double decoderPass(const Stream& s, bool zeroCopy)
 {
-    Stream& s = stream(int(state.range(0)));
     orvo::DecoderPreferences::instance()->setZeroCopyDecoding(zeroCopy);
     std::vector<QByteArray> payloads = s.packets;
-    Decoder decoder('h', 0);
-    int64_t pictures = 0;
-    for (auto _ : state) {
+    return picturesPerCpuSecond([&] {
+        Decoder decoder('h', 0);
+        int64_t pictures = 0;
         for (QByteArray& p : payloads) {
             orvo::VideoFrame frame;
             if (decoder.decode(reinterpret_cast<unsigned char*>(p.data()), p.size(), frame, false))
                 ++pictures;
             benchmark::DoNotOptimize(frame);
         }
-    }
-    state.SetItemsProcessed(pictures);
-    orvo::DecoderPreferences::instance()->setZeroCopyDecoding(false);
+        return pictures;
+    });
 }
 
-void BM_DecoderDefault(benchmark::State& state) { decodeWithDispatcher(state, false); }
-void BM_DecoderZeroCopy(benchmark::State& state) { decodeWithDispatcher(state, true); }
+std::map<int, std::vector<orvo::bench::Comparison>> results;
 
-void configure(benchmark::internal::Benchmark* b)
+// One benchmark run per stream holds every interleaved round of the three sides.
+void BM_DecodeH264(benchmark::State& state)
 {
-    b->ArgName("stream")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->MinTime(1.0)->Repetitions(6)
-        ->ReportAggregatesOnly(true);
+    const int which = int(state.range(0));
+    const Stream& s = stream(which);
+    for (auto _ : state)
+        results[which] = orvo::bench::interleave(orvo::bench::rounds(), [&] { return rawPass(s); },
+                                                 {[&] { return decoderPass(s, false); },
+                                                  [&] { return decoderPass(s, true); }});
 }
 
-BENCHMARK(BM_RawLibavcodec)->Apply(configure);
-BENCHMARK(BM_DecoderDefault)->Apply(configure);
-BENCHMARK(BM_DecoderZeroCopy)->Apply(configure);
-
-// Collects the median frames per second of each run for the ratios.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override
-    {
-        for (const Run& run : runs) {
-            if (run.aggregate_name != "median")
-                continue;
-            auto it = run.counters.find("items_per_second");
-            if (it != run.counters.end())
-                fps[run.run_name.function_name][run.run_name.args] = it->second.value;
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-    std::map<std::string, std::map<std::string, double>> fps;
-};
+BENCHMARK(BM_DecodeH264)->ArgName("stream")->Arg(0)->Arg(1)->Unit(benchmark::kSecond)->Iterations(1);
 
 }  // namespace
 
 int main(int argc, char** argv)
 {
-    // The machine is shared: interleave the repetitions of (a), (b) and (c) so that a
-    // change of load hits all three alike, and compare medians.
-    std::vector<char*> args(argv, argv + argc);
-    char interleave[] = "--benchmark_enable_random_interleaving=true";
-    args.insert(args.begin() + 1, interleave);
-    int count = int(args.size());
-    benchmark::Initialize(&count, args.data());
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
     stream(0);  // make the data before any timing
     stream(1);
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    std::printf("\nframes per second (median)      raw(a)   default(b)  zero-copy(c)   b/a    c/a\n");
-    for (const char* args : {"stream:0", "stream:1"}) {
-        const double a = reporter.fps["BM_RawLibavcodec"][args];
-        const double b = reporter.fps["BM_DecoderDefault"][args];
-        const double c = reporter.fps["BM_DecoderZeroCopy"][args];
-        if (a <= 0)
+    const bool zeroCopyDefault = orvo::DecoderPreferences::instance()->isZeroCopyDecoding();
+    benchmark::RunSpecifiedBenchmarks();
+    orvo::DecoderPreferences::instance()->setZeroCopyDecoding(zeroCopyDefault);
+    std::printf("\npictures per CPU second (median of %d interleaved rounds)   raw(a)  copied(b)  zero-copy(c)   "
+                "b/a    c/a\n",
+                orvo::bench::rounds());
+    for (const auto& [which, c] : results) {
+        if (c.size() != 2)
             continue;
-        std::printf("%-30s %8.1f %10.1f %12.1f   %5.3f  %5.3f\n",
-                    std::string(args) == "stream:0" ? "H.264 1920x1080" : "H.264 1280x720", a, b, c, b / a, c / a);
-    }
-    for (const char* args : {"stream:0", "stream:1"}) {
-        const double a = reporter.fps["BM_RawLibavcodec"][args];
-        if (a <= 0)
-            continue;
-        const std::string what = std::string("decode H.264 ") + (std::string(args) == "stream:0" ? "1080p" : "720p");
-        orvo::bench::report(what + " default", reporter.fps["BM_DecoderDefault"][args], a, "fps", ">= 0.92");
-        orvo::bench::report(what + " zero-copy", reporter.fps["BM_DecoderZeroCopy"][args], a, "fps", ">= 0.97");
+        const std::string name = which == 0 ? "1080p" : "720p";
+        std::printf("H.264 %-52s %7.1f %10.1f %12.1f   %5.3f  %5.3f\n", name.c_str(),
+                    orvo::bench::median(c[0].baseline), orvo::bench::median(c[0].ours),
+                    orvo::bench::median(c[1].ours), c[0].ratio(), c[1].ratio());
+        const std::string what = "Decoder H.264 " + name;
+        orvo::bench::report(what + " copied", c[0], "pic/cpu-s", ">= 0.95");
+        orvo::bench::report(what + " zero-copy", c[1], "pic/cpu-s", ">= 0.99");
     }
     benchmark::Shutdown();
     return 0;
