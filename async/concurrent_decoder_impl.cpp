@@ -2,6 +2,7 @@
 
 #include "async/decode_scheduler.h"
 #include "async/image_decoder.h"
+#include "async/stream_backlog.h"
 #include "orvo/decoder_preferences.h"
 #include "orvo/log.h"
 
@@ -9,9 +10,6 @@
 #include <QThreadPool>
 #include <QTimer>
 #include <QtConcurrent/QtConcurrentRun>
-#include <cstdio>
-#include <limits>
-#include <new>
 
 namespace orvo {
 
@@ -24,10 +22,44 @@ int poolMaxThreads()
 }
 }  // namespace
 
+// Lets a running job go on with its stream's next image. It lives as long as the decoder,
+// which outlives its jobs (its destructor waits for them).
+class ConcurrentDecoderImpl::Relay final : public JobRelay {
+public:
+    explicit Relay(ConcurrentDecoderImpl* owner) : owner_(owner) {}
+
+    bool takeNext(quint64 epoch, Image& image, quint64& serial, int& scale) override
+    {
+        if (epoch != epoch_.load(std::memory_order_acquire) || DecodeScheduler::othersWaiting())
+            return false;
+        scale = owner_->scaleLevel();
+        return owner_->backlog_->takeNext(image, serial);
+    }
+
+    void relay(quint64 epoch, quint64 serial, quint64 imageId, const VideoFrame& frame, quint32 errorCode) override
+    {
+        // Queued to the owner thread; dropped by Qt if the decoder is gone by then.
+        ConcurrentDecoderImpl* owner = owner_;
+        QMetaObject::invokeMethod(
+            owner, [owner, epoch, serial, imageId, frame, errorCode] { owner->relayed(epoch, serial, imageId, frame, errorCode); },
+            Qt::QueuedConnection);
+    }
+
+    // Owner thread: running jobs stop going on, and their relayed results are dropped.
+    void cancel() { epoch_.fetch_add(1, std::memory_order_acq_rel); }
+    quint64 epoch() const { return epoch_.load(std::memory_order_acquire); }
+
+private:
+    ConcurrentDecoderImpl* const owner_;
+    std::atomic<quint64> epoch_{1};
+};
+
 // --- ConcurrentDecoderImpl ---------------------------------------------------------------
 
 ConcurrentDecoderImpl::ConcurrentDecoderImpl(QObject* parent)
     : ScheduledAsyncDecoderInterface(parent),
+      backlog_(std::make_unique<StreamBacklog>()),
+      relay_(std::make_unique<Relay>(this)),
       singleThreaded_(DecoderPreferences::instance()->isSingleThreadedDecoding())
 {
     slots_.append(new DecodingSlot);
@@ -82,7 +114,7 @@ int ConcurrentDecoderImpl::decode(const Image& image, bool clearOnIFrame, int ma
     if (!image.iframe()) {
         // A wall that cannot keep up must stay near live: beyond the bound, and in
         // I-frame-only mode, inter frames are refused until the next I-frame.
-        if (iframesOnly_ || waitForIFrame_ || (maxQueue >= 0 && inputQueue_.size() >= maxQueue)) {
+        if (iframesOnly_ || waitForIFrame_ || (maxQueue >= 0 && backlog_->size() >= maxQueue)) {
             waitForIFrame_ = true;
             ++droppedImages_;
             return 0;
@@ -94,7 +126,7 @@ int ConcurrentDecoderImpl::decode(const Image& image, bool clearOnIFrame, int ma
     }
 
     if (synchronous) {
-        if (!inputQueue_.isEmpty()) {
+        if (backlog_->size() > 0) {
             // Its successors would predict from it: they wait for the next I-frame too.
             waitForIFrame_ = true;
             ++droppedImages_;
@@ -145,17 +177,17 @@ bool ConcurrentDecoderImpl::queueImage(const Image& image)
         ++droppedImages_;
         return false;
     }
-    inputQueue_.append(image);
+    const quint64 serial = backlog_->append(image);
     if (!scheduler_)
         scheduler_ = DecodeScheduler::instance();
-    scheduler_->schedule(weakSelf_, this, image, 1000);
+    scheduler_->schedule(weakSelf_, this, image, serial);
     trySubmit(1);
     return true;
 }
 
 int ConcurrentDecoderImpl::drain()
 {
-    if (singleThreaded_ && inputQueue_.isEmpty()) {
+    if (singleThreaded_ && backlog_->size() == 0) {
         const QSharedPointer<ConcurrentDecoderImpl> guard = weakSelf_.toStrongRef();
         if (slots_.isEmpty())
             slots_.append(new DecodingSlot);
@@ -187,14 +219,15 @@ int ConcurrentDecoderImpl::decodeScheduledImage(Image& image)
     DecodingSlot* slot = lastSlot();
     if (slot && slot->isRunning())
         return 0;  // one job per decoder: its Decoder is not to be shared between threads
-    if (inputQueue_.isEmpty())
+    Image queued;
+    quint64 serial = 0;
+    if (!backlog_->takeFirst(queued, serial))
         return 0;  // the image was dropped from the backlog after it was scheduled
-    Image queued = inputQueue_.takeFirst();
     if (queued.id() != image.id())
         oprint(LogStream::StandardOutput,
                "im.id()=%llu image.id()=%llu\n", static_cast<unsigned long long>(queued.id()),
                static_cast<unsigned long long>(image.id()));
-    const int started = isDrainRequest(queued) ? drain_async() : decode_async(queued);
+    const int started = isDrainRequest(queued) ? drain_async() : decode_async(queued, serial);
     if (started > 0)
         lastSlot()->counted = true;
     return started;
@@ -222,7 +255,7 @@ DecodingSlot* ConcurrentDecoderImpl::idleSlot(quint64 imageId, qint64 imageTime,
     return slot;
 }
 
-int ConcurrentDecoderImpl::decode_async(const Image& image)
+int ConcurrentDecoderImpl::decode_async(const Image& image, quint64 serial)
 {
     DecodingSlot* slot = idleSlot(image.id(), image.time(), false);
     if (!slot)
@@ -232,7 +265,9 @@ int ConcurrentDecoderImpl::decode_async(const Image& image)
              "Run concurrent job in thread. Img: %s. Threads pool count: %i.", image.idToString().toUtf8().constData(),
              QThreadPool::globalInstance()->activeThreadCount());
 
-    QFuture<VideoFrame> future = slot->startJob(image, slot->formatDecoder(), scaleLevel_);
+    // Only a job started from the backlog goes on with the backlog's next images.
+    QFuture<VideoFrame> future = slot->startJob(image, slot->formatDecoder(), scaleLevel(),
+                                                serial ? relay_.get() : nullptr, serial, relay_->epoch());
     if (watcher_.future() != future)
         watcher_.setFuture(future);
     slot->future = future;
@@ -298,8 +333,12 @@ int ConcurrentDecoderImpl::emitFinishedImages()
         const VideoFrame frame = slot->takeResult();
         const QList<VideoFrame> drained = slot->takeDrained();
         const bool drainJob = slot->drainJob;
-        const quint64 imageId = slot->imageId;
+        // A job that went on with further images ends with the last of them.
+        const quint64 imageId = drainJob ? slot->imageId : slot->jobImageId();
+        const quint64 serial = drainJob ? 0 : slot->jobSerial();
         slot->emitted = true;
+        if (serial)
+            advanceBacklog(slot, serial);
         // Done with the slot before emitting: a handler may start this decoder's next job.
         if (i != slots_.size() - 1 && slots_.size() > poolMaxThreads()) {
             slots_.removeAt(i);
@@ -314,17 +353,50 @@ int ConcurrentDecoderImpl::emitFinishedImages()
                 decodingError(error);
             decodedFrames_ += quint64(drained.size());
             drainDone(drained);
-        } else if (error.isError()) {
-            decodingError(DecoderError(error.code(), imageId));
-            imageDone(imageId, VideoFrame());
-        } else {
-            if (!frame.isNull())
-                ++decodedFrames_;
-            imageDone(imageId, frame);
+        } else if (!(serial && backlog_->wasRemoved(serial))) {
+            emitResult(imageId, frame, error.code());
         }
         ++count;
     }
     return count;
+}
+
+void ConcurrentDecoderImpl::emitResult(quint64 imageId, const VideoFrame& frame, quint32 errorCode)
+{
+    if (errorCode) {
+        decodingError(DecoderError(errorCode, imageId));
+        imageDone(imageId, VideoFrame());
+        return;
+    }
+    if (!frame.isNull())
+        ++decodedFrames_;
+    imageDone(imageId, frame);
+}
+
+void ConcurrentDecoderImpl::relayed(quint64 epoch, quint64 serial, quint64 imageId, const VideoFrame& frame,
+                                    quint32 errorCode)
+{
+    DecodingSlot* slot = lastSlot();
+    if (epoch != relay_->epoch() || !slot || slot->cancelled)
+        return;  // the job was cancelled: its results are not shown
+    // A frameDecoded handler may destroy the handle that owns this object.
+    const QSharedPointer<ConcurrentDecoderImpl> guard = weakSelf_.toStrongRef();
+    // The job's next image is running now: it leaves the backlog before anyone looks.
+    advanceBacklog(slot, serial);
+    if (!backlog_->wasRemoved(serial))
+        emitResult(imageId, frame, errorCode);
+}
+
+void ConcurrentDecoderImpl::advanceBacklog(DecodingSlot* slot, quint64 doneSerial)
+{
+    quint64 id = 0;
+    qint64 time = 0;
+    StreamBacklog::Serials removed;
+    if (backlog_->advance(doneSerial, id, time, removed)) {
+        slot->imageId = id;
+        slot->imageTime = time;
+    }
+    forgetScheduled(removed);
 }
 
 void ConcurrentDecoderImpl::imageDone(quint64, const VideoFrame& frame)
@@ -403,6 +475,13 @@ int ConcurrentDecoderImpl::pendingCanceledDecodings() const
 
 void ConcurrentDecoderImpl::cancelAllPendingDecodings()
 {
+    // Running jobs stop going on with further images; images they already took are
+    // lost with them.
+    relay_->cancel();
+    StreamBacklog::Serials taken;
+    backlog_->removeTaken(taken);
+    droppedImages_ += quint64(taken.size());
+    forgetScheduled(taken);
     for (DecodingSlot* slot : qAsConst(slots_))
         slot->cancelled = true;
     for (int i = 0; i < slots_.size();) {
@@ -419,6 +498,15 @@ void ConcurrentDecoderImpl::cancelAllPendingDecodings()
     }
 }
 
+void ConcurrentDecoderImpl::forgetScheduled(const StreamBacklog::Serials& serials)
+{
+    // Each image that left the backlog without being started from it had its entry with
+    // the scheduler.
+    if (scheduler_)
+        for (const quint64 serial : serials)
+            scheduler_->forget(this, serial);
+}
+
 void ConcurrentDecoderImpl::forgetScheduledImages()
 {
     if (scheduler_)
@@ -427,11 +515,31 @@ void ConcurrentDecoderImpl::forgetScheduledImages()
 
 void ConcurrentDecoderImpl::clearBacklog()
 {
-    for (const Image& image : qAsConst(inputQueue_))
-        droppedImages_ += isDrainRequest(image) ? 0 : 1;
-    inputQueue_.clear();
+    int dropped = 0;
+    backlog_->clear(dropped);
+    droppedImages_ += quint64(dropped);
     // Keeps the scheduler's entries one-to-one with the backlog.
     forgetScheduledImages();
+}
+
+Image ConcurrentDecoderImpl::lastBacklogImage() const
+{
+    return backlog_->last();
+}
+
+quint64 ConcurrentDecoderImpl::oldestBacklogImageId() const
+{
+    return backlog_->first().id();
+}
+
+quint64 ConcurrentDecoderImpl::oldestBacklogImageTime() const
+{
+    return quint64(backlog_->first().time());
+}
+
+int ConcurrentDecoderImpl::backlogSize() const
+{
+    return backlog_->size();
 }
 
 void ConcurrentDecoderImpl::clear()
@@ -474,76 +582,6 @@ void ConcurrentDecoderImpl::waitForLastFinished()
 {
     if (DecodingSlot* slot = lastSlot())
         slot->future.waitForFinished();
-}
-
-// --- OrderedConcurrentDecoderImpl ----------------------------------------------------------
-
-OrderedConcurrentDecoderImpl::OrderedConcurrentDecoderImpl(QObject* parent) : ConcurrentDecoderImpl(parent) {}
-
-OrderedConcurrentDecoderImpl::~OrderedConcurrentDecoderImpl() = default;
-
-void OrderedConcurrentDecoderImpl::frameFinished(const VideoFrame& frame)
-{
-    place({frame.id(), frame, true});
-}
-
-void OrderedConcurrentDecoderImpl::imageDone(quint64 imageId, const VideoFrame& frame)
-{
-    place({imageId, frame, !frame.isNull()});
-}
-
-void OrderedConcurrentDecoderImpl::drainDone(const QList<VideoFrame>& frames)
-{
-    // The end of the stream: nothing further is waited for.
-    flushWaiting();
-    for (const VideoFrame& frame : frames)
-        emitFrame(frame);
-}
-
-void OrderedConcurrentDecoderImpl::release(const Waiting& entry)
-{
-    lastEmittedId_ = entry.id;
-    if (entry.hasFrame)
-        emitFrame(entry.frame);
-}
-
-void OrderedConcurrentDecoderImpl::flushWaiting()
-{
-    while (!waitingFrames_.isEmpty())
-        release(waitingFrames_.takeFirst());
-    lastEmittedId_ = 0;
-}
-
-void OrderedConcurrentDecoderImpl::place(const Waiting& entry)
-{
-    const quint64 id = entry.id;
-    // Saturating: ids near the top of the range must not wrap the window to the bottom.
-    const quint64 window = lastEmittedId_ > std::numeric_limits<quint64>::max() - reorderLimit_
-                               ? std::numeric_limits<quint64>::max()
-                               : lastEmittedId_ + reorderLimit_;
-    if (id > window)
-        flushWaiting();  // too far ahead: give up waiting for the missing ids
-    if (lastEmittedId_ == 0 || lastEmittedId_ + 1 == id) {
-        release(entry);
-        // Drain the successors; stop at a gap (the flush above bridges it later).
-        while (!waitingFrames_.isEmpty() && waitingFrames_.first().id == lastEmittedId_ + 1)
-            release(waitingFrames_.takeFirst());
-        return;
-    }
-    int pos = 0;
-    while (pos < waitingFrames_.size() && waitingFrames_.at(pos).id <= id)
-        ++pos;
-    waitingFrames_.insert(pos, entry);
-}
-
-void OrderedConcurrentDecoderImpl::emitFrame(const VideoFrame& frame)
-{
-    emit frameDecoded(frame);
-}
-
-void OrderedConcurrentDecoderImpl::slotFinished()
-{
-    finishJob();
 }
 
 }  // namespace orvo

@@ -1,9 +1,10 @@
 #include "async/decode_scheduler.h"
 
 #include <QThreadPool>
-#include <QTime>
 
 namespace orvo {
+
+std::atomic<bool> DecodeScheduler::othersWaiting_{false};
 
 QSharedPointer<DecodeScheduler> DecodeScheduler::instance()
 {
@@ -11,15 +12,14 @@ QSharedPointer<DecodeScheduler> DecodeScheduler::instance()
     return scheduler;
 }
 
-void DecodeScheduler::schedule(const WeakAsyncDecoder& decoder, const void* owner, const Image& image, int holdMs)
+void DecodeScheduler::schedule(const WeakAsyncDecoder& decoder, const void* owner, const Image& image, quint64 serial)
 {
     auto entry = QSharedPointer<ScheduledImage>::create();
     entry->decoder = decoder;
     entry->owner = owner;
     entry->image = WeakImage(image);
     entry->imageId = image.id();
-    entry->queuedAtMs = QTime::currentTime().msecsSinceStartOfDay();
-    entry->holdMs = holdMs;
+    entry->serial = serial;
     list_.append(entry);
 }
 
@@ -28,6 +28,16 @@ void DecodeScheduler::forget(const void* owner)
     for (int i = list_.size() - 1; i >= 0; --i) {
         if (list_.at(i)->owner == owner)
             list_.removeAt(i);
+    }
+}
+
+void DecodeScheduler::forget(const void* owner, quint64 serial)
+{
+    for (int i = 0; i < list_.size(); ++i) {
+        if (list_.at(i)->owner == owner && list_.at(i)->serial == serial) {
+            list_.removeAt(i);
+            return;
+        }
     }
 }
 
@@ -40,13 +50,8 @@ int DecodeScheduler::submit()
     submitting_ = true;
     QThreadPool* pool = QThreadPool::globalInstance();
     int count = 0;
+    bool starving = false;
     while (!list_.isEmpty()) {
-        const int active = pool->activeThreadCount();
-        const int max = pool->maxThreadCount();
-        if (active >= max && inFlight_ > qMax(1, max / 2)) {
-            count = 0;
-            break;
-        }
         // The oldest entry whose decoder is alive and idle; dead entries are dropped,
         // busy decoders keep their place.
         QSharedPointer<SignaledAsyncDecoderInterface> decoder;
@@ -68,6 +73,13 @@ int DecodeScheduler::submit()
         }
         if (i >= list_.size())
             break;
+        const int active = pool->activeThreadCount();
+        const int max = pool->maxThreadCount();
+        if (active >= max && inFlight_ > qMax(1, max / 2)) {
+            starving = true;  // an idle stream waits for the pool
+            count = 0;
+            break;
+        }
         list_.removeAt(i);
         auto* scheduled = qobject_cast<ScheduledAsyncDecoderInterface*>(decoder.data());
         if (scheduled && scheduled->decodeScheduledImage(image) > 0) {
@@ -75,6 +87,7 @@ int DecodeScheduler::submit()
             ++count;
         }
     }
+    othersWaiting_.store(starving, std::memory_order_relaxed);
     submitting_ = false;
     return count;
 }

@@ -27,7 +27,8 @@ VideoFrame ImageDecoder::takeResult()
     return frame;
 }
 
-QFuture<VideoFrame> ImageDecoder::startJob(const Image& image, QSharedPointer<AbstractDecoder> keep, int scale)
+QFuture<VideoFrame> ImageDecoder::startJob(const Image& image, QSharedPointer<AbstractDecoder> keep, int scale,
+                                           JobRelay* relay, quint64 serial, quint64 epoch)
 {
     // Built before the release below, so the job's writes into it (its result) are ordered.
     auto* task = new QtConcurrent::StoredMemberFunctionPointerCall0<VideoFrame, ImageDecoder>(&ImageDecoder::runJob,
@@ -35,6 +36,9 @@ QFuture<VideoFrame> ImageDecoder::startJob(const Image& image, QSharedPointer<Ab
     jobImage_ = image;
     jobKeep_ = std::move(keep);
     jobScale_ = scale;
+    jobRelay_ = relay;
+    jobEpoch_ = epoch;
+    jobSerial_ = serial;
     handoff_.fetch_add(1, std::memory_order_release);
     return task->start();
 }
@@ -57,9 +61,23 @@ VideoFrame ImageDecoder::runDrainJob()
 VideoFrame ImageDecoder::runJob()
 {
     (void)handoff_.load(std::memory_order_acquire);
-    const Image image = std::move(jobImage_);
+    Image image = std::move(jobImage_);
     jobImage_ = Image();
-    return decode(image, std::move(jobKeep_), nullptr, jobScale_);
+    const QSharedPointer<AbstractDecoder> keep = std::move(jobKeep_);
+    jobKeep_.reset();
+    for (;;) {
+        jobImageId_ = image.id();
+        VideoFrame frame = decode(image, keep, nullptr, jobScale_);
+        // The next image is taken before this one's result is relayed, so that the owner
+        // sees it running as soon as it handles the result.
+        Image next;
+        quint64 nextSerial = 0;
+        if (!jobRelay_ || !jobRelay_->takeNext(jobEpoch_, next, nextSerial, jobScale_))
+            return frame;
+        jobRelay_->relay(jobEpoch_, jobSerial_, image.id(), takeResult(), lastError().code());
+        image = std::move(next);
+        jobSerial_ = nextSerial;
+    }
 }
 
 VideoFrame ImageDecoder::decode(const Image& image, QSharedPointer<AbstractDecoder> keep, bool* ok, int scale)

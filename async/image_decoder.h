@@ -14,6 +14,24 @@ class QThread;
 
 namespace orvo {
 
+// How a job goes on with its stream's next image instead of returning to the owner thread
+// (implemented by the pooled decoder, which outlives its jobs). Pool thread only.
+class JobRelay {
+public:
+    // The next image to decode, when the job may take it: nothing cancelled the job
+    // (`epoch` is the one the job started in), the backlog holds one and no other stream
+    // waits for a pool thread.
+    // `scale` receives the scale level the stream has now.
+    virtual bool takeNext(quint64 epoch, Image& image, quint64& serial, int& scale) = 0;
+    // Hands one finished image to the owner thread, in order: `frame` is its picture (null
+    // when none came out), `errorCode` as DecoderError's.
+    virtual void relay(quint64 epoch, quint64 serial, quint64 imageId, const VideoFrame& frame,
+                       quint32 errorCode) = 0;
+
+protected:
+    ~JobRelay() = default;
+};
+
 // A Decoder that runs one image at a time as a pool job. One job per object at a time:
 // the owner starts a job only after the previous one finished.
 //
@@ -49,17 +67,23 @@ public:
     VideoFrame drainAll(QSharedPointer<AbstractDecoder> keep);
     QList<VideoFrame> takeDrained();
 
-    // Starts one job on the global pool: decode(image, keep, nullptr, scale). The job's inputs
+    // Starts one job on the global pool: decode(image, keep, nullptr, scale), then, while
+    // `relay` (may be null) hands it further images, those in turn. The job's inputs
     // pass through this object, published with a release that follows the pool's job object
     // being built, so the job sees them and its own job object through atomics race checkers
     // can follow (Qt's own locking inside the pool is invisible to them).
-    QFuture<VideoFrame> startJob(const Image& image, QSharedPointer<AbstractDecoder> keep, int scale);
+    // `serial` and `epoch` identify the image and the job to the relay.
+    QFuture<VideoFrame> startJob(const Image& image, QSharedPointer<AbstractDecoder> keep, int scale,
+                                 JobRelay* relay = nullptr, quint64 serial = 0, quint64 epoch = 0);
     // Starts drainAll(keep) on the global pool, handed off the same way.
     QFuture<VideoFrame> startDrainJob(QSharedPointer<AbstractDecoder> keep);
     DecoderError lastError() const { return DecoderError(errorCode_.load(std::memory_order_acquire)); }
     void clearError() { errorCode_.store(0, std::memory_order_relaxed); }
     QThread* workerThread() const { return workerThread_; }
     VideoFrame takeResult();
+    // The last image of the finished job (read after it finished, as lastError()).
+    quint64 jobSerial() const { return jobSerial_; }
+    quint64 jobImageId() const { return jobImageId_; }
 
 private:
     VideoFrame runJob();
@@ -72,6 +96,10 @@ private:
     Image jobImage_;
     QSharedPointer<AbstractDecoder> jobKeep_;
     int jobScale_ = 0;
+    JobRelay* jobRelay_ = nullptr;
+    quint64 jobEpoch_ = 0;
+    quint64 jobSerial_ = 0;
+    quint64 jobImageId_ = 0;
     QList<VideoFrame> drained_;
     bool pending_ = false;
 };

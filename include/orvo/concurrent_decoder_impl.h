@@ -8,20 +8,27 @@
 //
 // Threads: every ConcurrentDecoderImpl of a process, and everything reached through it
 // (queues, the scheduler), belongs to one thread; pool threads only run decode jobs,
-// each on its own stream's Decoder. Destroying the object waits for a running job, so
-// no job outlives its decoder and no result reaches a destroyed object.
+// each on its own stream's Decoder. While no other stream waits for a pool thread, a
+// stream's job goes on with the stream's next queued image instead of returning to the
+// owner thread between two images (each picture is still emitted on the owner thread as
+// soon as it is ready, in order). Destroying the object waits for a running job, so no
+// job outlives its decoder and no result reaches a destroyed object.
 #include "orvo/async_decoder_interfaces.h"
 
 #include <QFuture>
 #include <QFutureWatcher>
 #include <QList>
 #include <QSharedPointer>
+#include <QVarLengthArray>
 #include <QWeakPointer>
+#include <atomic>
+#include <memory>
 
 namespace orvo {
 
 class DecodingSlot;
 class DecodeScheduler;
+class StreamBacklog;
 
 class ORVO_EXPORT ConcurrentDecoderImpl : public ScheduledAsyncDecoderInterface {
     Q_OBJECT
@@ -63,13 +70,13 @@ public:
     quint64 lastDecodingImageId() const;
     quint64 lastDecodingImageTime() const;
 
-    Image lastBacklogImage() const { return inputQueue_.isEmpty() ? Image() : inputQueue_.last(); }
-    quint64 lastBacklogImageId() const { return inputQueue_.isEmpty() ? 0 : inputQueue_.last().id(); }
-    quint64 lastBacklogImageTime() const { return inputQueue_.isEmpty() ? 0 : quint64(inputQueue_.last().time()); }
-    quint64 oldestBacklogImageId() const { return inputQueue_.isEmpty() ? 0 : inputQueue_.first().id(); }
-    quint64 oldestBacklogImageTime() const { return inputQueue_.isEmpty() ? 0 : quint64(inputQueue_.first().time()); }
-    bool isBacklogEmpty() const { return inputQueue_.isEmpty(); }
-    int backlogSize() const { return inputQueue_.size(); }
+    Image lastBacklogImage() const;
+    quint64 lastBacklogImageId() const { return lastBacklogImage().id(); }
+    quint64 lastBacklogImageTime() const { return quint64(lastBacklogImage().time()); }
+    quint64 oldestBacklogImageId() const;
+    quint64 oldestBacklogImageTime() const;
+    bool isBacklogEmpty() const { return backlogSize() == 0; }
+    int backlogSize() const;
 
     int pendingDecodings() const;          // running jobs whose result will be emitted
     int pendingCanceledDecodings() const;  // running jobs whose result will be dropped
@@ -85,8 +92,8 @@ public:
     void waitForAnyFinished();
     void waitForLastFinished();
 
-    void setScaleLevel(int level) { scaleLevel_ = level; }
-    int scaleLevel() const { return scaleLevel_; }
+    void setScaleLevel(int level) { scaleLevel_.store(level, std::memory_order_relaxed); }
+    int scaleLevel() const { return scaleLevel_.load(std::memory_order_relaxed); }
     void setWeakPointerToThis(const QWeakPointer<ConcurrentDecoderImpl>& self) { weakSelf_ = self; }
 
     int inputQueueMaxSize() const { return inputQueueMaxSize_; }
@@ -106,7 +113,8 @@ public:
     quint64 decodedFrames() const { return decodedFrames_; }
 
 protected:
-    int decode_async(const Image& image);
+    // `serial`: the image's place in the backlog (0 for an image that never was in it).
+    int decode_async(const Image& image, quint64 serial = 0);
     int drain_async();
     // One image's job is done: `frame` is the picture that came out (carrying the
     // identity of its own image, maybe an earlier one), null when none did. The base
@@ -127,6 +135,15 @@ private:
     int emitFinishedImages();
     void forgetScheduledImages();
     bool queueImage(const Image& image);
+    // One image of a job that went on with the next one: emitted as a finished job's.
+    void relayed(quint64 epoch, quint64 serial, quint64 imageId, const VideoFrame& frame, quint32 errorCode);
+    // The backlog moves on past a handled result (the image the job went on with is the
+    // running one now).
+    void advanceBacklog(DecodingSlot* slot, quint64 doneSerial);
+    void forgetScheduled(const QVarLengthArray<quint64, 4>& serials);
+    void emitResult(quint64 imageId, const VideoFrame& frame, quint32 errorCode);
+    class Relay;
+    friend class Relay;
     // Drain requests wait in the backlog as images with an empty payload, which decode()
     // never queues.
     static bool isDrainRequest(const Image& image) { return image.payloadSize() == 0; }
@@ -134,22 +151,20 @@ private:
 
     QList<DecodingSlot*> slots_;
     QFutureWatcher<VideoFrame> watcher_;
-    QList<Image> inputQueue_;
+    std::unique_ptr<StreamBacklog> backlog_;
+    std::unique_ptr<Relay> relay_;
     QWeakPointer<ConcurrentDecoderImpl> weakSelf_;
     QSharedPointer<DecodeScheduler> scheduler_;
     int inputQueueMaxSize_ = 2147483647;
     bool singleThreaded_;
     bool clearInputQueueOnIFrames_ = false;
-    int scaleLevel_ = 0;
+    std::atomic<int> scaleLevel_{0};
     bool iframesOnly_ = false;
     // A non-I-frame was refused (also in I-frame-only mode): later ones are refused until
     // the next I-frame, which is also how switching that mode off resumes cleanly.
     bool waitForIFrame_ = false;
     quint64 droppedImages_ = 0;
     quint64 decodedFrames_ = 0;
-    // Jobs counted in the scheduler's in-flight total whose finish has not been handled
-    // here yet; handed back to the scheduler if this object dies first.
-    int countedJobs_ = 0;
 };
 
 // Delivers frames in the order of their ids (stamp images with generateNextFrameId()),

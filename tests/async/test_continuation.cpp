@@ -1,0 +1,83 @@
+// A stream's job going on with the stream's next queued images: every image still comes
+// out once, in order, equal to a synchronous decode, with one stream or sixteen fed at
+// once; a decoder destroyed mid-run delivers nothing afterwards.
+#include "async/async_test_util.h"
+#include "async/decode_scheduler.h"
+#include "orvo/concurrent_decoder.h"
+
+#include <QThread>
+#include <gtest/gtest.h>
+#include <memory>
+
+using namespace orvo;
+using namespace orvo::test;
+
+TEST(Continuation, StreamsFedAtOnceDeliverEveryImageOnceInOrder)
+{
+    const auto images = toImages(demuxVideo(h264Clip(40, 20)), 'h');
+    ASSERT_EQ(images.size(), 40u);
+    const auto reference = syncDecode(images);
+
+    for (const int streams : {1, 16}) {
+        SCOPED_TRACE(streams);
+        std::vector<std::unique_ptr<ConcurrentDecoder>> decoders;
+        std::vector<Recorder> recorders(static_cast<size_t>(streams));
+        int whileRunning = 0;  // pictures emitted while their job went on
+        for (int s = 0; s < streams; ++s) {
+            decoders.push_back(std::make_unique<ConcurrentDecoder>());
+            ConcurrentDecoder* d = decoders.back().get();
+            recorders[size_t(s)].onFrame = [&whileRunning, d](const VideoFrame&) { whileRunning += d->isBusy(); };
+            recorders[size_t(s)].attach(d);
+        }
+        for (const Image& image : images)
+            for (auto& d : decoders)
+                ASSERT_EQ(d->decode(image), 1);
+        ASSERT_TRUE(waitUntil([&] {
+            for (const Recorder& r : recorders)
+                if (r.frames.size() < images.size())
+                    return false;
+            return true;
+        }));
+        spin(20);
+        for (const Recorder& r : recorders) {
+            ASSERT_EQ(r.ids(), idRange(1, 40));
+            EXPECT_TRUE(r.errors.empty());
+            for (size_t i = 0; i < images.size(); ++i)
+                ASSERT_EQ(packYuv420p(r.frames[i]), reference[i]) << i;
+        }
+        // A lone stream never waits behind another: its job goes on with its own images.
+        if (streams == 1)
+            EXPECT_GT(whileRunning, 0);
+        EXPECT_EQ(DecodeScheduler::instance()->inFlight(), 0);
+        EXPECT_EQ(DecodeScheduler::instance()->scheduledCount(), 0);
+    }
+}
+
+TEST(Continuation, DestroyedMidRunDeliversNothingAfterwards)
+{
+    const auto images = toImages(demuxVideo(h264Clip(40, 20)), 'h');
+    ASSERT_EQ(images.size(), 40u);
+    for (const bool ordered : {false, true}) {
+        SCOPED_TRACE(ordered ? "ordered" : "plain");
+        auto decoder = ordered ? std::unique_ptr<ConcurrentDecoder>(std::make_unique<OrderedConcurrentDecoder>())
+                               : std::make_unique<ConcurrentDecoder>();
+        Recorder rec;
+        rec.attach(decoder.get());
+        for (const Image& image : images)
+            ASSERT_EQ(decoder->decode(image), 1);
+        ASSERT_TRUE(waitUntil([&] { return rec.frames.size() >= 3; }));
+        decoder.reset();
+        const size_t atDestruction = rec.frames.size();
+        EXPECT_LT(atDestruction, images.size());
+        spin(100);
+        EXPECT_EQ(rec.frames.size(), atDestruction);
+        // The pool's share of the destroyed stream is given back; other streams run on.
+        ConcurrentDecoder next;
+        Recorder nextRec;
+        nextRec.attach(&next);
+        for (int i = 0; i < 20; ++i)
+            ASSERT_EQ(next.decode(images[size_t(i)]), 1);
+        ASSERT_TRUE(waitUntil([&] { return nextRec.frames.size() == 20; }));
+        EXPECT_EQ(nextRec.ids(), idRange(1, 20));
+    }
+}
