@@ -57,7 +57,10 @@ int findBox(const unsigned char* data, int size, quint32 type)
 
 void listBoxes(const unsigned char* data, int size)
 {
-    walk(data, size, [](int offset, quint32 length, quint32 type) {
+    const bool silent = LogManager::instance().isSilenced();
+    walk(data, size, [silent](int offset, quint32 length, quint32 type) {
+        if (silent)
+            return true;  // the walk alone: nobody reads the list
         const QString line = QStringLiteral("offset=%1 size=%2 name=%3 %4 %5 %6(%7%8%9%10)")
                                  .arg(offset)
                                  .arg(length)

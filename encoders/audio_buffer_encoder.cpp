@@ -111,7 +111,7 @@ bool AudioBufferEncoder::push_silence_at_front(int n)
         std::memmove(samples + un, samples + start, count * sizeof(short));
         start = un;
     }
-    std::fill(samples + start - un, samples + start, short(0));
+    std::memset(samples + start - un, 0, un * sizeof(short));
     count += un;
     start -= un;
     return true;
@@ -196,7 +196,7 @@ int AudioBufferEncoder::enqueue_n(Encoder& enc, short* input, unsigned int n, bo
             if (input)
                 std::memcpy(samples + start + count, input, k * sizeof(short));
             else
-                std::fill(samples + start + count, samples + start + count + k, short(0));
+                std::memset(samples + start + count, 0, k * sizeof(short));
             count += k;
             consumed = k;
             if (count == F) {
@@ -261,7 +261,7 @@ int AudioBufferEncoder::enqueue_n(Encoder& enc, short* input, unsigned int n, bo
         silence = saturated(static_cast<quint64>(silence) + rest + overflow);
         return 1;
     }
-    std::fill(samples + start + count, samples + start + count + silence, short(0));
+    std::memset(samples + start + count, 0, silence * sizeof(short));
     std::memcpy(samples + start + count + silence, input + consumed, rest * sizeof(short));
     count += rest + silence;
     silence = overflow;

@@ -56,11 +56,14 @@ void LogManager::setSink(Sink sink)
 {
     QMutexLocker lock(&sinkMutex);
     currentSink = std::move(sink);
+    silenced_.store(false, std::memory_order_relaxed);
 }
 
 void LogManager::silence()
 {
-    setSink([](const LogItem&) {});
+    QMutexLocker lock(&sinkMutex);
+    currentSink = [](const LogItem&) {};
+    silenced_.store(true, std::memory_order_relaxed);
 }
 
 void LogManager::defaultSink(const LogItem& item) { qtSink(item); }
@@ -80,7 +83,7 @@ void LogManager::write(const LogItem& item)
 
 void olog(const LogCategory& category, unsigned level, const char* function, const char* format, ...)
 {
-    if (!category.isEnabled(level))
+    if (!category.isEnabled(level) || LogManager::instance().isSilenced())
         return;
     va_list args;
     va_start(args, format);
@@ -108,6 +111,8 @@ ODebug::~ODebug()
 
 void oprint(LogStream stream, const char* format, ...)
 {
+    if (LogManager::instance().isSilenced())
+        return;
     va_list args;
     va_start(args, format);
     LogItem item;

@@ -76,8 +76,10 @@ public:
     // Replaces the sink for every line; an empty function restores the default sink.
     // The sink may be called from any thread (pooled decode jobs write too).
     void setSink(Sink sink);
-    // Drops every line from now on (setSink with a sink that does nothing).
+    // Drops every line from now on (setSink with a sink that does nothing); lines are then
+    // not even formatted.
     void silence();
+    bool isSilenced() const { return silenced_.load(std::memory_order_relaxed); }
     // What happens to an item when no sink is set; a sink may pass items on to it.
     static void defaultSink(const LogItem& item);
     void write(const LogItem& item);
@@ -85,6 +87,7 @@ public:
 private:
     LogManager() = default;
     std::atomic<unsigned> maxLevel_{LOG_ALL};
+    std::atomic<bool> silenced_{false};
 };
 
 // printf-style line at `level`; dropped when the category or the manager masks it,
