@@ -2,6 +2,7 @@
 #include "orvo/mxpeg.h"
 
 #include "frames/sws_scale.h"
+#include "orvo/picture_bound.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -57,11 +58,7 @@ MxpegState* createState()
     }
     s->context->thread_count = 1;
     // Camera pictures are far below this; a hostile frame header fails before FFmpeg allocates.
-#ifdef FUZZING_BUILD_MODE_UNSAFE_FOR_PRODUCTION
-    s->context->max_pixels = 1024 * 1024;  // fuzz builds: the budget of the other decoders
-#else
-    s->context->max_pixels = 8192 * 8192;
-#endif
+    s->context->max_pixels = ORVO_MAX_PICTURE_PIXELS;
     const int err = avcodec_open2(s->context, codec, nullptr);
     if (err < 0) {
         delete s;

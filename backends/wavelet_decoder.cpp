@@ -2,6 +2,7 @@
 #include "orvo/wavelet_decoder.h"
 
 #include "frames/sws_scale.h"
+#include "orvo/picture_bound.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -54,7 +55,7 @@ struct WaveletDecoder::Codec {
 WaveletDecoder::WaveletDecoder(int width, int height, int scaleLevel)
     : width_(width), height_(height), scaleLevel_(std::clamp(scaleLevel, 0, 2))
 {
-    if (width <= 0 || height <= 0 || width > 8192 || height > 8192)
+    if (width <= 0 || height <= 0 || width > ORVO_MAX_PICTURE_SIDE || height > ORVO_MAX_PICTURE_SIDE)
         return;
     outputWidth_ = width >> scaleLevel_;
     outputHeight_ = scaleLevel_ < 2 ? height : height / 2;
