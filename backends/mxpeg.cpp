@@ -1,7 +1,9 @@
 // MxPEG over FFmpeg's MxPEG decoder, which keeps the previous picture for the P-frames.
 #include "orvo/mxpeg.h"
 
+#include "decoders/codec_decoder.h"
 #include "frames/sws_scale.h"
+#include "orvo/picture_bound.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -18,18 +20,10 @@ extern "C" {
 namespace {
 
 struct MxpegState {
-    AVCodecContext* context = nullptr;
-    AVPacket* packet = nullptr;
-    AVFrame* frame = nullptr;
+    orvo::CodecDecoder codec;
     SwsContext* scaler = nullptr;
 
-    ~MxpegState()
-    {
-        sws_freeContext(scaler);
-        av_frame_free(&frame);
-        av_packet_free(&packet);
-        avcodec_free_context(&context);
-    }
+    ~MxpegState() { sws_freeContext(scaler); }
 };
 
 // Frame headers that carry the size: SOF0-3, 5-7, 9-11, 13-15 (not DHT C4, JPG C8, DAC CC).
@@ -48,21 +42,15 @@ MxpegState* createState()
     if (!codec)
         throw std::runtime_error("FFmpeg has no MxPEG decoder");
     auto* s = new MxpegState;
-    s->context = avcodec_alloc_context3(codec);
-    s->packet = av_packet_alloc();
-    s->frame = av_frame_alloc();
-    if (!s->context || !s->packet || !s->frame) {
+    if (!s->codec.allocate(codec)) {
         delete s;
         throw std::bad_alloc();
     }
-    s->context->thread_count = 1;
+    AVCodecContext* context = s->codec.context;
+    context->thread_count = 1;
     // Camera pictures are far below this; a hostile frame header fails before FFmpeg allocates.
-#ifdef FUZZING_BUILD_MODE_UNSAFE_FOR_PRODUCTION
-    s->context->max_pixels = 1024 * 1024;  // fuzz builds: the budget of the other decoders
-#else
-    s->context->max_pixels = 8192 * 8192;
-#endif
-    const int err = avcodec_open2(s->context, codec, nullptr);
+    context->max_pixels = ORVO_MAX_PICTURE_PIXELS;
+    const int err = s->codec.open(codec);
     if (err < 0) {
         delete s;
         throw std::runtime_error(ffmpegError("cannot open the MxPEG decoder", err));
@@ -144,22 +132,19 @@ void mxpeg2yuv(void*& state, char* data, int size, int width, int height, void* 
         state = createState();
     auto* s = static_cast<MxpegState*>(state);
 
-    av_frame_unref(s->frame);
-    av_packet_unref(s->packet);
-    if (av_new_packet(s->packet, size) < 0)  // zeroed padding behind the copy
+    if (!s->codec.copyPayload(reinterpret_cast<const unsigned char*>(data), size))
         throw std::bad_alloc();
-    std::memcpy(s->packet->data, data, size_t(size));
-    int err = avcodec_send_packet(s->context, s->packet);
-    av_packet_unref(s->packet);
+    int err = avcodec_send_packet(s->codec.context, s->codec.packet);
+    av_packet_unref(s->codec.packet);
     if (err < 0)
         throw std::runtime_error(ffmpegError("MxPEG decoding failed", err));
-    err = avcodec_receive_frame(s->context, s->frame);
+    err = avcodec_receive_frame(s->codec.context, s->codec.picture);
     if (err == AVERROR(EAGAIN))
         throw std::runtime_error("MxPEG image without a complete picture (no I-frame yet?)");
     if (err < 0)
         throw std::runtime_error(ffmpegError("MxPEG decoding failed", err));
 
-    const AVFrame* f = s->frame;
+    const AVFrame* f = s->codec.picture;
     if (f->width != width || f->height != height || !f->data[0])
         throw std::runtime_error("MxPEG picture of " + std::to_string(f->width) + "x" + std::to_string(f->height) +
                                  " does not fit planes of " + std::to_string(width) + "x" + std::to_string(height));

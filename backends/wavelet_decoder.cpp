@@ -1,7 +1,9 @@
 // The wavelet library over FFmpeg's VC-2/Dirac decoder, reduced with swscale.
 #include "orvo/wavelet_decoder.h"
 
+#include "decoders/codec_decoder.h"
 #include "frames/sws_scale.h"
+#include "orvo/picture_bound.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -15,38 +17,28 @@ extern "C" {
 namespace orvo {
 
 struct WaveletDecoder::Codec {
-    AVCodecContext* context = nullptr;
-    AVPacket* packet = nullptr;
-    AVFrame* frame = nullptr;
+    CodecDecoder decoder;
     AVFrame* spare = nullptr;
     sws::Scaler scaler;
 
-    ~Codec()
-    {
-        av_frame_free(&frame);
-        av_frame_free(&spare);
-        av_packet_free(&packet);
-        avcodec_free_context(&context);
-    }
+    ~Codec() { av_frame_free(&spare); }
 
-    // Decodes one self-contained image into `frame`. The decoder holds pictures back until
-    // their picture number comes up, so it is drained and reset after every image: images
-    // stay independent of the ones before (skipped or repeated numbers do not stall it).
+    // Decodes one self-contained image into the decoder's picture. The decoder holds pictures
+    // back until their picture number comes up, so it is drained and reset after every image:
+    // images stay independent of the ones before (skipped or repeated numbers do not stall it).
     bool decodeImage(const unsigned char* data, int size)
     {
-        av_frame_unref(frame);
-        av_packet_unref(packet);
-        if (av_new_packet(packet, size) < 0)  // zeroed padding behind the copy
+        if (!decoder.copyPayload(data, size))
             return false;
-        std::memcpy(packet->data, data, size_t(size));
+        AVCodecContext* context = decoder.context;
         bool got = false;
-        if (avcodec_send_packet(context, packet) >= 0 && avcodec_send_packet(context, nullptr) >= 0) {
-            got = avcodec_receive_frame(context, frame) >= 0;
+        if (avcodec_send_packet(context, decoder.packet) >= 0 && avcodec_send_packet(context, nullptr) >= 0) {
+            got = avcodec_receive_frame(context, decoder.picture) >= 0;
             while (got && avcodec_receive_frame(context, spare) >= 0)
                 av_frame_unref(spare);  // only the first picture of a payload counts
         }
         avcodec_flush_buffers(context);
-        av_packet_unref(packet);
+        av_packet_unref(decoder.packet);
         return got;
     }
 };
@@ -54,7 +46,7 @@ struct WaveletDecoder::Codec {
 WaveletDecoder::WaveletDecoder(int width, int height, int scaleLevel)
     : width_(width), height_(height), scaleLevel_(std::clamp(scaleLevel, 0, 2))
 {
-    if (width <= 0 || height <= 0 || width > 8192 || height > 8192)
+    if (width <= 0 || height <= 0 || width > ORVO_MAX_PICTURE_SIDE || height > ORVO_MAX_PICTURE_SIDE)
         return;
     outputWidth_ = width >> scaleLevel_;
     outputHeight_ = scaleLevel_ < 2 ? height : height / 2;
@@ -65,18 +57,16 @@ WaveletDecoder::WaveletDecoder(int width, int height, int scaleLevel)
     if (!dirac)
         return;
     auto codec = std::make_unique<Codec>();
-    codec->context = avcodec_alloc_context3(dirac);
-    codec->packet = av_packet_alloc();
-    codec->frame = av_frame_alloc();
     codec->spare = av_frame_alloc();
-    if (!codec->context || !codec->packet || !codec->frame || !codec->spare)
+    if (!codec->decoder.allocate(dirac) || !codec->spare)
         return;
-    codec->context->thread_count = 1;  // many cameras decode at once; one thread each
+    AVCodecContext* context = codec->decoder.context;
+    context->thread_count = 1;  // many cameras decode at once; one thread each
     // A sequence header announcing a much larger picture fails before FFmpeg allocates for
     // it. The bound is generous: the decoder's own work buffers (edges, half-sample planes)
     // count against it too.
-    codec->context->max_pixels = int64_t(width) * height * 16;
-    if (avcodec_open2(codec->context, dirac, nullptr) < 0)
+    context->max_pixels = int64_t(width) * height * 16;
+    if (codec->decoder.open(dirac) < 0)
         return;
     codec_ = std::move(codec);
     initialized_ = true;
@@ -98,7 +88,7 @@ bool WaveletDecoder::decode(unsigned char* data, long size, unsigned char* y, un
 
     if (!codec_->decodeImage(data, int(size)))
         return false;
-    const AVFrame* f = codec_->frame;
+    const AVFrame* f = codec_->decoder.picture;
     if (f->width != width_ || f->height != height_ || !f->data[0])
         return false;
 

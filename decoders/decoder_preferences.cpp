@@ -2,8 +2,6 @@
 
 namespace orvo {
 
-DecoderPreferences* DecoderPreferences::pref = nullptr;
-
 DecoderPreferences* DecoderPreferences::instance()
 {
     static DecoderPreferences preferences;  // created once, thread-safe since C++11

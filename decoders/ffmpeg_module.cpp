@@ -6,7 +6,9 @@
 #include "orvo/decoder_preferences.h"
 #include "orvo/log.h"
 
-#include "frames/sws_formats.h"
+#include "decoders/codec_decoder.h"
+#include "frames/plane_pool.h"
+#include "frames/qimage_scale.h"
 #include "frames/sws_scale.h"
 
 extern "C" {
@@ -68,9 +70,8 @@ bool isFullRange(const AVFrame* picture)
     }
 }
 
-// Frame plane over one of FFmpeg's reference-counted picture buffers; the buffer
-// reference is dropped when the last frame sharing the plane goes, on whichever
-// thread that happens (av_buffer_unref is thread-safe).
+// Frame plane over one of FFmpeg's reference-counted picture buffers, which it keeps
+// referenced while frames share it.
 MemoryVideoBuffer* wrapPlane(const AVFrame* picture, int plane, int rows)
 {
     AVBufferRef* owner = av_frame_get_plane_buffer(const_cast<AVFrame*>(picture), plane);
@@ -84,10 +85,7 @@ MemoryVideoBuffer* wrapPlane(const AVFrame* picture, int plane, int rows)
     if (!ref)
         return nullptr;
     const int size = int(std::min(available, wanted));
-    auto* buffer = new MemoryVideoBuffer(picture->data[plane], size, picture->linesize[plane], [ref](unsigned char*) {
-        AVBufferRef* r = ref;
-        av_buffer_unref(&r);
-    });
+    MemoryVideoBuffer* buffer = planeInBuffer(ref, picture->data[plane], size, picture->linesize[plane]);
     // The decoder keeps this picture as a reference: frames detach before writing.
     buffer->setReadOnly(true);
     return buffer;
@@ -108,79 +106,7 @@ bool wrapPicture(const AVFrame* picture, VideoFrame& frame)
     return true;
 }
 
-// Output planes come from pools that live as long as their last buffer: a 1080p frame
-// is over 5 MB, and fresh allocations of that size each picture go back and forth to
-// the system (page faults cost more than the copy). The geometry is that of a frame
-// allocated with defaultBufferProperties: Y and A pitch w, chroma pitch (w + 1) / 2,
-// alignment at least 8, alpha plane present (its contents are undefined there too).
-// Each buffer holds sws::kOutputSlack bytes after its plane, so that swscale converts
-// straight into it (see sws_scale.h) instead of through a copy.
-class PlanePools {
-public:
-    ~PlanePools() { reset(); }
-
-    // `pooled` tells whether the planes came from the pools (and so have the slack).
-    VideoFrame allocate(int w, int h, bool& pooled)
-    {
-        pooled = false;
-        const int chromaPitch = (w + 1) / 2;
-        const qint64 lumaBytes = qint64(w) * h;
-        const qint64 chromaBytes = qint64(chromaPitch) * ((h + 1) / 2);
-        if (lumaBytes > INT_MAX - sws::kOutputSlack || lumaBytes <= 0)
-            return VideoFrame(w, h, VideoFrame::Format_YUV420P, defaultBufferProperties);
-        if (w != width_ || h != height_) {
-            reset();
-            luma_ = av_buffer_pool_init(size_t(lumaBytes + sws::kOutputSlack), av_buffer_alloc);
-            chroma_ = av_buffer_pool_init(size_t(chromaBytes + sws::kOutputSlack), av_buffer_alloc);
-            width_ = w;
-            height_ = h;
-        }
-        const QSize lumaSize(w, h);
-        const QSize chromaSize = VideoFrame::planeUVSize(lumaSize, VideoFrame::Format_YUV420P);
-        QAbstractVideoBuffer* planes[4] = {plane(luma_, int(lumaBytes), w), plane(chroma_, int(chromaBytes), chromaPitch),
-                                           plane(chroma_, int(chromaBytes), chromaPitch),
-                                           plane(luma_, int(lumaBytes), w)};
-        if (!planes[0] || !planes[1] || !planes[2] || !planes[3]) {
-            for (QAbstractVideoBuffer* b : planes)
-                delete b;
-            return VideoFrame(w, h, VideoFrame::Format_YUV420P, defaultBufferProperties);
-        }
-        pooled = true;
-        return VideoFrame(QVideoFrame(planes[0], lumaSize, QVideoFrame::Format_Y8),
-                          QVideoFrame(planes[1], chromaSize, QVideoFrame::Format_Y8),
-                          QVideoFrame(planes[2], chromaSize, QVideoFrame::Format_Y8),
-                          QVideoFrame(planes[3], lumaSize, QVideoFrame::Format_Y8), VideoFrame::Format_YUV420P);
-    }
-
-private:
-    // The buffer goes back to its pool when the last frame sharing the plane goes,
-    // on whichever thread that happens (pools are thread-safe).
-    static MemoryVideoBuffer* plane(AVBufferPool* pool, int size, int pitch)
-    {
-        AVBufferRef* ref = pool ? av_buffer_pool_get(pool) : nullptr;
-        if (!ref)
-            return nullptr;
-        return new MemoryVideoBuffer(ref->data, size, pitch, [ref](unsigned char*) {
-            AVBufferRef* r = ref;
-            av_buffer_unref(&r);
-        });
-    }
-
-    // Buffers still held by frames keep their pool alive until they come back.
-    void reset()
-    {
-        av_buffer_pool_uninit(&luma_);
-        av_buffer_pool_uninit(&chroma_);
-        width_ = height_ = 0;
-    }
-
-    AVBufferPool* luma_ = nullptr;
-    AVBufferPool* chroma_ = nullptr;
-    int width_ = 0;
-    int height_ = 0;
-};
-
-void copyPicture(const AVFrame* picture, VideoFrame& frame, PlanePools& pools)
+void copyPicture(const AVFrame* picture, VideoFrame& frame, PlanePool& pools)
 {
     const int w = picture->width, h = picture->height;
     bool pooled = false;
@@ -198,12 +124,11 @@ void copyPicture(const AVFrame* picture, VideoFrame& frame, PlanePools& pools)
 }  // namespace
 
 struct FFmpegModule::State {
-    AVCodecContext* codec = nullptr;
+    CodecDecoder decoder;  // its picture is the one being handed out
     sws::Scaler scaler;
     bool ok = false;
-    AVFrame* picture = nullptr;  // the picture being handed out
     PacketFeeder* feeder = nullptr;
-    PlanePools pools;
+    PlanePool pools;
 
     // Converts `picture` into `frame` and releases it; false when the frame could not be allocated.
     bool handOut(VideoFrame& frame);
@@ -221,21 +146,20 @@ FFmpegModule::FFmpegModule(const DecodeContext& context) : d(new State)
         oprint(LogStream::StandardError, "could not find codec with id:%d\n", int(id));
         return;
     }
-    d->codec = avcodec_alloc_context3(codec);
-    d->picture = av_frame_alloc();
-    if (d->codec) {
-        d->codec->max_pixels = ::AbstractDecoder::kMaxPixels;
-        PacketFeeder::configure(d->codec);
+    AVCodecContext* codecContext = d->decoder.allocate(codec) ? d->decoder.context : nullptr;
+    if (codecContext) {
+        codecContext->max_pixels = ::AbstractDecoder::kMaxPixels;
+        PacketFeeder::configure(codecContext);
 #ifdef FUZZING_BUILD_MODE_UNSAFE_FOR_PRODUCTION
-        d->codec->thread_count = 1;  // fuzz builds: findings and timings belong to one thread
+        codecContext->thread_count = 1;  // fuzz builds: findings and timings belong to one thread
 #endif
     }
-    if (!d->codec || !d->picture || avcodec_open2(d->codec, codec, nullptr) < 0) {
+    if (!codecContext || d->decoder.open(codec) < 0) {
         oprint(LogStream::StandardError, "could not open codec\n");
         return;
     }
-    d->codec->get_format = defaultGetFormat;
-    d->feeder = new PacketFeeder(d->codec);
+    codecContext->get_format = defaultGetFormat;
+    d->feeder = new PacketFeeder(codecContext);
     d->ok = true;
 }
 
@@ -243,9 +167,7 @@ bool FFmpegModule::isOpen() const { return d->ok; }
 
 FFmpegModule::~FFmpegModule()
 {
-    delete d->feeder;
-    avcodec_free_context(&d->codec);
-    av_frame_free(&d->picture);
+    delete d->feeder;  // before the codec it feeds
     delete d;
 }
 
@@ -271,7 +193,7 @@ FFmpegModule::PayloadResult FFmpegModule::decodePayload(const unsigned char* dat
             olog(ffmpegCategory, LOG_TRACE, "orvo::FFmpegModule::decode", "payload of %d bytes rejected", size);
         return PayloadResult::Rejected;
     }
-    if (result == PacketFeeder::Result::Accepted || !d->feeder->takePicture(d->picture, pictureTag))
+    if (result == PacketFeeder::Result::Accepted || !d->feeder->takePicture(d->decoder.picture, pictureTag))
         return PayloadResult::Accepted;
     return d->handOut(frame) ? PayloadResult::Picture : PayloadResult::Rejected;
 }
@@ -281,7 +203,7 @@ bool FFmpegModule::drain(VideoFrame& frame, qint64* pictureTag)
     if (!d->ok)
         return false;
     // A picture whose frame cannot be allocated is skipped, not the end of the drain.
-    while (d->feeder->drain(d->picture, pictureTag)) {
+    while (d->feeder->drain(d->decoder.picture, pictureTag)) {
         if (d->handOut(frame))
             return true;
     }
@@ -297,13 +219,13 @@ bool FFmpegModule::State::handOut(VideoFrame& frame)
     } catch (const std::bad_alloc&) {
         converted = false;
     }
-    av_frame_unref(picture);
+    av_frame_unref(decoder.picture);
     return converted;
 }
 
 void FFmpegModule::State::convert(VideoFrame& frame)
 {
-    const AVFrame* pic = picture;
+    const AVFrame* pic = decoder.picture;
     const int w = pic->width, h = pic->height;
     if (w <= 0 || h <= 0)
         return;
@@ -335,101 +257,14 @@ void FFmpegModule::State::convert(VideoFrame& frame)
     frame.unmap();
 }
 
-namespace {
-
-// The frame's Y, U and V planes as swscale sees them, or no planes when the frame is not
-// mapped or a plane holds less than its geometry claims (foreign buffers can).
-sws::Planes framePlanes(const VideoFrame& frame)
-{
-    VideoFrameQt* body = frame.body();
-    if (!body)
-        return sws::Planes();
-    const sws::PlanarLayout layout = sws::planarLayout(frame.pixelFormat());
-    const int w = frame.width(), h = frame.height();
-    const int cw = sws::chromaExtent(w, layout.dx), ch = sws::chromaExtent(h, layout.dy);
-    const PlaneView y = viewY(*body), u = viewU(*body), v = viewV(*body);
-    if (!y.holds(w, h) || !u.holds(cw, ch) || !v.holds(cw, ch))
-        return sws::Planes();
-    const uint8_t* const data[4] = {y.data, u.data, v.data, nullptr};
-    const int stride[4] = {int(y.stride), int(u.stride), int(v.stride), 0};
-    return sws::Planes::of(layout.format, w, h, data, stride);
-}
-
-sws::Planes imagePlanes(const QImage& image, AVPixelFormat format)
-{
-    const uint8_t* const data[4] = {image.constBits(), nullptr, nullptr, nullptr};
-    const int stride[4] = {int(image.bytesPerLine()), 0, 0, 0};
-    return sws::Planes::of(format, image.width(), image.height(), data, stride);
-}
-
-}  // namespace
-
 bool FFmpegModule::qimageToVideoFrame(const QImage& image, VideoFrame& frame)
 {
-    if (image.isNull() || image.format() == QImage::Format_Invalid)
-        return false;
-    if (frame.mapMode() == QAbstractVideoBuffer::ReadOnly || !frame.areSeparatePlanes())
-        return false;
-    // Any other layout is read as 24-bit RGB, so it is brought into that layout first.
-    QImage source = image;
-    AVPixelFormat sourceFormat = sws::fromQImageFormat(image.format());
-    if (sourceFormat == AV_PIX_FMT_NONE) {
-        source = image.convertToFormat(QImage::Format_RGB888);
-        sourceFormat = AV_PIX_FMT_RGB24;
-    }
-    const bool wasMapped = frame.isMapped();
-    if (!wasMapped && !frame.map(QAbstractVideoBuffer::WriteOnly))
-        return false;
-    bool ok = false;
-    const sws::Planes target = framePlanes(frame);
-    sws::Scaler scaler;
-    SwsContext* s = target.isNull() ? nullptr
-                                    : scaler.get({source.width(), source.height(), sourceFormat, false, frame.width(),
-                                                  frame.height(), sws::planarLayout(frame.pixelFormat()).format, 0});
-    // The frame's planes belong to the caller: swscale writes exactly their pixels.
-    if (s)
-        ok = sws::scale(s, imagePlanes(source, sourceFormat), target, sws::Room::Exact);
-    if (!wasMapped)
-        frame.unmap();
-    return ok;
+    return scaleImageIntoFrame(image, frame);
 }
 
 bool FFmpegModule::videoFrameToQImage(const VideoFrame& frame, QImage& image)
 {
-    if (!frame.isValid() || !frame.isMapped() || !frame.areSeparatePlanes())
-        return false;
-    if (image.isNull() || image.format() == QImage::Format_Invalid)
-        return false;
-    if (!frame.bitsY() || !frame.bitsU() || !frame.bitsV())
-        return false;
-    // Written as 24-bit RGB into any other layout, through a converted copy.
-    AVPixelFormat targetFormat = sws::fromQImageFormat(image.format());
-    if (image.format() == QImage::Format_RGB32)
-        targetFormat = AV_PIX_FMT_BGRA;  // Qt wants 0xFF in the unused byte
-    const bool direct = targetFormat != AV_PIX_FMT_NONE;
-    QImage converted;
-    if (!direct) {
-        converted = QImage(image.size(), QImage::Format_RGB888);
-        targetFormat = AV_PIX_FMT_RGB24;
-    }
-    QImage& target = direct ? image : converted;
-    if (target.isNull())
-        return false;
-    const sws::Planes source = framePlanes(frame);
-    uint8_t* const dst[4] = {target.bits(), nullptr, nullptr, nullptr};
-    const int dstStride[4] = {int(target.bytesPerLine()), 0, 0, 0};
-    const sws::Planes destination = sws::Planes::of(targetFormat, target.width(), target.height(), dst, dstStride);
-    if (source.isNull() || destination.isNull())
-        return false;
-    sws::Scaler scaler;
-    SwsContext* s = scaler.get({frame.width(), frame.height(), sws::planarLayout(frame.pixelFormat()).format, false,
-                                target.width(), target.height(), targetFormat, 0});
-    const bool ok = sws::scale(s, source, destination, sws::Room::Exact);
-    if (!ok)
-        return false;
-    if (!direct)
-        image = converted.convertToFormat(image.format());
-    return true;
+    return scaleFrameIntoImage(frame, image);
 }
 
 }  // namespace orvo

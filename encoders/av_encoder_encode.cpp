@@ -26,66 +26,55 @@ void AVEncoder::flushWrites()
         avio_flush(formatContext_->pb);
 }
 
-int AVEncoder::writeVideoPackets(unsigned char* outBuffer, int outBufferSize)
+int AVEncoder::writePackets(AVCodecContext* codec, AVStream* stream, unsigned char* copyTo, int copyRoom)
 {
+    const bool video = codec == videoContext_;
     int written = 0;
     for (;;) {
-        int ret = avcodec_receive_packet(videoContext_, packet_);
+        int ret = avcodec_receive_packet(codec, packet_);
         if (ret == AVERROR(EAGAIN) || ret == AVERROR_EOF)
             return written;
         if (ret < 0)
             return ret;
         const int size = packet_->size;
-        if (outBuffer && outBufferSize >= size)
-            std::memcpy(outBuffer, packet_->data, size);
+        if (copyTo && copyRoom >= size)
+            std::memcpy(copyTo, packet_->data, size);
         // One picture per tick; without a duration MP4 would leave the last picture
         // outside its edit list.
-        if (packet_->duration <= 0)
+        if (video && packet_->duration <= 0)
             packet_->duration = 1;
-        av_packet_rescale_ts(packet_, videoContext_->time_base, videoStream_->time_base);
-        // Every picture is flagged key, as this encoder always has done.
+        av_packet_rescale_ts(packet_, codec->time_base, stream->time_base);
+        // Every packet is flagged key, as this encoder always has done.
         packet_->flags |= AV_PKT_FLAG_KEY;
-        packet_->stream_index = videoStream_->index;
+        packet_->stream_index = stream->index;
         // Audio always goes through FFmpeg's interleaving queue, which lets packets out only
         // while every stream has some queued: a recording that must survive a crash sends
         // video through it as well, or its sound would sit in memory until close().
-        ret = DecoderPreferences::instance()->useFFMPEGEncodeAvInterleavedWriteFrame() || flushAfterWrites_
-                  ? av_interleaved_write_frame(formatContext_, packet_)
-                  : av_write_frame(formatContext_, packet_);
-        av_packet_unref(packet_);
-        if (ret < 0) {
-            oprint(LogStream::StandardError, "Error while writing video frame\n");
+        const bool interleaved =
+            !video || DecoderPreferences::instance()->useFFMPEGEncodeAvInterleavedWriteFrame() || flushAfterWrites_;
+        if (!writePacket(interleaved, video))
             return -1;
-        }
-        flushWrites();
         written += size;
     }
 }
 
-int AVEncoder::writeAudioPackets()
+bool AVEncoder::writePacket(bool interleaved, bool video)
 {
-    int written = 0;
-    for (;;) {
-        int ret = avcodec_receive_packet(audioContext_, packet_);
-        if (ret == AVERROR(EAGAIN) || ret == AVERROR_EOF)
-            return written;
-        if (ret < 0)
-            return ret;
-        const int size = packet_->size;
-        packet_->flags |= AV_PKT_FLAG_KEY;
-        packet_->stream_index = audioStream_->index;
-        av_packet_rescale_ts(packet_, audioContext_->time_base, audioStream_->time_base);
-        ret = av_interleaved_write_frame(formatContext_, packet_);
-        av_packet_unref(packet_);
-        if (ret < 0) {
+    const int ret = interleaved ? av_interleaved_write_frame(formatContext_, packet_)
+                                : av_write_frame(formatContext_, packet_);
+    av_packet_unref(packet_);
+    if (ret < 0) {
+        if (video) {
+            oprint(LogStream::StandardError, "Error while writing video frame\n");
+        } else {
             char text[256];
             av_strerror(ret, text, sizeof(text));
             oprint(LogStream::StandardError, "Error while writing audio frame: %s\n", text);
-            return -1;
         }
-        flushWrites();
-        written += size;
+        return false;
     }
+    flushWrites();
+    return true;
 }
 
 int AVEncoder::encode(unsigned char* y, unsigned char* u, unsigned char* v, unsigned int yStride,
@@ -125,7 +114,7 @@ int AVEncoder::encode(unsigned char* y, unsigned char* u, unsigned char* v, unsi
         if (ret < 0)
             return ret;
         ++videoPacketCounter_;
-        return writeVideoPackets(outBuffer, outBufferSize);
+        return writePackets(videoContext_, videoStream_, outBuffer, outBufferSize);
     } catch (...) {
         oprint(LogStream::StandardError,
                "encoding failed/exception  emited in ffmpeg:avcodec_encode_video/buf=%p,buflen=%d "
@@ -182,7 +171,7 @@ int AVEncoder::encode_audio(short* samples, unsigned char* /*outBuffer*/, int /*
         return ret;
     ++audioPacketCounter_;
     audioEndSamples_ += frameSize;
-    return writeAudioPackets();
+    return writePackets(audioContext_, audioStream_, nullptr, 0);
 }
 
 int AVEncoder::output_encoded_video(unsigned char* data, int size)
@@ -202,14 +191,7 @@ int AVEncoder::output_encoded_video(unsigned char* data, int size)
     if (videoContext_->flags & 1)
         packet->flags |= AV_PKT_FLAG_KEY;
     packet->stream_index = videoStream_->index;
-    const int ret = av_interleaved_write_frame(formatContext_, packet);
-    av_packet_unref(packet);
-    if (ret < 0) {
-        oprint(LogStream::StandardError, "Error while writing video frame\n");
-        return -1;
-    }
-    flushWrites();
-    return size;
+    return writePacket(true, true) ? size : -1;
 }
 
 namespace {

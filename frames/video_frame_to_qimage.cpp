@@ -16,7 +16,7 @@ namespace {
 void freeImageData(void* data) { av_free(data); }
 
 // A Format_RGB32 image whose rows have the padded stride and slack that swscale's vector code
-// writes into (see sws_formats.h), so that it converts straight into the image. QImage keeps
+// writes into (see sws_scale.h), so that it converts straight into the image. QImage keeps
 // sizes and byte counts in int; larger requests give a null image.
 QImage rgb32Image(qint64 width, qint64 height)
 {

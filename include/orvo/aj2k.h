@@ -1,5 +1,6 @@
 #pragma once
 #include "orvo/export.h"
+#include "orvo/picture_bound.h"
 // aj2k: the SDK's JPEG 2000 library, decoding images held in memory (raw J2K code streams
 // or JP2 files) at a reduced resolution into separate 8-bit 4:2:2 planes. Built over OpenJPEG.
 //
@@ -37,13 +38,8 @@ enum {
 };
 
 // Full-resolution pictures above this many pixels (or wider or higher than 65535) are
-// refused before any picture memory is allocated.
-// Fuzz builds stop at 1 Mpixel so that hostile headers do not dominate the campaign.
-#ifdef FUZZING_BUILD_MODE_UNSAFE_FOR_PRODUCTION
-#define AJ2K_MAX_PIXELS (1024 * 1024)
-#else
-#define AJ2K_MAX_PIXELS (8192 * 8192)
-#endif
+// refused before any picture memory is allocated: the library's one picture bound.
+#define AJ2K_MAX_PIXELS ORVO_MAX_PICTURE_PIXELS
 
 // Creates a handle in *handle (null on failure).
 ORVO_EXPORT int aj2k_initjp2(aj2k_handle** handle, int flags);

@@ -114,6 +114,17 @@ public:
     static void disp_codec_names(std::list<std::string>& names);
 
 private:
+    // The steps of open(), in order. Each failing step has closed what was made and set the error.
+    static const AVOutputFormat* outputFormatFor(const std::string& filename, const std::string& formatName);
+    bool createOutput(const AVOutputFormat* format, const std::string& filename, int64_t bitRate,
+                      EncoderError& error);
+    bool chooseCodecs(unsigned int videoCodec, unsigned int audioCodec, EncoderError& error);
+    bool openCodecs(EncoderError& error);
+    bool openAudioCodec(bool videoOpened, EncoderError& error, bool& opened);
+    bool describeStreams(EncoderError& error);
+    bool openFile(const std::string& filename, EncoderError& error);
+    bool writeHeader(const std::string& filename, EncoderError& error);
+
     AVStream* add_video_stream(AVCodecID codec, int width, int height, int bitRate, int bitRateTolerance,
                                int timeBaseDen, int timeBaseNum, int gopSize, int sarNum, int sarDen);
     AVStream* add_audio_stream(AVCodecID codec, int bitRate, int sampleRate, int channels);
@@ -126,10 +137,13 @@ private:
     void close_video();
     void close_audio();
 
-    // Receives every packet the codec has ready and writes it; returns the bytes written
-    // (0 when none was ready), a negative FFmpeg error, or -1 when writing failed.
-    int writeVideoPackets(unsigned char* outBuffer, int outBufferSize);
-    int writeAudioPackets();
+    // Receives every packet `codec` has ready and writes it to `stream`; returns the bytes
+    // written (0 when none was ready), a negative FFmpeg error, or -1 when writing failed.
+    // A caller buffer (copyTo, copyRoom bytes) receives a copy of each packet that fits.
+    int writePackets(AVCodecContext* codec, AVStream* stream, unsigned char* copyTo, int copyRoom);
+    // Writes and releases packet_ (through FFmpeg's interleaving queue or directly); false,
+    // reported as a video or audio failure, when writing failed.
+    bool writePacket(bool interleaved, bool video);
     void flushWrites();
 
     AVFormatContext* formatContext_ = nullptr;

@@ -8,6 +8,7 @@
 // share its format decoder (and so its stream state).
 #include "orvo/image.h"
 #include "orvo/log.h"
+#include "orvo/picture_bound.h"
 #include "orvo/video_frame.h"
 
 #include <QList>
@@ -47,15 +48,8 @@ public:
     // none is left, after which a stream decoder takes a new stream from its next I-frame.
     virtual bool drain(orvo::VideoFrame& frame);
 
-    // The largest picture a payload may declare (64 Mpixel, above every camera sensor):
-    // a few header bytes must not make a 64-stream client allocate gigabytes. Fuzz builds
-    // stop at 1 Mpixel, as FFmpeg's own decoder fuzzers do: hostile headers would otherwise
-    // spend the campaign allocating, concealing and converting huge empty pictures.
-#ifdef FUZZING_BUILD_MODE_UNSAFE_FOR_PRODUCTION
-    static constexpr qint64 kMaxPixels = 1024LL * 1024;
-#else
-    static constexpr qint64 kMaxPixels = 8192LL * 8192;
-#endif
+    // The largest picture a payload may declare (see picture_bound.h).
+    static constexpr qint64 kMaxPixels = ORVO_MAX_PICTURE_PIXELS;
 
 protected:
     qint64 payloadTag() const { return payloadTag_; }

@@ -19,7 +19,7 @@ public:
 
     // Largest width and height of an I-frame; larger frame headers are refused before any
     // picture memory is allocated.
-    static constexpr int kMaxSide = 8192;
+    static constexpr int kMaxSide = ORVO_MAX_PICTURE_SIDE;
 
 private:
     void* state_ = nullptr;       // the MxPEG library's decoding state

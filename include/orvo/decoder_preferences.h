@@ -80,7 +80,6 @@ private:
 
     DecoderPreferences() = default;
     DecoderPreferences(const DecoderPreferences&) = default;
-    static DecoderPreferences* pref;  // unused: the instance is a function-local static
 
     Relaxed<bool> decodeMJPEGThroughQImage_{false};
     Relaxed<bool> useMxPEGNative_{false};

@@ -13,7 +13,9 @@
 namespace orvo {
 
 // Values 0..29 and 1000 equal Qt's QVideoFrame::PixelFormat; 1001 and 1002 are the
-// library's own planar formats. VideoFrame and VideoFrameQt inherit this enum.
+// library's own planar formats. Qt's 8 (Format_BGRA32) has no name here: it still passes
+// through as its number, and pixelFormatName calls it "Unregistred format". VideoFrame
+// and VideoFrameQt inherit this enum.
 struct ORVO_EXPORT PixelFormats {
     enum OrvoPixelFormat : qint32 {
         Format_Invalid = 0,

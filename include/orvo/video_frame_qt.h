@@ -26,7 +26,9 @@ public:
     using MapMode = QAbstractVideoBuffer::MapMode;
 
     VideoFrameQt();
-    // Separate aligned planes from `props` (Y, U, V and A); see the plane table in video_buffer.h.
+    // Separate aligned planes from `props` (Y, U, V and A): Y and A rows of max(width,
+    // minBytesPerLineY) bytes; U and V rows of half that for 4:2:0 and 4:2:2 (else the width),
+    // at least their own minimum, over half the rows for 4:2:0. Each plane has its alignment.
     VideoFrameQt(int width, int height, OrvoPixelFormat format, const BufferProperties& props);
     VideoFrameQt(int numBytes, int width, int height, int bytesPerLine, OrvoPixelFormat format, bool separate);
     VideoFrameQt(int numBytes, int width, int height, int bytesPerLine, OrvoPixelFormat format);
