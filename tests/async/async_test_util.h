@@ -102,24 +102,6 @@ inline QByteArray rawYuv(int w, int h, int seed)
     return p;
 }
 
-// The frame's 4:2:0 planes packed without padding (empty on failure).
-inline QByteArray packYuv420p(const VideoFrame& frame)
-{
-    QByteArray out;
-    if (frame.isNull() || !frame.isValid() || !frame.map())
-        return out;
-    const int w = frame.width(), h = frame.height();
-    for (int y = 0; y < h; ++y)
-        out.append(reinterpret_cast<const char*>(frame.bitsY() + y * frame.bytesPerLineY()), w);
-    const int cw = (w + 1) / 2, ch = (h + 1) / 2;
-    for (int y = 0; y < ch; ++y)
-        out.append(reinterpret_cast<const char*>(frame.bitsU() + y * frame.bytesPerLineU()), cw);
-    for (int y = 0; y < ch; ++y)
-        out.append(reinterpret_cast<const char*>(frame.bitsV() + y * frame.bytesPerLineV()), cw);
-    frame.unmap();
-    return out;
-}
-
 // Synchronous reference decode of a whole image sequence through one Decoder.
 inline std::vector<QByteArray> syncDecode(const std::vector<Image>& images)
 {

@@ -1,6 +1,8 @@
 // Wavelet fields (VC-2 made by FFmpeg's vc2 encoder) through DecoderWavelet and the wavelet
 // library, compared with FFmpeg's own decode reduced the same way.
-#include "camera/camera_test_support.h"
+#include "common/test_streams.h"
+
+#include <algorithm>
 #include "orvo/decoder_wavelet.h"
 #include "orvo/wavelet_decoder.h"
 
@@ -88,28 +90,13 @@ INSTANTIATE_TEST_SUITE_P(Fields, WaveletLevels, ::testing::Values(Field{288, 'p'
                              return "lines" + std::to_string(info.param.height);
                          });
 
-TEST(Wavelet, LevelsAboveTwoAreClampedAndChromaGeometryFollowsTheOutput)
-{
-    DecoderWavelet n(720, 243, 5);
-    EXPECT_EQ(n.scaleLevel(), 2);
-    EXPECT_EQ(n.getFormat(), 'n');
-    WaveletDecoder level1(720, 288, 1);
-    EXPECT_EQ(level1.outputWidth(), 360);
-    EXPECT_EQ(level1.chromaBytesPerLine(), 180);
-    WaveletDecoder wide(724, 243, 1);  // 362 wide: 181 chroma samples padded to 182
-    EXPECT_EQ(wide.outputWidth(), 362);
-    EXPECT_EQ(wide.chromaBytesPerLine(), 182);
-    EXPECT_EQ(wide.chromaLines(), 122);
-}
-
-TEST(Wavelet, HostileInputFailsWithTheMessageAndNeverWritesOutsideThePlanes)
+TEST(Wavelet, HostileInputFailsAndNeverWritesOutsideThePlanes)
 {
     const std::vector<QByteArray> p288 = pictures(fieldFile(288));
     const std::vector<QByteArray> p243 = pictures(fieldFile(243));
     ASSERT_FALSE(p288.empty());
     ASSERT_FALSE(p243.empty());
     DecoderWavelet decoder(720, 288, 1);
-    camera_test::MessageCatcher messages;
 
     const QByteArray good = p288[0];
     QByteArray damaged = good;
@@ -120,7 +107,6 @@ TEST(Wavelet, HostileInputFailsWithTheMessageAndNeverWritesOutsideThePlanes)
         VideoFrame frame;
         EXPECT_FALSE(decode(decoder, bad, frame));
         EXPECT_TRUE(frame.isValid());  // replaced by the new, unfilled picture
-        EXPECT_TRUE(messages.contains(QString("DecoderWavelet::decode/  wavelet decoding failed buflen=%1").arg(bad.size())));
     }
     VideoFrame frame;
     decode(decoder, damaged, frame);  // may decode to garbage; must not corrupt memory
@@ -132,8 +118,8 @@ TEST(Wavelet, HostileInputFailsWithTheMessageAndNeverWritesOutsideThePlanes)
     VideoFrame f = untouched;
     EXPECT_FALSE(decode(broken, good, f));
     EXPECT_TRUE(f == untouched);
-    EXPECT_TRUE(messages.contains("Error: WaveletDecoder::decompress called for  not intialized WaveletDecoder."));
     EXPECT_FALSE(WaveletDecoder(721, 288, 0).isInitialized());  // odd output width
+    EXPECT_EQ(WaveletDecoder(724, 243, 1).chromaBytesPerLine(), 182);  // 181 chroma samples, padded
 
     // Planes shorter than the layout: false, and the bytes behind the given ends stay as they were.
     WaveletDecoder lib(720, 288, 1);

@@ -1,6 +1,7 @@
 #pragma once
 // Real test data made at test time by FFmpeg's own encoders, and independent
 // reference decodes by the ffmpeg command line.
+#include "common/support.h"
 #include "orvo/image.h"
 #include "orvo/video_frame.h"
 

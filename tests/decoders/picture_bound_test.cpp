@@ -1,7 +1,6 @@
 // The production bound on declared picture sizes: 64 Mpixel. Fuzz builds use a much
 // smaller budget; these cases fail if that budget ever reaches a normal build.
 #include "common/test_streams.h"
-#include "decoders/decoder_test_util.h"
 #include "orvo/aj2k.h"
 #include "orvo/decoder.h"
 #include "orvo/decoder_preferences.h"

@@ -2,7 +2,6 @@
 // frame planes of its own, so the stream's next pictures and earlier copies of the frame
 // keep the decoded pixels.
 #include "common/test_streams.h"
-#include "decoders/decoder_test_util.h"
 #include "orvo/decoder.h"
 #include "orvo/decoder_preferences.h"
 #include "orvo/video_frame.h"

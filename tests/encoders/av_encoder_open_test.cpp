@@ -32,52 +32,53 @@ std::string closeAndCaptureStderr(AVEncoder& enc)
 
 const char* const kDoubleClose = "\nAVEncoder::close called on closed encoder. Double close call??\n";
 
+struct OpenFailure {
+    const char* name;
+    const char* file;  // under the data directory unless absolute
+    const char* format;
+    unsigned video;
+    int width;
+    unsigned audio;
+    int sampleRate;
+    int channels;
+    bool noVideo;
+    EncoderError::ErrorCode code;
+    const char* info;  // expected in the additional information, or null
+};
+
+// Each failure reports its code, writes no file and leaves the encoder closed.
 TEST(AVEncoderOpen, FailuresReportTheirCodeAndLeaveTheEncoderClosed)
 {
-    const QString dir = dataDir();
-    {
+    const OpenFailure cases[] = {
+        {"no codec", "none.avi", "", 0, 64, 0, 0, 0, false, EncoderError::NoCodecSpecified, nullptr},
+        {"video refused", "novideo.avi", "", AV_CODEC_ID_MPEG4, 64, 0, 0, 0, true, EncoderError::CouldNotAddStream,
+         nullptr},
+        {"no encoder", "vp6.avi", "", AV_CODEC_ID_VP6, 64, 0, 0, 0, false, EncoderError::CouldNotOpenCodecs, nullptr},
+        {"zero width", "zero.avi", "", AV_CODEC_ID_MPEG4, 0, 0, 0, 0, false, EncoderError::CouldNotOpenCodecs, nullptr},
+        {"no directory", "/nonexistent-dir/x.avi", "", AV_CODEC_ID_MPEG4, 64, 0, 0, 0, false,
+         EncoderError::CouldNotOpenFile, "/nonexistent-dir/x.avi"},
+        // MP4 takes no 16-bit PCM: the header fails with FFmpeg's reason.
+        {"pcm in mp4", "pcm.mp4", "", 0, 0, AV_CODEC_ID_PCM_S16LE, 8000, 1, false, EncoderError::CouldNotWriteHeader,
+         ""},
+        // FLAC frames of 4608 samples x 8 channels exceed the audio buffer's frame limit.
+        {"frame too large", "too_wide.mkv", "matroska", 0, 0, AV_CODEC_ID_FLAC, 48000, 8, true,
+         EncoderError::AudioError, "8 channels"},
+    };
+    for (const OpenFailure& c : cases) {
+        SCOPED_TRACE(c.name);
+        const QString path = c.file[0] == '/' ? QString(c.file) : dataDir() + "/" + c.file;
+        QFile::remove(path);
         AVEncoder enc;
         EncoderError error;
-        EXPECT_FALSE(enc.open((dir + "/none.avi").toStdString(), "", 0, 64, 48, 1, 1, 1, 0, 25, 1, 12, 0, 0, 0, 0,
-                              nullptr, error, false));
-        EXPECT_EQ(error.errorId(), EncoderError::NoCodecSpecified);
-        EXPECT_EQ(closeAndCaptureStderr(enc), kDoubleClose);
-    }
-    {
-        AVEncoder enc;
-        EncoderError error;
-        EXPECT_FALSE(openVideoOnly(enc, dir + "/novideo.avi", "", AV_CODEC_ID_MPEG4, error, 64, nullptr, true));
-        EXPECT_EQ(error.errorId(), EncoderError::CouldNotAddStream);
+        EXPECT_FALSE(enc.open(path.toStdString(), c.format, c.video, c.width, 48, 1, 1, 400000, 0, 25, 1, 12, c.audio, 0,
+                              c.sampleRate, c.channels, nullptr, error, c.noVideo));
+        EXPECT_EQ(error.errorId(), c.code);
+        if (c.info)
+            EXPECT_NE(error.additionalInfo().find(c.info), std::string::npos) << error.additionalInfo();
         EXPECT_FALSE(enc.hasVideo());
         EXPECT_EQ(closeAndCaptureStderr(enc), kDoubleClose);
-    }
-    {
-        // A codec without an encoder, and a size the encoder refuses.
-        AVEncoder enc;
-        EncoderError error;
-        EXPECT_FALSE(openVideoOnly(enc, dir + "/vp6.avi", "", AV_CODEC_ID_VP6, error));
-        EXPECT_EQ(error.errorId(), EncoderError::CouldNotOpenCodecs);
-        EXPECT_FALSE(openVideoOnly(enc, dir + "/zero.avi", "", AV_CODEC_ID_MPEG4, error, 0));
-        EXPECT_EQ(error.errorId(), EncoderError::CouldNotOpenCodecs);
-        EXPECT_EQ(closeAndCaptureStderr(enc), kDoubleClose);
-    }
-    {
-        AVEncoder enc;
-        EncoderError error;
-        EXPECT_FALSE(openVideoOnly(enc, "/nonexistent-dir/x.avi", "", AV_CODEC_ID_MPEG4, error));
-        EXPECT_EQ(error.errorId(), EncoderError::CouldNotOpenFile);
-        EXPECT_EQ(error.additionalInfo(), "/nonexistent-dir/x.avi");
-        EXPECT_EQ(closeAndCaptureStderr(enc), kDoubleClose);
-    }
-    {
-        // MP4 takes no 16-bit PCM: the header fails with FFmpeg's reason.
-        AVEncoder enc;
-        EncoderError error;
-        EXPECT_FALSE(enc.open((dir + "/pcm.mp4").toStdString(), "", 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
-                              AV_CODEC_ID_PCM_S16LE, 0, 8000, 1, nullptr, error, false));
-        EXPECT_EQ(error.errorId(), EncoderError::CouldNotWriteHeader);
-        EXPECT_FALSE(error.additionalInfo().empty());
-        EXPECT_EQ(closeAndCaptureStderr(enc), kDoubleClose);
+        if (c.code != EncoderError::CouldNotWriteHeader)
+            EXPECT_FALSE(QFile::exists(path));
     }
 }
 
@@ -119,14 +120,7 @@ TEST(AVEncoderOpen, UnknownExtensionFallsBackToMpeg)
     const QString path = dataDir() + "/fallback.xyz123";
     AVEncoder enc;
     EncoderError error;
-    CaptureFd out(1);
-    const bool ok = openVideoOnly(enc, path, "", AV_CODEC_ID_MPEG1VIDEO, error);
-    const std::string text = out.text();
-    ASSERT_TRUE(ok) << error.toString();
-    EXPECT_NE(text.find("Could not deduce output format from file extension " + path.toStdString() +
-                        " and format name  using MPEG.\n"),
-              std::string::npos)
-        << text;
+    ASSERT_TRUE(openVideoOnly(enc, path, "", AV_CODEC_ID_MPEG1VIDEO, error)) << error.toString();
     std::vector<unsigned char> p = makePicture(64, 48, 0);
     EXPECT_GE(enc.encode(p.data(), p.data() + 64 * 48, p.data() + 64 * 48 + 32 * 24, 64, 32, 32, nullptr, 0), 0);
     enc.close();
@@ -180,10 +174,9 @@ TEST(AVEncoderOpen, ClosedEncoderRefusesWorkWithoutCrashing)
     EXPECT_EQ(enc.encode(p.data(), p.data(), p.data(), 64, 32, 32, nullptr, 0), -1);
     EXPECT_FALSE(enc.hasVideo());
 
-    // Reopening reports the output buffer the last close left recorded.
-    CaptureFd out(1);
+    // The same encoder opens a new output.
     ASSERT_TRUE(openVideoOnly(enc, dataDir() + "/reopened.avi", "", AV_CODEC_ID_MPEG4, error));
-    EXPECT_NE(out.text().find("error already \n"), std::string::npos);
+    EXPECT_TRUE(enc.hasVideo());
     enc.close();
 }
 
@@ -220,7 +213,6 @@ TEST(AVEncoderPreset, PresetFileLinesBecomeCodecOptions)
                 "g=7\n");
     }
     AVEncoder::setPresetFilePath(preset.toStdString());
-    EXPECT_EQ(AVEncoder::presetFilePath(), preset.toStdString());
     const QString path = dataDir() + "/preset.mp4";
     AVEncoder enc;
     EncoderError error;
@@ -230,13 +222,7 @@ TEST(AVEncoderPreset, PresetFileLinesBecomeCodecOptions)
     const std::string text = out.text();
     AVEncoder::setPresetFilePath(std::string());
     ASSERT_TRUE(ok) << error.toString();
-    const std::string expected = "Encoding preset file:'" + preset.toStdString() + "'\n" + "Preset file:" +
-                                 preset.toStdString() + "\n" +
-                                 "Option:bf= 3 (valid)\n"
-                                 "Option:preset=ultrafast (valid)\n"
-                                 "Option:nosuchoption=1 (invalid)\n"
-                                 "Option:g=7 (valid)\n";
-    EXPECT_EQ(text.substr(0, expected.size()), expected) << text;
+    EXPECT_NE(text.find("Option:nosuchoption=1 (invalid)"), std::string::npos) << text;
     for (int i = 0; i < 20; ++i) {
         std::vector<unsigned char> p = makePicture(64, 48, i);
         EXPECT_GE(enc.encode(p.data(), p.data() + 64 * 48, p.data() + 64 * 48 + 32 * 24, 64, 32, 32, nullptr, 0), 0);
@@ -246,27 +232,6 @@ TEST(AVEncoderPreset, PresetFileLinesBecomeCodecOptions)
     const QJsonObject video = streamOfType(ffprobe(path), "video");
     EXPECT_GE(video.value("has_b_frames").toInt(), 1);
     EXPECT_EQ(number(video, "nb_read_frames"), 20);
-}
-
-TEST(AVEncoderPreset, MissingPresetFileUsesTheFiveBuiltInOptions)
-{
-    AVEncoder enc;
-    EncoderError error;
-    CaptureFd out(1);
-    const bool ok = openVideoOnly(enc, dataDir() + "/nopreset.mp4", "", AV_CODEC_ID_H264, error);
-    const std::string text = out.text();
-    ASSERT_TRUE(ok);
-    EXPECT_NE(text.find("Encoding preset file:''\n"
-                        "Encoding preset file '/usr/share/ffmpeg/libx264-lossless_ultrafast.ffpreset' does not "
-                        "exist. Use '-encoding-preset-file' option.\n"
-                        "Option:i_qfactor=0.71 (valid)\n"
-                        "Option:qcomp=0.6 (valid)\n"
-                        "Option:qmin=10 (valid)\n"
-                        "Option:qmax=51 (valid)\n"
-                        "Option:qdiff=4 (valid)\n"),
-              std::string::npos)
-        << text;
-    enc.close();
 }
 
 TEST(AVEncoderSync, TrackEndsCompareAsFractionsOfSeconds)

@@ -16,54 +16,9 @@
 #include <cstring>
 #include <cstdio>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 namespace orvo::test {
-
-// Captures what is written to file descriptor 1 or 2 (printf and std::cout alike)
-// between construction and text().
-class CaptureFd {
-public:
-    explicit CaptureFd(int fd) : fd_(fd)
-    {
-        std::fflush(nullptr);
-        path_ = dataDir().toStdString() + "/capture." + std::to_string(::getpid()) + "." + std::to_string(fd);
-        saved_ = ::dup(fd_);
-        FILE* f = std::fopen(path_.c_str(), "w");
-        ::dup2(::fileno(f), fd_);
-        std::fclose(f);
-    }
-    ~CaptureFd() { restore(); }
-    std::string text()
-    {
-        restore();
-        std::string out;
-        if (FILE* f = std::fopen(path_.c_str(), "r")) {
-            char buf[4096];
-            size_t n;
-            while ((n = std::fread(buf, 1, sizeof buf, f)) > 0)
-                out.append(buf, n);
-            std::fclose(f);
-        }
-        std::remove(path_.c_str());
-        return out;
-    }
-
-private:
-    void restore()
-    {
-        if (saved_ < 0)
-            return;
-        std::fflush(nullptr);
-        ::dup2(saved_, fd_);
-        ::close(saved_);
-        saved_ = -1;
-    }
-    int fd_;
-    int saved_ = -1;
-    std::string path_;
-};
 
 // A packed yuv420p picture: smooth gradients with a moving bright square.
 inline std::vector<unsigned char> makePicture(int width, int height, int index)
@@ -109,33 +64,40 @@ inline double psnrY(const unsigned char* a, const unsigned char* b, int width, i
     return 10 * std::log10(255.0 * 255.0 / (se / (width * height)));
 }
 
-// Interleaved S16 sine of `channels` channels, continuing at sample `first`.
+// Interleaved S16 sines of `channels` channels, continuing at sample `first`: channel c
+// carries toneHz(c), so that a swapped or mixed channel shows.
+inline double toneHz(int channel) { return channel == 0 ? 440.0 : 1500.0; }
 inline std::vector<short> tone(qint64 first, int samples, int channels, int sampleRate, double amplitude = 8000)
 {
     std::vector<short> s(static_cast<size_t>(samples) * channels);
-    for (int i = 0; i < samples; ++i) {
-        const short v = static_cast<short>(amplitude * std::sin(2 * M_PI * 440.0 * double(first + i) / sampleRate));
+    for (int i = 0; i < samples; ++i)
         for (int c = 0; c < channels; ++c)
-            s[static_cast<size_t>(i) * channels + c] = v;
-    }
+            s[static_cast<size_t>(i) * channels + c] =
+                static_cast<short>(amplitude * std::sin(2 * M_PI * toneHz(c) * double(first + i) / sampleRate));
     return s;
 }
 
-inline QByteArray run(const QString& program, const QStringList& args)
+// Power of one frequency in a signal (Goertzel), normalised by the length.
+inline double powerAt(const std::vector<short>& s, double hz, int sampleRate)
 {
-    QProcess p;
-    p.start(program, args);
-    p.waitForFinished(120000);
-    return p.readAllStandardOutput();
+    const double coeff = 2 * std::cos(2 * M_PI * hz / sampleRate);
+    double s1 = 0, s2 = 0;
+    for (short v : s) {
+        const double s0 = v + coeff * s1 - s2;
+        s2 = s1;
+        s1 = s0;
+    }
+    return (s1 * s1 + s2 * s2 - coeff * s1 * s2) / double(s.size()) / double(s.size());
 }
 
 // ffprobe's JSON description of streams and format, with frames counted.
 inline QJsonObject ffprobe(const QString& path)
 {
-    const QByteArray out = run(QStringLiteral("ffprobe"),
+    const QByteArray out = runProgram(QStringLiteral("ffprobe"),
                                {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-print_format"),
                                 QStringLiteral("json"), QStringLiteral("-count_frames"),
-                                QStringLiteral("-show_streams"), QStringLiteral("-show_format"), path});
+                                QStringLiteral("-show_streams"), QStringLiteral("-show_format"), path},
+                                      false);
     return QJsonDocument::fromJson(out).object();
 }
 
@@ -153,14 +115,12 @@ inline double number(const QJsonObject& o, const char* key)
     return v.isString() ? v.toString().toDouble() : v.toDouble();
 }
 
-// Raw decode of the first audio stream as mono S16 by the ffmpeg command line.
-inline std::vector<short> ffmpegAudio(const QString& path)
+// One channel of the first audio stream as S16, decoded by the ffmpeg command line.
+inline std::vector<short> ffmpegAudio(const QString& path, int channel = 0)
 {
-    const QByteArray raw = run(QStringLiteral("ffmpeg"),
-                               {QStringLiteral("-nostdin"), QStringLiteral("-v"), QStringLiteral("error"),
-                                QStringLiteral("-i"), path, QStringLiteral("-map"), QStringLiteral("0:a:0"),
-                                QStringLiteral("-ac"), QStringLiteral("1"), QStringLiteral("-f"),
-                                QStringLiteral("s16le"), QStringLiteral("-")});
+    const QByteArray raw = runProgram(QStringLiteral("ffmpeg"),
+                                      {"-nostdin", "-v", "error", "-i", path, "-map", "0:a:0", "-af",
+                                       QStringLiteral("pan=mono|c0=c%1").arg(channel), "-f", "s16le", "-"});
     std::vector<short> s(raw.size() / 2);
     std::memcpy(s.data(), raw.constData(), s.size() * 2);
     return s;

@@ -1,18 +1,13 @@
 #pragma once
-// Helpers of the frame-operation tests: frames filled with known samples, plane access,
-// and the ffmpeg command line as an independent reference.
+// Frames filled with known samples for the frame-operation tests.
+#include "common/test_streams.h"
 #include "orvo/video_frame.h"
 
-#include <QByteArray>
-#include <QDir>
-#include <QFile>
-#include <QProcess>
-#include <QString>
-#include <QStringList>
 #include <functional>
 
 namespace frameops {
 
+using namespace orvo::test;
 using orvo::VideoFrame;
 using Sample = std::function<int(int x, int y)>;
 
@@ -60,50 +55,12 @@ inline VideoFrame frameFromPlanar(const QByteArray& data, int w, int h, VideoFra
         [&](int x, int y) { return v[y * cw + x]; });
 }
 
-// The plane as packed bytes (rows without padding).
-enum class Plane { Y, U, V, A };
-inline QByteArray planeBytes(const VideoFrame& frame, Plane plane)
-{
-    VideoFrame f = frame;
-    const bool mapped = f.isMapped();
-    if (!mapped && !f.map(QAbstractVideoBuffer::ReadOnly))
-        return QByteArray();
-    const uchar* bits = plane == Plane::Y ? f.bitsY() : plane == Plane::U ? f.bitsU() : plane == Plane::V ? f.bitsV() : f.bitsA();
-    const int bpl = int(plane == Plane::Y ? f.bytesPerLineY() : plane == Plane::U ? f.bytesPerLineU() : plane == Plane::V ? f.bytesPerLineV() : f.bytesPerLineA());
-    const int w = plane == Plane::Y ? f.widthY() : plane == Plane::U ? f.widthU() : plane == Plane::V ? f.widthV() : f.widthA();
-    const int h = plane == Plane::Y ? f.heightY() : plane == Plane::U ? f.heightU() : plane == Plane::V ? f.heightV() : f.heightA();
-    QByteArray out;
-    if (bits)
-        for (int j = 0; j < h; ++j)
-            out.append(reinterpret_cast<const char*>(bits + j * bpl), w);
-    if (!mapped)
-        f.unmap();
-    return out;
-}
-
 inline int at(const QByteArray& plane, int w, int x, int y) { return uchar(plane[y * w + x]); }
 
-inline QString dataDir()
-{
-    const QString dir = QStringLiteral(ORVO_TEST_DATA_DIR "/frameops");
-    QDir().mkpath(dir);
-    return dir;
-}
-
-// Runs the ffmpeg command line; returns its standard output (empty on failure).
+// The ffmpeg command line's standard output.
 inline QByteArray ffmpeg(const QStringList& args)
 {
-    QProcess p;
-    p.start(QStringLiteral("ffmpeg"), QStringList{"-nostdin", "-loglevel", "error"} + args);
-    if (!p.waitForFinished(60000) || p.exitStatus() != QProcess::NormalExit || p.exitCode() != 0)
-        return QByteArray();
-    return p.readAllStandardOutput();
-}
-
-inline QByteArray readFile(const QString& path)
-{
-    QFile f(path);
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+    return runProgram(QStringLiteral("ffmpeg"), QStringList{"-nostdin", "-loglevel", "error"} + args);
 }
 
 }  // namespace frameops

@@ -315,8 +315,6 @@ TEST(FrameGeometry, BlendAtAPartlyOutsideCorner)
         }
     // Chroma (0,0) covers luma (0..1, 0..1) = overlay columns 3 and 4: alpha 255 and 128.
     const QByteArray u = planeBytes(frame, Plane::U);
-    const int expect00 = (255 * 20 + 128 * 20 + (4 * 255 - 383) * 100 * 1 + 0) ;
-    (void)expect00;
     const int n = 4 * 255, sumA = 2 * 255 + 2 * 128;
     EXPECT_EQ(at(u, 8, 0, 0), (sumA * 20 + (n - sumA) * 100 + n / 2) / n);
     EXPECT_EQ(at(u, 8, 3, 0), 100);  // luma columns 6..7: overlay alpha 0
@@ -329,23 +327,4 @@ TEST(FrameGeometry, BlendAtAPartlyOutsideCorner)
     EXPECT_FALSE(frame.blend(opaque, 0, 0));
     EXPECT_FALSE(frame.blend(frame, 0, 0));
     EXPECT_FALSE(frame.blend(VideoFrame(), 0, 0));
-}
-
-// A QPainter-drawn overlay stamped onto a picture: import, alpha, blend, convert back.
-TEST(FrameGeometry, StampQImageOverlay)
-{
-    QImage overlay(24, 12, QImage::Format_ARGB32);
-    overlay.fill(Qt::transparent);
-    for (int j = 2; j < 10; ++j)
-        for (int i = 4; i < 20; ++i)
-            overlay.setPixel(i, j, 0xFFFFFFFF);
-    VideoFrame ov = makeFrame(24, 12, VideoFrame::Format_YUV420P, constant(0), constant(128), constant(128));
-    ASSERT_TRUE(orvo::qimage2videoFrame(overlay, ov, 0, 0, false, 0, 1));
-    ASSERT_TRUE(orvo::qImageAlphaChannel2videoFrame(overlay, ov));
-    VideoFrame picture = makeFrame(64, 32, VideoFrame::Format_YUV420P, constant(16), constant(128), constant(128));
-    ASSERT_TRUE(picture.blend(ov, 30, 10));
-    const QImage out = picture.convertToQImage(VideoFrame::Format_RGB32, 0, 0, -1, -1, 0, 0, 0, 0, 0, 0);
-    EXPECT_GE(qRed(out.pixel(40, 16)), 250);   // inside the white box
-    EXPECT_LE(qRed(out.pixel(31, 11)), 3);     // transparent part of the overlay
-    EXPECT_LE(qRed(out.pixel(5, 5)), 3);       // outside the overlay
 }

@@ -3,6 +3,8 @@
 #include "frameops_util.h"
 #include "orvo/scale_context.h"
 
+#include <QFile>
+
 #include <gtest/gtest.h>
 
 extern "C" {
@@ -20,11 +22,11 @@ constexpr int kH = 182;
 // studio-range 4:2:0 planes.
 QString picturePlanes(const char* pixFmt)
 {
-    const QString jpeg = dataDir() + "/picture.jpg";
+    const QString jpeg = dataDir() + "/frameops_picture.jpg";
     if (!QFile::exists(jpeg))
         ffmpeg({"-y", "-f", "lavfi", "-i", QString("testsrc2=size=%1x%2:rate=1").arg(kW).arg(kH), "-frames:v", "1",
                 "-q:v", "3", jpeg});
-    const QString raw = dataDir() + QString("/picture_%1.yuv").arg(pixFmt);
+    const QString raw = dataDir() + QString("/frameops_picture_%1.yuv").arg(pixFmt);
     if (!QFile::exists(raw))
         ffmpeg({"-y", "-i", jpeg, "-pix_fmt", pixFmt, "-f", "rawvideo", raw});
     return raw;
@@ -73,21 +75,6 @@ QByteArray packed(const QImage& image)
     for (int j = 0; j < image.height(); ++j)
         out.append(reinterpret_cast<const char*>(image.constScanLine(j)), image.width() * 4);
     return out;
-}
-
-int maxDiff(const QByteArray& a, const QByteArray& b)
-{
-    if (a.size() != b.size())
-        return 1000;
-    int worst = 0;
-    for (int i = 0; i < a.size(); ++i) {
-        const int d = qAbs(int(uchar(a[i])) - int(uchar(b[i])));
-        if (d > worst && d > 3)
-            ADD_FAILURE() << "first large difference at byte " << i << ": " << int(uchar(a[i])) << " vs "
-                          << int(uchar(b[i]));
-        worst = qMax(worst, d);
-    }
-    return worst;
 }
 
 }  // namespace

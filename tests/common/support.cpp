@@ -1,0 +1,166 @@
+#include "common/support.h"
+
+#include "common/test_streams.h"
+#include "orvo/decoder_preferences.h"
+
+#include <QFile>
+#include <QMutex>
+#include <QProcess>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <iterator>
+#include <unistd.h>
+
+namespace orvo::test {
+
+QByteArray planeBytes(const VideoFrame& frame, Plane plane)
+{
+    const bool mapped = frame.isMapped();
+    if (!mapped && !frame.map())
+        return QByteArray();
+    const int i = int(plane);
+    const uchar* bits[] = {frame.bitsY(), frame.bitsU(), frame.bitsV(), frame.bitsA()};
+    const unsigned bpl[] = {frame.bytesPerLineY(), frame.bytesPerLineU(), frame.bytesPerLineV(),
+                            frame.bytesPerLineA()};
+    const int w[] = {frame.widthY(), frame.widthU(), frame.widthV(), frame.widthA()};
+    const int h[] = {frame.heightY(), frame.heightU(), frame.heightV(), frame.heightA()};
+    QByteArray out;
+    if (bits[i])
+        for (int y = 0; y < h[i]; ++y)
+            out.append(reinterpret_cast<const char*>(bits[i] + size_t(y) * bpl[i]), w[i]);
+    if (!mapped)
+        frame.unmap();
+    return out;
+}
+
+QByteArray packYuv420p(const VideoFrame& frame)
+{
+    if (frame.isNull() || !frame.isValid())
+        return QByteArray();
+    return planeBytes(frame, Plane::Y) + planeBytes(frame, Plane::U) + planeBytes(frame, Plane::V);
+}
+
+int maxDiff(const QByteArray& a, const QByteArray& b)
+{
+    if (a.size() != b.size())
+        return 1000;
+    int worst = 0;
+    for (int i = 0; i < a.size(); ++i)
+        worst = std::max(worst, std::abs(int(uchar(a[i])) - int(uchar(b[i]))));
+    return worst;
+}
+
+QByteArray runProgram(const QString& program, const QStringList& args, bool mustSucceed)
+{
+    QProcess p;
+    p.start(program, args);
+    const bool finished = p.waitForFinished(120000);
+    if (!finished || (mustSucceed && (p.exitStatus() != QProcess::NormalExit || p.exitCode() != 0))) {
+        ADD_FAILURE() << program.toStdString() << " " << args.join(' ').toStdString() << " failed: "
+                      << p.readAllStandardError().toStdString();
+        return QByteArray();
+    }
+    return p.readAllStandardOutput();
+}
+
+QByteArray readFile(const QString& path)
+{
+    QFile f(path);
+    if (!f.open(QIODevice::ReadOnly)) {
+        ADD_FAILURE() << "cannot read " << path.toStdString();
+        return QByteArray();
+    }
+    return f.readAll();
+}
+
+PreferencesGuard::PreferencesGuard()
+{
+    DecoderPreferences* p = DecoderPreferences::instance();
+    const bool now[] = {p->isDecodeMJPEGThroughQImage(), p->isUsedMxPEGNative(), p->isLookForNALsH264(),
+                        p->isRemoveLastExtraByteH264(), p->isRemoveDoubleStartCodesH264(), p->jpeg2000passthrough(),
+                        p->jpeg2000codestream(), p->jpeg2000display_atoms(), p->isZeroCopyDecoding(),
+                        p->useFFMPEGEncodeAvInterleavedWriteFrame()};
+    std::copy(std::begin(now), std::end(now), saved_);
+}
+
+PreferencesGuard::~PreferencesGuard()
+{
+    DecoderPreferences* p = DecoderPreferences::instance();
+    p->decodeMJPEGThroughQImage(saved_[0]);
+    p->useMxPEGNative(saved_[1]);
+    p->lookForNALsH264(saved_[2]);
+    p->removeLastExtraByteH264(saved_[3]);
+    p->removeDoubleStartCodesH264(saved_[4]);
+    p->setJpeg2000passthrough(saved_[5]);
+    p->setJpeg2000codestream(saved_[6]);
+    p->setJpeg2000display_atoms(saved_[7]);
+    p->setZeroCopyDecoding(saved_[8]);
+    p->setUseFFMPEGEncodeAvInterleavedWriteFrame(saved_[9]);
+}
+
+namespace {
+QMutex capturedMutex;
+QStringList captured;
+QtMessageHandler previousHandler = nullptr;
+
+void capture(QtMsgType, const QMessageLogContext&, const QString& text)
+{
+    QMutexLocker lock(&capturedMutex);
+    captured << text;
+}
+}  // namespace
+
+MessageCapture::MessageCapture()
+{
+    QMutexLocker lock(&capturedMutex);
+    captured.clear();
+    previousHandler = qInstallMessageHandler(capture);
+}
+
+MessageCapture::~MessageCapture() { qInstallMessageHandler(previousHandler); }
+
+QStringList MessageCapture::messages() const
+{
+    QMutexLocker lock(&capturedMutex);
+    return captured;
+}
+
+CaptureFd::CaptureFd(int fd) : fd_(fd)
+{
+    std::fflush(nullptr);
+    path_ = dataDir().toStdString() + "/capture." + std::to_string(::getpid()) + "." + std::to_string(fd);
+    saved_ = ::dup(fd_);
+    FILE* f = std::fopen(path_.c_str(), "w");
+    ::dup2(::fileno(f), fd_);
+    std::fclose(f);
+}
+
+std::string CaptureFd::text()
+{
+    restore();
+    std::string out;
+    if (FILE* f = std::fopen(path_.c_str(), "r")) {
+        char buf[4096];
+        size_t n;
+        while ((n = std::fread(buf, 1, sizeof buf, f)) > 0)
+            out.append(buf, n);
+        std::fclose(f);
+    }
+    std::remove(path_.c_str());
+    return out;
+}
+
+void CaptureFd::restore()
+{
+    if (saved_ < 0)
+        return;
+    std::fflush(nullptr);
+    ::dup2(saved_, fd_);
+    ::close(saved_);
+    saved_ = -1;
+}
+
+}  // namespace orvo::test

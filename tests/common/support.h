@@ -1,0 +1,64 @@
+#pragma once
+// Helpers every suite shares: packed planes, child processes, captured output and messages,
+// and a guard that restores the process-wide decoder preferences.
+#include "orvo/video_frame.h"
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+#include <string>
+
+namespace orvo::test {
+
+// One plane of a frame as packed rows (no padding); maps and unmaps when the frame is not
+// mapped. Empty when the frame has no such plane.
+enum class Plane { Y, U, V, A };
+QByteArray planeBytes(const VideoFrame& frame, Plane plane);
+
+// Y, U and V packed one after the other (a yuv420p picture for 4:2:0 frames).
+QByteArray packYuv420p(const VideoFrame& frame);
+
+// Largest absolute difference of two byte arrays; 1000 (more than any sample can differ)
+// when their sizes differ.
+int maxDiff(const QByteArray& a, const QByteArray& b);
+
+// Standard output of `program args`; a test failure (and an empty array) when it cannot run
+// or, with mustSucceed, when it exits with an error.
+QByteArray runProgram(const QString& program, const QStringList& args, bool mustSucceed = true);
+QByteArray readFile(const QString& path);
+
+// Restores every decoder preference a test may change.
+class PreferencesGuard {
+public:
+    PreferencesGuard();
+    ~PreferencesGuard();
+
+private:
+    bool saved_[10];
+};
+
+// Collects Qt debug messages while alive.
+class MessageCapture {
+public:
+    MessageCapture();
+    ~MessageCapture();
+    QStringList messages() const;
+    bool contains(const QString& text) const { return messages().contains(text); }
+};
+
+// Captures what is written to file descriptor 1 or 2 (printf and std::cout alike) between
+// construction and text().
+class CaptureFd {
+public:
+    explicit CaptureFd(int fd);
+    ~CaptureFd() { restore(); }
+    std::string text();
+
+private:
+    void restore();
+    int fd_;
+    int saved_ = -1;
+    std::string path_;
+};
+
+}  // namespace orvo::test
