@@ -20,6 +20,8 @@ ConcurrentDecoder::~ConcurrentDecoder()
     }
 }
 
+// The one place that knows the interface of this handle is a ConcurrentDecoderImpl (the
+// constructors make it so); every forwarder goes through it.
 ConcurrentDecoderImpl* ConcurrentDecoder::getImplementation() const
 {
     return static_cast<ConcurrentDecoderImpl*>(getInterface());
@@ -27,91 +29,91 @@ ConcurrentDecoderImpl* ConcurrentDecoder::getImplementation() const
 
 int ConcurrentDecoder::inputQueueMaxSize()
 {
-    const auto impl = qSharedPointerObjectCast<ConcurrentDecoderImpl>(qSharedPointerInterface());
+    ConcurrentDecoderImpl* const impl = getImplementation();
     return impl ? impl->inputQueueMaxSize() : 0;
 }
 
 void ConcurrentDecoder::setInputQueueMaxSize(int size)
 {
-    if (const auto impl = qSharedPointerObjectCast<ConcurrentDecoderImpl>(qSharedPointerInterface()))
+    if (ConcurrentDecoderImpl* const impl = getImplementation())
         impl->setInputQueueMaxSize(size);
 }
 
 void ConcurrentDecoder::clearInputQueueOnIFrames()
 {
-    if (const auto impl = qSharedPointerObjectCast<ConcurrentDecoderImpl>(qSharedPointerInterface()))
+    if (ConcurrentDecoderImpl* const impl = getImplementation())
         impl->setClearInputQueueOnIFrames(true);
 }
 
 void ConcurrentDecoder::keepInputQueueOnIFrames()
 {
-    if (const auto impl = qSharedPointerObjectCast<ConcurrentDecoderImpl>(qSharedPointerInterface()))
+    if (ConcurrentDecoderImpl* const impl = getImplementation())
         impl->setClearInputQueueOnIFrames(false);
 }
 
 bool ConcurrentDecoder::isInputQueueClearedOnIFrames()
 {
-    const auto impl = qSharedPointerObjectCast<ConcurrentDecoderImpl>(qSharedPointerInterface());
+    ConcurrentDecoderImpl* const impl = getImplementation();
     return impl && impl->isInputQueueClearedOnIFrames();
 }
 
 void ConcurrentDecoder::useSingleThreadedMode()
 {
-    if (const auto impl = qSharedPointerObjectCast<ConcurrentDecoderImpl>(qSharedPointerInterface()))
+    if (ConcurrentDecoderImpl* const impl = getImplementation())
         impl->setSingleThreadedMode(true);
 }
 
 void ConcurrentDecoder::useMultiThreadedMode()
 {
-    if (const auto impl = qSharedPointerObjectCast<ConcurrentDecoderImpl>(qSharedPointerInterface()))
+    if (ConcurrentDecoderImpl* const impl = getImplementation())
         impl->setSingleThreadedMode(false);
 }
 
 bool ConcurrentDecoder::isSingleThreadedMode()
 {
-    const auto impl = qSharedPointerObjectCast<ConcurrentDecoderImpl>(qSharedPointerInterface());
+    ConcurrentDecoderImpl* const impl = getImplementation();
     return impl && impl->isSingleThreadedMode();
 }
 
 void ConcurrentDecoder::setWaveletScaleLevel(int level)
 {
-    if (const auto impl = qSharedPointerObjectCast<ConcurrentDecoderImpl>(qSharedPointerInterface()))
+    if (ConcurrentDecoderImpl* const impl = getImplementation())
         impl->setScaleLevel(level);
 }
 
 int ConcurrentDecoder::waveletScaleLevel()
 {
-    const auto impl = qSharedPointerObjectCast<ConcurrentDecoderImpl>(qSharedPointerInterface());
+    ConcurrentDecoderImpl* const impl = getImplementation();
     return impl ? impl->scaleLevel() : 0;
 }
 
 void ConcurrentDecoder::setDecodeIFramesOnly(bool on)
 {
-    if (const auto impl = qSharedPointerObjectCast<ConcurrentDecoderImpl>(qSharedPointerInterface()))
+    if (ConcurrentDecoderImpl* const impl = getImplementation())
         impl->setDecodeIFramesOnly(on);
 }
 
 bool ConcurrentDecoder::isDecodeIFramesOnly()
 {
-    const auto impl = qSharedPointerObjectCast<ConcurrentDecoderImpl>(qSharedPointerInterface());
+    ConcurrentDecoderImpl* const impl = getImplementation();
     return impl && impl->isDecodeIFramesOnly();
 }
 
 quint64 ConcurrentDecoder::droppedImages()
 {
-    const auto impl = qSharedPointerObjectCast<ConcurrentDecoderImpl>(qSharedPointerInterface());
+    ConcurrentDecoderImpl* const impl = getImplementation();
     return impl ? impl->droppedImages() : 0;
 }
 
 int ConcurrentDecoder::drain()
 {
-    const auto impl = qSharedPointerObjectCast<ConcurrentDecoderImpl>(qSharedPointerInterface());
+    ConcurrentDecoderImpl* const impl = getImplementation();
     return impl ? impl->drain() : 0;
 }
 
 quint64 ConcurrentDecoder::decodedFrames()
 {
-    const auto impl = qSharedPointerObjectCast<ConcurrentDecoderImpl>(qSharedPointerInterface());
+    ConcurrentDecoderImpl* const impl = getImplementation();
     return impl ? impl->decodedFrames() : 0;
 }
 
@@ -124,7 +126,8 @@ OrderedConcurrentDecoder::~OrderedConcurrentDecoder() = default;
 
 quint64 OrderedConcurrentDecoder::generateNextFrameId()
 {
-    const auto impl = qSharedPointerObjectCast<OrderedConcurrentDecoderImpl>(qSharedPointerInterface());
+    // The ordered handle is always made over the ordered implementation.
+    auto* const impl = static_cast<OrderedConcurrentDecoderImpl*>(getImplementation());
     return impl ? impl->generateNextFrameId() : 0;
 }
 

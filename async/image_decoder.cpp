@@ -1,11 +1,11 @@
 #include "async/image_decoder.h"
 
+#include "decoders/exception_error_code.h"
 #include "orvo/log.h"
 
 #include <QThread>
 #include <QtConcurrent/QtConcurrentRun>
 #include <cstdio>
-#include <new>
 
 namespace orvo {
 
@@ -95,20 +95,19 @@ VideoFrame ImageDecoder::decode(const Image& image, QSharedPointer<AbstractDecod
     try {
         r = decodeInto(image, frame, scale);
         code = (r || pending_) ? 0 : 1;
-    } catch (const std::bad_alloc&) {
-        oprint(LogStream::StandardOutput,
-               "std::bad_alloc caught, decoding failed for channel=%u frame timestamp=%lld probably due to "
-               "insuficient memory.\n",
-               unsigned(image.channel()), static_cast<long long>(image.time()));
-        r = false;
-        code = 3;
     } catch (...) {
-        oprint(LogStream::StandardOutput,
-               "unknown exception caught, decoding failed for channel =%u frame timestamp=%lld probably due "
-               "to insuficient memory.\n",
-               unsigned(image.channel()), static_cast<long long>(image.time()));
+        code = currentExceptionErrorCode();
         r = false;
-        code = 4;
+        if (code == kErrorOutOfMemory)
+            oprint(LogStream::StandardOutput,
+                   "std::bad_alloc caught, decoding failed for channel=%u frame timestamp=%lld probably due to "
+                   "insuficient memory.\n",
+                   unsigned(image.channel()), static_cast<long long>(image.time()));
+        else
+            oprint(LogStream::StandardOutput,
+                   "unknown exception caught, decoding failed for channel =%u frame timestamp=%lld probably due "
+                   "to insuficient memory.\n",
+                   unsigned(image.channel()), static_cast<long long>(image.time()));
     }
     if (ok)
         *ok = r;
@@ -168,10 +167,8 @@ VideoFrame ImageDecoder::drainAll(QSharedPointer<AbstractDecoder> keep)
             drained_.append(frame);
             frame = VideoFrame();
         }
-    } catch (const std::bad_alloc&) {
-        code = 3;
     } catch (...) {
-        code = 4;
+        code = currentExceptionErrorCode();
     }
     result_ = VideoFrame();
     keep.reset();

@@ -1,3 +1,4 @@
+#include "decoders/exception_error_code.h"
 #include "orvo/single_threaded_decoder.h"
 
 #include <new>
@@ -17,10 +18,8 @@ int SingleThreadedDecoderImpl::decode(const Image& image)
         result = decoder_.decodeImage(image, frame);
         if (result == Decoder::ImageResult::Failed)
             code = 1;
-    } catch (const std::bad_alloc&) {
-        code = 3;
     } catch (...) {
-        code = 4;
+        code = currentExceptionErrorCode();
     }
     if (code != 0) {
         decodingError(DecoderError(code, image.id()));
