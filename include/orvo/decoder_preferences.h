@@ -51,11 +51,13 @@ public:
     void setBadCastFrom(int v) { badCastFrom_.set(v); }
 
     // Zero-copy decoding: frames of yuv420p pictures wrap FFmpeg's own reference-counted
-    // buffers instead of copying them (bytes per line are then FFmpeg's). Their planes are
-    // read-only underneath (the decoder may still predict later pictures from them): the
-    // first write into such a frame gives it planes of its own (copy on write, see
-    // video_frame.h). They stay valid after the decoder is gone. Read at every image. Off by
-    // default until the benchmarks show it pays for every client.
+    // buffers instead of copying them (bytes per line are then FFmpeg's, as every frame
+    // reports them). Their planes are read-only underneath (the decoder may still predict
+    // later pictures from them): the first write into such a frame gives it planes of its
+    // own (copy on write, see video_frame.h). They stay valid after the decoder is gone.
+    // Read at every image. On by default: the copy was the largest cost per picture
+    // that FFmpeg itself does not have (bench_multistream, bench_decode). A client that
+    // keeps many frames alive keeps as many of the decoder's buffers.
     bool isZeroCopyDecoding() const { return zeroCopyDecoding_.get(); }
     void setZeroCopyDecoding(bool on) { zeroCopyDecoding_.set(on); }
 
@@ -99,7 +101,7 @@ private:
     Relaxed<bool> imvCheckImage_{false};
     Relaxed<bool> panningDowngradesResolution_{true};
     Relaxed<int> badCastFrom_{0};
-    Relaxed<bool> zeroCopyDecoding_{false};
+    Relaxed<bool> zeroCopyDecoding_{true};
 };
 
 }  // namespace orvo
