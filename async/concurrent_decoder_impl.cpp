@@ -10,6 +10,8 @@
 #include <QThreadPool>
 #include <QTimer>
 #include <QtConcurrent/QtConcurrentRun>
+#include <deque>
+#include <mutex>
 
 namespace orvo {
 
@@ -26,6 +28,12 @@ int poolMaxThreads()
 // which outlives its jobs (its destructor waits for them).
 class ConcurrentDecoderImpl::Relay final : public JobRelay {
 public:
+    struct Result {
+        quint64 epoch = 0, serial = 0, imageId = 0;
+        VideoFrame frame;
+        quint32 errorCode = 0;
+    };
+
     explicit Relay(ConcurrentDecoderImpl* owner) : owner_(owner) {}
 
     bool takeNext(quint64 epoch, Image& image, quint64& serial, int& scale) override
@@ -38,11 +46,26 @@ public:
 
     void relay(quint64 epoch, quint64 serial, quint64 imageId, const VideoFrame& frame, quint32 errorCode) override
     {
-        // Queued to the owner thread; dropped by Qt if the decoder is gone by then.
-        ConcurrentDecoderImpl* owner = owner_;
-        QMetaObject::invokeMethod(
-            owner, [owner, epoch, serial, imageId, frame, errorCode] { owner->relayed(epoch, serial, imageId, frame, errorCode); },
-            Qt::QueuedConnection);
+        {
+            // Handed over under a standard mutex, which race checkers follow (Qt's event
+            // queue locks inside Qt, where they cannot see).
+            const std::lock_guard<std::mutex> lock(mutex_);
+            results_.push_back({epoch, serial, imageId, frame, errorCode});
+        }
+        // A wake-up for the owner thread, dropped by Qt if the decoder is gone by then. By
+        // name, so that the event is made and freed inside Qt, with nothing of ours in it.
+        QMetaObject::invokeMethod(owner_, "takeRelayed", Qt::QueuedConnection);
+    }
+
+    // Owner thread: the oldest relayed result, in the order the job relayed them.
+    bool take(Result& result)
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (results_.empty())
+            return false;
+        result = std::move(results_.front());
+        results_.pop_front();
+        return true;
     }
 
     // Owner thread: running jobs stop going on, and their relayed results are dropped.
@@ -52,6 +75,8 @@ public:
 private:
     ConcurrentDecoderImpl* const owner_;
     std::atomic<quint64> epoch_{1};
+    std::mutex mutex_;
+    std::deque<Result> results_;
 };
 
 // --- ConcurrentDecoderImpl ---------------------------------------------------------------
@@ -373,18 +398,21 @@ void ConcurrentDecoderImpl::emitResult(quint64 imageId, const VideoFrame& frame,
     imageDone(imageId, frame);
 }
 
-void ConcurrentDecoderImpl::relayed(quint64 epoch, quint64 serial, quint64 imageId, const VideoFrame& frame,
-                                    quint32 errorCode)
+void ConcurrentDecoderImpl::takeRelayed()
 {
-    DecodingSlot* slot = lastSlot();
-    if (epoch != relay_->epoch() || !slot || slot->cancelled)
-        return;  // the job was cancelled: its results are not shown
     // A frameDecoded handler may destroy the handle that owns this object.
     const QSharedPointer<ConcurrentDecoderImpl> guard = weakSelf_.toStrongRef();
-    // The job's next image is running now: it leaves the backlog before anyone looks.
-    advanceBacklog(slot, serial);
-    if (!backlog_->wasRemoved(serial))
-        emitResult(imageId, frame, errorCode);
+    Relay::Result r;
+    while (relay_->take(r)) {
+        DecodingSlot* slot = lastSlot();
+        if (r.epoch != relay_->epoch() || !slot || slot->cancelled)
+            continue;  // the job was cancelled: its results are not shown
+        // The job's next image is running now: it leaves the backlog before anyone looks.
+        advanceBacklog(slot, r.serial);
+        // A handler that destroys the handle cancels the job: later results are dropped above.
+        if (!backlog_->wasRemoved(r.serial))
+            emitResult(r.imageId, r.frame, r.errorCode);
+    }
 }
 
 void ConcurrentDecoderImpl::advanceBacklog(DecodingSlot* slot, quint64 doneSerial)

@@ -1,6 +1,5 @@
 #include "async/stream_backlog.h"
 
-#include <QMutexLocker>
 #include <algorithm>
 
 namespace orvo {
@@ -11,7 +10,7 @@ bool isDrainRequest(const Image& image) { return image.payloadSize() == 0; }
 
 quint64 StreamBacklog::append(const Image& image)
 {
-    QMutexLocker lock(&mutex_);
+    const std::lock_guard<std::mutex> lock(mutex_);
     const quint64 serial = nextSerial_++;
     entries_.append({image, serial, false});
     return serial;
@@ -19,25 +18,25 @@ quint64 StreamBacklog::append(const Image& image)
 
 int StreamBacklog::size() const
 {
-    QMutexLocker lock(&mutex_);
+    const std::lock_guard<std::mutex> lock(mutex_);
     return entries_.size();
 }
 
 Image StreamBacklog::first() const
 {
-    QMutexLocker lock(&mutex_);
+    const std::lock_guard<std::mutex> lock(mutex_);
     return entries_.isEmpty() ? Image() : entries_.first().image;
 }
 
 Image StreamBacklog::last() const
 {
-    QMutexLocker lock(&mutex_);
+    const std::lock_guard<std::mutex> lock(mutex_);
     return entries_.isEmpty() ? Image() : entries_.last().image;
 }
 
 bool StreamBacklog::takeFirst(Image& image, quint64& serial)
 {
-    QMutexLocker lock(&mutex_);
+    const std::lock_guard<std::mutex> lock(mutex_);
     if (entries_.isEmpty())
         return false;
     const Entry entry = entries_.takeFirst();
@@ -48,7 +47,7 @@ bool StreamBacklog::takeFirst(Image& image, quint64& serial)
 
 void StreamBacklog::clear(int& dropped)
 {
-    QMutexLocker lock(&mutex_);
+    const std::lock_guard<std::mutex> lock(mutex_);
     dropped = 0;
     for (const Entry& entry : qAsConst(entries_)) {
         dropped += isDrainRequest(entry.image) ? 0 : 1;
@@ -60,7 +59,7 @@ void StreamBacklog::clear(int& dropped)
 
 void StreamBacklog::removeTaken(Serials& removed)
 {
-    QMutexLocker lock(&mutex_);
+    const std::lock_guard<std::mutex> lock(mutex_);
     removed.clear();
     for (int i = 0; i < entries_.size();) {
         if (entries_.at(i).taken) {
@@ -76,7 +75,7 @@ void StreamBacklog::removeTaken(Serials& removed)
 
 bool StreamBacklog::advance(quint64 done, quint64& runningId, qint64& runningTime, Serials& removed)
 {
-    QMutexLocker lock(&mutex_);
+    const std::lock_guard<std::mutex> lock(mutex_);
     removed.clear();
     while (!entries_.isEmpty() && entries_.first().taken && entries_.first().serial <= done)
         removed.append(entries_.takeFirst().serial);
@@ -91,7 +90,7 @@ bool StreamBacklog::advance(quint64 done, quint64& runningId, qint64& runningTim
 
 bool StreamBacklog::wasRemoved(quint64 serial)
 {
-    QMutexLocker lock(&mutex_);
+    const std::lock_guard<std::mutex> lock(mutex_);
     while (!removedTaken_.isEmpty() && removedTaken_.first() < serial)
         removedTaken_.removeFirst();
     return !removedTaken_.isEmpty() && removedTaken_.first() == serial;
@@ -99,7 +98,7 @@ bool StreamBacklog::wasRemoved(quint64 serial)
 
 bool StreamBacklog::takeNext(Image& image, quint64& serial)
 {
-    QMutexLocker lock(&mutex_);
+    const std::lock_guard<std::mutex> lock(mutex_);
     for (Entry& entry : entries_) {
         if (entry.taken)
             continue;

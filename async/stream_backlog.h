@@ -9,8 +9,8 @@
 #include "orvo/image.h"
 
 #include <QList>
-#include <QMutex>
 #include <QVarLengthArray>
+#include <mutex>
 
 namespace orvo {
 
@@ -46,7 +46,8 @@ private:
         quint64 serial;
         bool taken;
     };
-    mutable QMutex mutex_;
+    // A standard mutex, not QMutex: race checkers see pthread locking, not Qt's futex path.
+    mutable std::mutex mutex_;
     QList<Entry> entries_;
     quint64 nextSerial_ = 1;
     // Serials of taken images that were removed: their results may still arrive, and are

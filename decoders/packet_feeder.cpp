@@ -112,6 +112,8 @@ PacketFeeder::~PacketFeeder()
         codec_->opaque = nullptr;
     for (AVFrame* f : ready_)
         av_frame_free(&f);
+    for (AVFrame* f : spare_)
+        av_frame_free(&f);
     av_frame_free(&received_);
     av_packet_free(&packet_);
 }
@@ -162,7 +164,13 @@ void PacketFeeder::send(const uint8_t* data, int size, qint64 tag, int* result)
 void PacketFeeder::collect()
 {
     while (avcodec_receive_frame(codec_, received_) >= 0) {
-        AVFrame* f = av_frame_alloc();
+        AVFrame* f = nullptr;
+        if (!spare_.empty()) {
+            f = spare_.back();
+            spare_.pop_back();
+        } else {
+            f = av_frame_alloc();
+        }
         if (!f) {
             av_frame_unref(received_);
             continue;
@@ -170,7 +178,8 @@ void PacketFeeder::collect()
         av_frame_move_ref(f, received_);
         ready_.push_back(f);
         if (ready_.size() > kMaxReady) {
-            av_frame_free(&ready_.front());
+            av_frame_unref(ready_.front());
+            spare_.push_back(ready_.front());
             ready_.pop_front();
         }
     }
@@ -219,8 +228,8 @@ bool PacketFeeder::takePicture(AVFrame* out, qint64* tag)
     AVFrame* f = ready_.front();
     ready_.pop_front();
     av_frame_unref(out);
-    av_frame_move_ref(out, f);
-    av_frame_free(&f);
+    av_frame_move_ref(out, f);  // leaves f an empty shell
+    spare_.push_back(f);
     *tag = out->pts == AV_NOPTS_VALUE ? -1 : out->pts;
     return true;
 }

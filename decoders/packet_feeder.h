@@ -15,6 +15,7 @@
 #include <QByteArray>
 #include <QtGlobal>
 #include <deque>
+#include <vector>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -65,6 +66,8 @@ private:
     AVPacket* packet_;
     AVFrame* received_;
     std::deque<AVFrame*> ready_;
+    // Empty frame shells for ready_, so that a picture costs no allocation of its own.
+    std::vector<AVFrame*> spare_;
     bool draining_ = false;
     // H.264: a picture was started and its last rows have not been decoded yet.
     bool pictureOpen_ = false;

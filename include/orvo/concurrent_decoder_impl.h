@@ -135,8 +135,9 @@ private:
     int emitFinishedImages();
     void forgetScheduledImages();
     bool queueImage(const Image& image);
-    // One image of a job that went on with the next one: emitted as a finished job's.
-    void relayed(quint64 epoch, quint64 serial, quint64 imageId, const VideoFrame& frame, quint32 errorCode);
+    // Results of images after which a job went on with the next one: emitted as finished
+    // jobs' results are.
+    Q_INVOKABLE void takeRelayed();
     // The backlog moves on past a handled result (the image the job went on with is the
     // running one now).
     void advanceBacklog(DecodingSlot* slot, quint64 doneSerial);
