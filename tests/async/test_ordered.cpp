@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
+
 using namespace orvo;
 using namespace orvo::test;
 
@@ -22,69 +24,52 @@ struct Ordered {
     OrderedConcurrentDecoderImpl impl;
     Recorder rec;
     Ordered() { rec.attach(&impl); }
-    void finish(std::initializer_list<quint64> ids)
-    {
-        for (quint64 id : ids)
-            impl.frameFinished(frameWithId(id));
-    }
 };
 
 }  // namespace
 
 TEST(OrderedRule, RestoresOrderAndFlushesAcrossGaps)
 {
-    {
-        Ordered o;
-        o.finish({1, 3, 4, 2});
-        EXPECT_EQ(o.rec.ids(), (std::vector<quint64>{1, 2, 3, 4}));
-        EXPECT_EQ(o.impl.lastEmittedId(), 4u);
-        EXPECT_EQ(o.impl.waitingFrameCount(), 0);
-    }
-    {
+    using Ids = std::vector<quint64>;
+    auto join = [](Ids a, const Ids& b) {
+        a.insert(a.end(), b.begin(), b.end());
+        return a;
+    };
+    const quint64 top = std::numeric_limits<quint64>::max();
+    struct Step {
+        Ids finished;
+        Ids emitted;     // all emitted so far
+        int waiting;     // -1: not checked
+        int limit = 0;   // a reorder limit set before the step
+    };
+    const std::vector<std::pair<const char*, std::vector<Step>>> cases = {
+        {"reordered", {{{1, 3, 4, 2}, {1, 2, 3, 4}, 0}}},
         // The first frame is emitted whatever its id; 7 and 8 wait behind the missing 6;
         // 40 lies beyond 5 + 24 and flushes them.
-        Ordered o;
-        o.finish({5, 7, 8});
-        EXPECT_EQ(o.rec.ids(), (std::vector<quint64>{5}));
-        o.finish({40});
-        EXPECT_EQ(o.rec.ids(), (std::vector<quint64>{5, 7, 8, 40}));
-        EXPECT_EQ(o.impl.lastEmittedId(), 40u);
-    }
-    {
+        {"first and beyond the limit", {{{5, 7, 8}, {5}, 2}, {{40}, {5, 7, 8, 40}, 0}}},
         // A missing id: the successors wait (without spinning) until the gap exceeds the
         // limit, then everything comes out in order.
-        Ordered o;
-        o.finish({1, 2});
-        for (quint64 id = 4; id <= 26; ++id)
-            o.impl.frameFinished(frameWithId(id));
-        EXPECT_EQ(o.rec.ids(), (std::vector<quint64>{1, 2}));
-        EXPECT_EQ(o.impl.waitingFrameCount(), 23);
-        o.finish({27, 28});
-        std::vector<quint64> expected{1, 2};
-        for (quint64 id = 4; id <= 28; ++id)
-            expected.push_back(id);
-        EXPECT_EQ(o.rec.ids(), expected);
-        EXPECT_EQ(o.impl.waitingFrameCount(), 0);
-    }
-    {
+        {"gap", {{join({1, 2}, idRange(4, 26)), {1, 2}, 23}, {{27, 28}, join({1, 2}, idRange(4, 28)), 0}}},
         // A frame not newer than the last emitted one waits for a later flush; equal ids
         // keep their arrival order.
-        Ordered o;
-        o.finish({10, 11, 4});
-        EXPECT_EQ(o.rec.ids(), (std::vector<quint64>{10, 11}));
-        EXPECT_EQ(o.impl.waitingFrameCount(), 1);
-        o.finish({12});
-        EXPECT_EQ(o.rec.ids(), (std::vector<quint64>{10, 11, 12}));
-        o.impl.setReorderLimit(2);
-        o.finish({20});
-        EXPECT_EQ(o.rec.ids(), (std::vector<quint64>{10, 11, 12, 4, 20}));
-    }
-    {
+        {"old frame",
+         {{{10, 11, 4}, {10, 11}, 1}, {{12}, {10, 11, 12}, -1}, {{20}, {10, 11, 12, 4, 20}, -1, 2}}},
         // Ids near the top of the range do not wrap the window.
+        {"top of the range", {{{top - 3, top - 1, top - 2}, {top - 3, top - 2, top - 1}, 0}}},
+    };
+    for (const auto& [name, steps] : cases) {
+        SCOPED_TRACE(name);
         Ordered o;
-        const quint64 top = std::numeric_limits<quint64>::max();
-        o.finish({top - 3, top - 1, top - 2});
-        EXPECT_EQ(o.rec.ids(), (std::vector<quint64>{top - 3, top - 2, top - 1}));
+        for (const Step& step : steps) {
+            if (step.limit)
+                o.impl.setReorderLimit(step.limit);
+            for (quint64 id : step.finished)
+                o.impl.frameFinished(frameWithId(id));
+            EXPECT_EQ(o.rec.ids(), step.emitted);
+            if (step.waiting >= 0)
+                EXPECT_EQ(o.impl.waitingFrameCount(), step.waiting);
+        }
+        EXPECT_EQ(o.impl.lastEmittedId(), steps.back().emitted.back());
     }
 }
 

@@ -235,17 +235,6 @@ TEST(Jpeg2000, HostileInputFailsWithoutTouchingMemoryOutsideThePlanes)
     EXPECT_FALSE(decode(huge, hugeFrame));
     EXPECT_TRUE(hugeFrame == untouched);
 
-    // Damaged bytes in the tile data: whatever the outcome, no memory error (ASan) and a
-    // picture of the right size when it succeeds.
-    for (int step : {7, 97, 1001}) {
-        QByteArray damaged = good;
-        for (int i = 200; i < damaged.size(); i += step)
-            damaged[i] = char(damaged[i] ^ 0x5C);
-        VideoFrame f;
-        if (decode(damaged, f))
-            EXPECT_EQ(f.width(), 321);
-    }
-
     // The decoder still works after all that.
     VideoFrame ok;
     EXPECT_TRUE(decode(good, ok));

@@ -144,31 +144,6 @@ TEST_P(StreamDecodeTest, MatchesTheReferenceDecodeWithAndWithoutZeroCopy)
 INSTANTIATE_TEST_SUITE_P(Streams, StreamDecodeTest, ::testing::ValuesIn(kCases),
                          [](const ::testing::TestParamInfo<StreamCase>& info) { return info.param.name; });
 
-TEST(FFmpegDecodeTest, FullRangeJpegBecomesStudioRange)
-{
-    struct Level {
-        const char* colour;
-        int y;
-    };
-    for (const Level level : {Level{"white", 235}, Level{"black", 16}}) {
-        const QString name = QStringLiteral("mjpeg_%1_66x34.avi").arg(QLatin1String(level.colour));
-        const QString path = ffmpegFile(name, QStringLiteral("-f lavfi -i color=c=%1:size=66x34 -frames:v 1 "
-                                                             "-c:v mjpeg -pix_fmt yuvj422p")
-                                                  .arg(QLatin1String(level.colour)));
-        ASSERT_FALSE(path.isEmpty());
-        const std::vector<Packet> packets = demuxVideo(path);
-        ASSERT_EQ(packets.size(), 1u);
-        QByteArray payload = packets[0].data;
-        VideoFrame frame;
-        ASSERT_TRUE(Decoder().decode('j', reinterpret_cast<unsigned char*>(payload.data()), payload.size(), frame, 0,
-                                     true));
-        ASSERT_TRUE(frame.map());
-        EXPECT_EQ(frame.lineY(17)[33], level.y) << level.colour;
-        EXPECT_EQ(frame.lineU(8)[16], 128) << level.colour;
-        frame.unmap();
-    }
-}
-
 TEST(FFmpegDecodeTest, CorruptAndEmptyPayloadsLeaveTheFrameAlone)
 {
     const StreamData& data = streamData(kCases[0]);
@@ -186,24 +161,18 @@ TEST(FFmpegDecodeTest, CorruptAndEmptyPayloadsLeaveTheFrameAlone)
         EXPECT_FALSE(decoder.decode(&nothing, 0, frame, false));
         EXPECT_EQ(frame, kept);
 
-        // Truncated and garbled pictures, then random bytes: no crash, and where no picture
-        // comes out the frame is untouched.
+        // Truncated and garbled pictures (random bytes alone are the fuzz targets' job): no
+        // crash, and where no picture comes out the frame is untouched.
         std::mt19937 random(7);
         for (size_t i = 1; i < 10; ++i) {
             QByteArray payload = data.images[i].payload();
             payload.truncate(payload.size() / 3);
             for (int j = 0; j < 20; ++j)
                 payload[int(random() % unsigned(payload.size()))] = char(random());
-            VideoFrame before = frame;
+            const VideoFrame before = frame;
             if (!decoder.decode(reinterpret_cast<unsigned char*>(payload.data()), payload.size(), frame, false))
                 EXPECT_EQ(frame, before);
         }
-        std::vector<unsigned char> noise(4096);
-        for (auto& b : noise)
-            b = static_cast<unsigned char>(random());
-        VideoFrame before = frame;
-        if (!decoder.decode(noise.data(), int(noise.size()), frame, false))
-            EXPECT_EQ(frame, before);
 
         // The stream recovers at the next I-frame.
         QByteArray key = data.images[10].payload();
@@ -287,20 +256,22 @@ TEST(FFmpegDecodeTest, BoxWalkStaysInsideThePayload)
         return jp2::codestreamStart(reinterpret_cast<const unsigned char*>(p.constData()), p.size(), codestream, true);
     };
     MessageCapture capture;
-    // A length far past the end: the walk stops, the search fails and decoding starts at 0.
-    QByteArray huge = be32(0xFFFFFFF0u) + "ftyp" + QByteArray(16, 'x') + be32(12) + "jp2c" + be32(0);
-    EXPECT_EQ(start(huge, false), 0);
-    // A zero length ends the walk as corruption.
-    QByteArray zero = be32(12) + "ftyp" + be32(0) + be32(0) + "jp2h" + be32(7) + be32(9) + "jp2c" + be32(0);
-    EXPECT_EQ(start(zero, false), 0);
-        // Length 1 advances byte by byte and still ends at the data's end.
-    QByteArray ones = be32(1) + "jp2h" + QByteArray(30, '\x01');
-    EXPECT_EQ(start(ones, true), 0);
-    // A code-stream box whose header is the last thing in the payload.
-    QByteArray tight = be32(8) + "ftyp" + be32(9) + "jp2c" + "Z";
-    EXPECT_EQ(start(tight, false), 16);
-    QByteArray headerOnly = be32(8) + "ftyp" + be32(8) + "jp2c";
-    EXPECT_EQ(start(headerOnly, false), 0);
+    const struct {
+        const char* what;
+        QByteArray payload;
+        bool codestream;
+        int start;
+    } cases[] = {
+        // A length far past the end: the walk stops, the search fails and decoding starts at 0.
+        {"huge", be32(0xFFFFFFF0u) + "ftyp" + QByteArray(16, 'x') + be32(12) + "jp2c" + be32(0), false, 0},
+        {"zero length ends the walk", be32(12) + "ftyp" + be32(0) + be32(0) + "jp2h" + be32(7) + be32(9) + "jp2c",
+         false, 0},
+        {"length 1 advances byte by byte", be32(1) + "jp2h" + QByteArray(30, '\x01'), true, 0},
+        {"header last in the payload", be32(8) + "ftyp" + be32(9) + "jp2c" + "Z", false, 16},
+        {"header only", be32(8) + "ftyp" + be32(8) + "jp2c", false, 0},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(start(c.payload, c.codestream), c.start) << c.what;
     // Payloads shorter than a box header.
     for (int n = 0; n <= 9; ++n) {
         std::vector<unsigned char> bytes(size_t(n), 0);
@@ -312,37 +283,35 @@ TEST(FFmpegDecodeTest, BoxWalkStaysInsideThePayload)
 
 TEST(FFmpegModuleTest, QImageConversionsKeepTheColours)
 {
-    struct Colour {
+    // Red in BT.601 studio range.
+    const struct {
         QRgb rgb;
-        int y, u, v;  // BT.601 studio range
-    };
-    const Colour colours[] = {{qRgb(255, 0, 0), 82, 90, 240}};
+        int y, u, v;
+    } c{qRgb(255, 0, 0), 82, 90, 240};
     for (QImage::Format format : {QImage::Format_ARGB32, QImage::Format_RGB32, QImage::Format_RGB888,
                                   QImage::Format_RGB16, QImage::Format_Indexed8}) {
-        for (const Colour& c : colours) {
-            SCOPED_TRACE(testing::Message() << "format " << int(format) << " colour " << std::hex << c.rgb);
-            QImage image(34, 18, QImage::Format_ARGB32);
-            image.fill(c.rgb);
-            image = image.convertToFormat(format);
-            VideoFrame frame(34, 18, VideoFrame::Format_YUV420P, defaultBufferProperties);
-            ASSERT_TRUE(FFmpegModule::qimageToVideoFrame(image, frame));
-            ASSERT_TRUE(frame.map());
-            EXPECT_NEAR(frame.lineY(9)[17], c.y, 2);
-            EXPECT_NEAR(frame.lineU(4)[8], c.u, 2);
-            EXPECT_NEAR(frame.lineV(4)[8], c.v, 2);
+        SCOPED_TRACE(testing::Message() << "format " << int(format));
+        QImage image(34, 18, QImage::Format_ARGB32);
+        image.fill(c.rgb);
+        image = image.convertToFormat(format);
+        VideoFrame frame(34, 18, VideoFrame::Format_YUV420P, defaultBufferProperties);
+        ASSERT_TRUE(FFmpegModule::qimageToVideoFrame(image, frame));
+        ASSERT_TRUE(frame.map());
+        EXPECT_NEAR(frame.lineY(9)[17], c.y, 2);
+        EXPECT_NEAR(frame.lineU(4)[8], c.u, 2);
+        EXPECT_NEAR(frame.lineV(4)[8], c.v, 2);
 
-            QImage back(34, 18, format);
-            back.fill(0);
-            ASSERT_TRUE(FFmpegModule::videoFrameToQImage(frame, back));
-            frame.unmap();
-            EXPECT_EQ(back.format(), format);
-            const QRgb px = back.pixel(17, 9);
-            const int tolerance = format == QImage::Format_RGB16 || format == QImage::Format_Indexed8 ? 12 : 4;
-            EXPECT_NEAR(qRed(px), qRed(c.rgb), tolerance);
-            EXPECT_NEAR(qGreen(px), qGreen(c.rgb), tolerance);
-            EXPECT_NEAR(qBlue(px), qBlue(c.rgb), tolerance);
-            EXPECT_EQ(qAlpha(px), 255);
-        }
+        QImage back(34, 18, format);
+        back.fill(0);
+        ASSERT_TRUE(FFmpegModule::videoFrameToQImage(frame, back));
+        frame.unmap();
+        EXPECT_EQ(back.format(), format);
+        const QRgb px = back.pixel(17, 9);
+        const int tolerance = format == QImage::Format_RGB16 || format == QImage::Format_Indexed8 ? 12 : 4;
+        EXPECT_NEAR(qRed(px), qRed(c.rgb), tolerance);
+        EXPECT_NEAR(qGreen(px), qGreen(c.rgb), tolerance);
+        EXPECT_NEAR(qBlue(px), qBlue(c.rgb), tolerance);
+        EXPECT_EQ(qAlpha(px), 255);
     }
     // Refusals: null image, a read-only mapped frame, an unmapped frame for the way back.
     VideoFrame frame(8, 8, VideoFrame::Format_YUV420P, defaultBufferProperties);

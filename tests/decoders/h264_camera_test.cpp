@@ -1,14 +1,11 @@
-// The H.264 camera path: cutting and repairing payloads, on hand-made bytes and on a
-// real stream whose NAL units are wrapped the way cameras send them.
+// The H.264 camera path on hand-made bytes: cutting and repairing payloads, the slice dump.
+// Real streams cut the camera's way are decoded by the stream suite.
 #include "common/test_streams.h"
 #include "decoders/h264_payload.h"
 #include "decoders/h264_slice_dump.h"
-#include "orvo/decoder.h"
 #include "orvo/decoder_h264.h"
-#include "orvo/decoder_preferences.h"
 
 #include <gtest/gtest.h>
-
 
 using namespace orvo;
 using namespace orvo::test;
@@ -21,24 +18,6 @@ int cut(Bytes bytes, bool lastByte = true, bool doubleStart = true)
 {
     return h264::cameraPayloadLength(bytes.empty() ? nullptr : bytes.data(), int(bytes.size()), lastByte,
                                      doubleStart);
-}
-
-// NAL units of an Annex B access unit, each with a four-byte start code.
-std::vector<QByteArray> splitNals(const QByteArray& au)
-{
-    std::vector<QByteArray> nals;
-    const QByteArray sc3("\x00\x00\x01", 3);
-    int begin = au.indexOf(sc3);
-    while (begin >= 0) {
-        const int payload = begin + 3;
-        int next = au.indexOf(sc3, payload);
-        int end = next < 0 ? au.size() : next;
-        while (next >= 0 && end > payload && au[end - 1] == '\0')  // the zero of a four-byte code
-            --end;
-        nals.push_back(QByteArray("\x00\x00\x00\x01", 4) + au.mid(payload, end - payload));
-        begin = next;
-    }
-    return nals;
 }
 
 }  // namespace
@@ -99,54 +78,6 @@ TEST(H264DecoderTest, ShortOrUncutPayloadsFailWithoutTouchingTheFrame)
     DecoderH264::release(decoder);
     DecoderH264::release(nullptr);
     DecoderH264::get()->release();
-}
-
-TEST(H264DecoderTest, CameraWrappedNalUnitsDecodeToTheSamePictures)
-{
-    PreferencesGuard guard;
-    const QString path = ffmpegFile(QStringLiteral("h264_baseline_642x362.mkv"),
-                                    QStringLiteral("-f lavfi -i testsrc2=size=642x362:rate=25 -frames:v 30 "
-                                                   "-c:v libx264 -profile:v baseline -bf 0 -g 10 -pix_fmt yuv420p"));
-    ASSERT_FALSE(path.isEmpty());
-    const std::vector<Packet> packets = demuxVideo(path);
-    const std::vector<QByteArray> reference = ffmpegFrames(path, 642, 362);
-    ASSERT_EQ(packets.size(), reference.size());
-
-    // Each NAL unit is one camera image with a trailer: a start code and one byte, FF
-    // padding before it, or a doubled start code. Between access units come stray
-    // images that carry a start code and a single byte only.
-    std::vector<QByteArray> payloads;
-    const QByteArray sc("\x00\x00\x00\x01", 4);
-    int n = 0;
-    for (const Packet& p : packets) {
-        for (const QByteArray& nal : splitNals(p.data)) {
-            switch (n++ % 3) {
-            case 0: payloads.push_back(nal + sc + '\x09'); break;
-            case 1: payloads.push_back(nal + QByteArray(4, '\xFF') + sc + '\x41'); break;
-            default: payloads.push_back(nal + sc + sc + '\x65'); break;
-            }
-        }
-        payloads.push_back(sc + '\x09' + sc + '\x10');
-    }
-
-    for (bool zeroCopy : {false, true}) {
-        SCOPED_TRACE(zeroCopy ? "zero-copy" : "copy");
-        DecoderPreferences::instance()->setZeroCopyDecoding(zeroCopy);
-        DecoderPreferences::instance()->lookForNALsH264(true);
-        std::vector<VideoFrame> pictures;
-        {
-            Decoder decoder('h', 0);
-            ASSERT_NE(dynamic_cast<DecoderH264*>(decoder.formatDecoder().data()), nullptr);
-            for (QByteArray payload : payloads) {
-                VideoFrame frame;
-                if (decoder.decode(reinterpret_cast<unsigned char*>(payload.data()), payload.size(), frame, false))
-                    pictures.push_back(frame);
-            }
-        }
-        ASSERT_EQ(pictures.size(), reference.size());
-        for (size_t k = 0; k < pictures.size(); ++k)
-            ASSERT_EQ(maxDiffYuv420p(pictures[k], reference[k], 642, 362), 0) << "picture " << k;
-    }
 }
 
 TEST(H264SliceDumpTest, PrintsSliceHeadersAndStaysInBounds)

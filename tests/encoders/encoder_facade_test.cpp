@@ -85,43 +85,40 @@ TEST(Encoder, InitByEngineNumber)
     EXPECT_EQ(gone, 1);
 }
 
-TEST(Encoder, EncodeSilenceCountsWholeFrames)
+// Silence goes out in whole frames; sync pads a partial frame only when asked.
+TEST(Encoder, SilenceAndSyncCountWholeFrames)
 {
-    Encoder enc;
-    auto* fake = new FakeBackend(1152, 48000);
-    enc.setBackend(fake);
-    EXPECT_FALSE(enc.encode_silence(1151));
-    EXPECT_TRUE(fake->frames.empty());
-    EXPECT_TRUE(enc.encode_silence(2 * 1152 + 5));
-    ASSERT_EQ(fake->frames.size(), 2u);
-    for (const auto& frame : fake->contents)
-        for (short v : frame)
-            ASSERT_EQ(v, 0);
-    fake->audio = false;
-    EXPECT_FALSE(enc.encode_silence(5000));
-    EXPECT_FALSE(enc.sync_audio_to_video_with_silence(true));
-}
-
-TEST(Encoder, SyncPadsTheMissingFrames)
-{
-    for (bool pad : {true, false}) {
+    const struct {
+        int silence;      // encode_silence(silence), or sync with the video end at -silence
+        bool pad;
+        size_t frames;
+    } cases[] = {{1151, false, 0}, {2 * 1152 + 5, false, 2}, {-1152 * 3 / 2, true, 2}, {-1152 * 3 / 2, false, 1},
+                 {-1152 * 3, true, 3}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.silence);
         Encoder enc;
         auto* fake = new FakeBackend(1152, 48000);
         enc.setBackend(fake);
-        fake->videoEnd = 1152 * 3 / 2;  // audio 1.5 frames behind
-        EXPECT_TRUE(enc.sync_audio_to_video_with_silence(pad));
-        EXPECT_EQ(fake->frames.size(), pad ? 2u : 1u);
+        if (c.silence > 0) {
+            EXPECT_EQ(enc.encode_silence(c.silence), c.frames > 0);
+        } else {
+            fake->videoEnd = -c.silence;
+            EXPECT_TRUE(enc.sync_audio_to_video_with_silence(c.pad));
+        }
+        ASSERT_EQ(fake->frames.size(), c.frames);
+        for (const auto& frame : fake->contents)
+            for (short v : frame)
+                ASSERT_EQ(v, 0);
+        if (c.silence == -1152 * 3) {  // exactly three frames: level
+            EXPECT_EQ(enc.behindAudioSamples(), 0);
+            double seconds = 1;
+            EXPECT_EQ(enc.compareAudioVideoPTS(seconds), 0);
+            EXPECT_EQ(seconds, 0);
+        }
+        fake->audio = false;
+        EXPECT_FALSE(enc.encode_silence(5000));
+        EXPECT_FALSE(enc.sync_audio_to_video_with_silence(true));
     }
-    Encoder enc;
-    auto* fake = new FakeBackend(1152, 48000);
-    enc.setBackend(fake);
-    fake->videoEnd = 1152 * 3;  // exactly three frames: no partial frame to pad
-    EXPECT_TRUE(enc.sync_audio_to_video_with_silence(true));
-    EXPECT_EQ(fake->frames.size(), 3u);
-    EXPECT_EQ(enc.behindAudioSamples(), 0);
-    double seconds = 1;
-    EXPECT_EQ(enc.compareAudioVideoPTS(seconds), 0);
-    EXPECT_EQ(seconds, 0);
 }
 
 }  // namespace

@@ -5,6 +5,8 @@
 
 #include <QFile>
 
+#include <tuple>
+
 #include <gtest/gtest.h>
 
 extern "C" {
@@ -79,61 +81,50 @@ QByteArray packed(const QImage& image)
 
 }  // namespace
 
+// Whole pictures (against the command line too), a region from the right edge (x -10,
+// width -1) and an explicit image size, each against swscale on the same planes.
 TEST(FrameReference, ConvertToQImageMatchesSwscaleAndCommandLine)
 {
-    const VideoFrame frame = picture("yuv420p", VideoFrame::Format_YUV420P);
+    VideoFrame frame = picture("yuv420p", VideoFrame::Format_YUV420P);
     ASSERT_TRUE(frame.isValid());
-    struct Case {
-        int num, den;
+    const struct {
+        int x, y, w, h, imageW, imageH, ratio, den;  // convertToQImage's arguments
+        int sx, sy, sw, sh, outW, outH;               // the same region for swscale, the image size
+        bool cli;
+    } cases[] = {
+        {0, 0, -1, -1, 0, 0, 1, 1, 0, 0, kW, kH, kW, kH, true},
+        {0, 0, -1, -1, 0, 0, 1, 2, 0, 0, kW, kH, kW / 2, kH / 2, true},
+        {-10, 0, -1, -1, 0, 0, 0, 0, kW - 10, 0, 10, kH, 10, kH, false},
+        {31, 17, 100, 60, 100, 50, 7, 3, 31, 17, 100, 60, 100, 50, false},
     };
-    for (Case c : {Case{1, 1}, Case{1, 2}}) {
-        SCOPED_TRACE(c.den);
-        const int outW = kW * c.num / c.den, outH = kH * c.num / c.den;
-        const QImage image =
-            frame.convertToQImage(VideoFrame::Format_RGB32, 0, 0, -1, -1, 0, 0, c.num, c.den, c.num, c.den);
-        ASSERT_EQ(image.size(), QSize(outW, outH));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.x << "," << c.y << " ratio " << c.ratio << "/" << c.den);
+        const QImage image = frame.convertToQImage(VideoFrame::Format_RGB32, c.x, c.y, c.w, c.h, c.imageW, c.imageH,
+                                                   c.ratio, c.den, c.ratio, c.den);
+        ASSERT_EQ(image.size(), QSize(c.outW, c.outH));
         ASSERT_EQ(image.format(), QImage::Format_RGB32);
         const QByteArray ours = packed(image);
-        EXPECT_EQ(maxDiff(ours, directSws(frame, 0, 0, kW, kH, outW, outH)), 0);
-        const QByteArray cli = cliBgra(outW, outH);
-        ASSERT_EQ(cli.size(), outW * outH * 4);
-        EXPECT_LE(maxDiff(ours, cli), 3);
+        EXPECT_EQ(maxDiff(ours, directSws(frame, c.sx, c.sy, c.sw, c.sh, c.outW, c.outH)), 0);
+        if (c.cli)
+            EXPECT_LE(maxDiff(ours, cliBgra(c.outW, c.outH)), 3);
     }
     EXPECT_FALSE(frame.isMapped());
-}
-
-// A region from the right edge (x -10, width -1) and an explicit image size.
-TEST(FrameReference, ConvertRegionMatchesSwscale)
-{
-    const VideoFrame frame = picture("yuv420p", VideoFrame::Format_YUV420P);
-    ASSERT_TRUE(frame.isValid());
-    const QImage tail = frame.convertToQImage(VideoFrame::Format_RGB32, -10, 0, -1, -1, 0, 0, 0, 0, 0, 0);
-    ASSERT_EQ(tail.size(), QSize(10, kH));
-    EXPECT_EQ(maxDiff(packed(tail), directSws(frame, kW - 10, 0, 10, kH, 10, kH)), 0);
-
-    const QImage sized = frame.convertToQImage(VideoFrame::Format_RGB32, 31, 17, 100, 60, 100, 50, 7, 3, 7, 3);
-    ASSERT_EQ(sized.size(), QSize(100, 50));
-    EXPECT_EQ(maxDiff(packed(sized), directSws(frame, 31, 17, 100, 60, 100, 50)), 0);
-
     // A frame the caller mapped stays mapped.
-    VideoFrame mapped = frame;
-    ASSERT_TRUE(mapped.map(QAbstractVideoBuffer::ReadOnly));
-    EXPECT_FALSE(mapped.convertToQImage(VideoFrame::Format_RGB32, 0, 0, 16, 16, 0, 0, 0, 0, 0, 0).isNull());
-    EXPECT_TRUE(mapped.isMapped());
-    mapped.unmap();
-}
+    ASSERT_TRUE(frame.map(QAbstractVideoBuffer::ReadOnly));
+    EXPECT_FALSE(frame.convertToQImage(VideoFrame::Format_RGB32, 0, 0, 16, 16, 0, 0, 0, 0, 0, 0).isNull());
+    EXPECT_TRUE(frame.isMapped());
+    frame.unmap();
 
-// Output size rules: frame scale, ratios, explicit image size.
-TEST(FrameReference, ConvertOutputSizes)
-{
-    VideoFrame frame = makeFrame(32, 24, VideoFrame::Format_YUV420P, constant(100), constant(128), constant(128));
-    EXPECT_EQ(frame.convertToQImage(VideoFrame::Format_RGB32, 0, 0, -1, -1, 0, 0, 0, 0, 0, 0).size(), QSize(32, 24));
-    frame.setScale(2, 1);
-    EXPECT_EQ(frame.convertToQImage(VideoFrame::Format_RGB32, 0, 0, -1, -1, 0, 0, 0, 0, 0, 0).size(), QSize(64, 24));
-    EXPECT_EQ(frame.convertToQImage(VideoFrame::Format_RGB32, 0, 0, -1, -1, 0, 0, 1, 2, 1, 2).size(), QSize(16, 12));
-    EXPECT_EQ(frame.convertToQImage(VideoFrame::Format_RGB32, 0, 0, -1, -1, 10, 5, 1, 2, 1, 2).size(), QSize(10, 5));
+    // Output size rules: frame scale, ratios, explicit image size.
+    VideoFrame small = makeFrame(32, 24, VideoFrame::Format_YUV420P, constant(100), constant(128), constant(128));
+    small.setScale(2, 1);
+    for (const auto& [imageW, den, size] : {std::tuple{0, 0, QSize(64, 24)}, std::tuple{0, 2, QSize(16, 12)},
+                                            std::tuple{10, 2, QSize(10, 5)}})
+        EXPECT_EQ(small.convertToQImage(VideoFrame::Format_RGB32, 0, 0, -1, -1, imageW, imageW / 2, den ? 1 : 0, den,
+                                        den ? 1 : 0, den)
+                      .size(),
+                  size);
     EXPECT_TRUE(VideoFrame().convertToQImage(VideoFrame::Format_RGB32, 0, 0, -1, -1, 0, 0, 0, 0, 0, 0).isNull());
-    EXPECT_FALSE(frame.isMapped());
 }
 
 // scaleTo equals swscale on the same planes; a same-size scaling is an exact copy.

@@ -1,12 +1,6 @@
-// JPEG through Qt's reader (payloads with a 384-byte header), and the four camera decoders
-// reached through the dispatcher with default and switched preferences.
+// JPEG through Qt's reader (payloads with a 384-byte header).
 #include "common/test_streams.h"
-#include "orvo/decoder.h"
 #include "orvo/decoder_jpeg.h"
-#include "orvo/decoder_jpeg2000.h"
-#include "orvo/decoder_mxpeg.h"
-#include "orvo/decoder_preferences.h"
-#include "orvo/decoder_wavelet.h"
 
 #include <QBuffer>
 #include <QImage>
@@ -15,7 +9,6 @@
 #include <cmath>
 
 using orvo::DecoderJPEG;
-using orvo::DecoderPreferences;
 using orvo::VideoFrame;
 
 namespace {
@@ -41,7 +34,6 @@ QByteArray header384()
         h[i] = char(i * 7 % 251);  // no FF D8 pair
     return h;
 }
-
 
 bool decodeJpeg(DecoderJPEG& d, QByteArray bytes, VideoFrame& frame)
 {
@@ -107,54 +99,6 @@ TEST(JpegThroughQt, FillsAYuv420FrameMatchingTheJpegsDecode)
         sois += QByteArray("\xff\xd8", 2);
     VideoFrame frame;
     EXPECT_FALSE(decodeJpeg(decoder, sois, frame));
-}
-
-TEST(CameraDispatch, DecodersThroughTheDispatcher)
-{
-    orvo::test::PreferencesGuard guard;
-    // JPEG 2000: the level changes in place.
-    QByteArray j2k = orvo::test::readFile(orvo::test::ffmpegFile(
-        "cam_disp.j2k", "-f lavfi -i testsrc2=size=640x360 -frames:v 1 -pix_fmt yuv420p -c:v libopenjpeg -format j2k"));
-    Decoder d;
-    ASSERT_TRUE(d.init('r', 0));
-    const auto held = d.formatDecoder();
-    ASSERT_TRUE(dynamic_cast<orvo::DecoderJPEG2000*>(held.data()));
-    VideoFrame frame;
-    ASSERT_TRUE(d.decode(reinterpret_cast<uchar*>(j2k.data()), j2k.size(), frame, true));
-    EXPECT_EQ(frame.width(), 640);
-    ASSERT_TRUE(d.init('r', 2));
-    EXPECT_EQ(d.formatDecoder(), held);
-    ASSERT_TRUE(d.decode(reinterpret_cast<uchar*>(j2k.data()), j2k.size(), frame, true));
-    EXPECT_EQ(frame.width(), 160);
-    EXPECT_EQ(frame.height(), 90);
-    EXPECT_EQ(frame.maximalWidth(), 640);
-    EXPECT_EQ(frame.maximalHeight(), 360);
-
-    // Wavelet 'p' at level 1.
-    const auto fields = orvo::test::demuxVideo(orvo::test::ffmpegFile(
-        "cam_disp.drc", "-f lavfi -i testsrc=size=720x288 -vf format=yuv420p -frames:v 1 -c:v vc2 -b:v 6M -f dirac"));
-    ASSERT_FALSE(fields.empty());
-    QByteArray field = fields[0].data;
-    ASSERT_TRUE(d.decode('p', reinterpret_cast<uchar*>(field.data()), field.size(), frame, 1, true));
-    EXPECT_EQ(d.getFormat(), 'p');
-    EXPECT_EQ(frame.width(), 360);
-    EXPECT_EQ(frame.height(), 288);
-    EXPECT_EQ(frame.getScaleY(), 1);
-
-    // MxPEG and JPEG: FFmpeg paths by default, the native decoders when switched on.
-    QByteArray jpeg = orvo::test::readFile(orvo::test::ffmpegFile(
-        "cam_disp.jpg", "-f lavfi -i testsrc2=size=320x240 -frames:v 1 -pix_fmt yuvj420p -c:v mjpeg"));
-    DecoderPreferences::instance()->useMxPEGNative(true);
-    DecoderPreferences::instance()->decodeMJPEGThroughQImage(true);
-    Decoder xn('X', 0), jn('J', 0);
-    ASSERT_TRUE(dynamic_cast<orvo::DecoderMXPEG*>(xn.formatDecoder().data()));
-    ASSERT_TRUE(dynamic_cast<orvo::DecoderJPEG*>(jn.formatDecoder().data()));
-    ASSERT_TRUE(xn.decode(reinterpret_cast<uchar*>(jpeg.data()), jpeg.size(), frame, true));
-    EXPECT_EQ(frame.width(), 320);
-    QByteArray withHeader = header384() + jpeg;
-    ASSERT_TRUE(jn.decode(reinterpret_cast<uchar*>(withHeader.data()), withHeader.size(), frame, true));
-    EXPECT_EQ(frame.width(), 320);
-    EXPECT_EQ(frame.height(), 240);
 }
 
 }  // namespace
