@@ -347,6 +347,9 @@ void ConcurrentDecoderImpl::finishJob()
 
 int ConcurrentDecoderImpl::emitFinishedImages()
 {
+    // A finished job's relayed results come before its last one, whatever order the
+    // events arrive in (a previous job's late finish can come first).
+    takeRelayed();
     int count = 0;
     for (int i = 0; i < slots_.size();) {
         DecodingSlot* slot = slots_.at(i);
@@ -405,7 +408,7 @@ void ConcurrentDecoderImpl::takeRelayed()
     Relay::Result r;
     while (relay_->take(r)) {
         DecodingSlot* slot = lastSlot();
-        if (r.epoch != relay_->epoch() || !slot || slot->cancelled)
+        if (r.epoch != relay_->epoch() || !slot)
             continue;  // the job was cancelled: its results are not shown
         // The job's next image is running now: it leaves the backlog before anyone looks.
         advanceBacklog(slot, r.serial);
