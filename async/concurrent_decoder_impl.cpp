@@ -46,15 +46,20 @@ public:
 
     void relay(quint64 epoch, quint64 serial, quint64 imageId, const VideoFrame& frame, quint32 errorCode) override
     {
+        bool wasEmpty = false;
         {
             // Handed over under a standard mutex, which race checkers follow (Qt's event
             // queue locks inside Qt, where they cannot see).
             const std::lock_guard<std::mutex> lock(mutex_);
+            wasEmpty = results_.empty();
             results_.push_back({epoch, serial, imageId, frame, errorCode});
         }
-        // A wake-up for the owner thread, dropped by Qt if the decoder is gone by then. By
-        // name, so that the event is made and freed inside Qt, with nothing of ours in it.
-        QMetaObject::invokeMethod(owner_, "takeRelayed", Qt::QueuedConnection);
+        // One wake-up per batch: the owner takes results until the queue is empty, so a
+        // result that finds it non-empty is taken by the wake-up already on its way. Dropped
+        // by Qt if the decoder is gone by then; by name, so that the event is made and freed
+        // inside Qt, with nothing of ours in it.
+        if (wasEmpty)
+            QMetaObject::invokeMethod(owner_, "takeRelayed", Qt::QueuedConnection);
     }
 
     // Owner thread: the oldest relayed result, in the order the job relayed them.

@@ -1,6 +1,9 @@
 #include "async/decode_scheduler.h"
 
 #include <QThreadPool>
+#include <QVarLengthArray>
+
+#include <algorithm>
 
 namespace orvo {
 
@@ -51,6 +54,9 @@ int DecodeScheduler::submit()
     QThreadPool* pool = QThreadPool::globalInstance();
     int count = 0;
     bool starving = false;
+    // Decoders found busy in this call: their further entries are passed over without
+    // looking them up again (a long backlog would make every call quadratic).
+    QVarLengthArray<const void*, 8> busy;
     while (!list_.isEmpty()) {
         // The oldest entry whose decoder is alive and idle; dead entries are dropped,
         // busy decoders keep their place.
@@ -59,6 +65,10 @@ int DecodeScheduler::submit()
         int i = 0;
         while (i < list_.size()) {
             const QSharedPointer<ScheduledImage>& entry = list_.at(i);
+            if (std::find(busy.begin(), busy.end(), entry->owner) != busy.end()) {
+                ++i;
+                continue;
+            }
             decoder = entry->decoder.toStrongRef();
             image = entry->image.toStrong();
             if (!decoder || image.isNull()) {
@@ -66,6 +76,7 @@ int DecodeScheduler::submit()
                 continue;
             }
             if (decoder->isBusy()) {
+                busy.append(entry->owner);
                 ++i;
                 continue;
             }
