@@ -1,6 +1,7 @@
 #include "orvo/decoder_jpeg.h"
 #include "orvo/log.h"
 
+#include "frames/plane_pool.h"
 #include "frames/sws_scale.h"
 
 #include <QBuffer>
@@ -10,7 +11,8 @@
 
 #include <algorithm>
 #include <cstring>
-#include <vector>
+#include <memory>
+#include <new>
 
 extern "C" {
 #include <libswscale/swscale.h>
@@ -38,7 +40,7 @@ bool loadJpeg(const uchar* jpeg, int n, QImage& image)
 
 // The loaded picture as a Format_YUV420P frame of its size (BT.601 video range, the
 // convention of the library's other frames). Null frame on failure.
-VideoFrame toYuv420(const QImage& loaded)
+VideoFrame toYuv420(const QImage& loaded, PlanePool& pool, sws::Scaler& scaler)
 {
     const int w = loaded.width(), h = loaded.height();
     if (loaded.isNull() || w <= 0 || h <= 0)
@@ -59,70 +61,92 @@ VideoFrame toYuv420(const QImage& loaded)
         }
         image = padded;
     }
-    const int cw = ew / 2, ch = eh / 2;
-    // Planes with padded rows and slack, so that swscale writes straight into them; the
-    // picture is then cropped into the frame.
-    const int ys = int(sws::outputRowStride(ew)), cs = int(sws::outputRowStride(cw));
-    const size_t lumaBytes = size_t(ys) * eh + sws::kOutputSlack, chromaBytes = size_t(cs) * ch + sws::kOutputSlack;
-    std::vector<uint8_t> planes(lumaBytes + 2 * chromaBytes);
-    uint8_t* const dst[4] = {planes.data(), planes.data() + lumaBytes, planes.data() + lumaBytes + chromaBytes,
-                             nullptr};
-    const int dstStride[4] = {ys, cs, cs, 0};
-    SwsContext* sws = sws_getContext(ew, eh, AV_PIX_FMT_BGR0, ew, eh, AV_PIX_FMT_YUV420P,
-                                     SWS_BILINEAR | SWS_ACCURATE_RND, nullptr, nullptr, nullptr);
-    if (!sws)
+    SwsContext* context =
+        scaler.get({ew, eh, AV_PIX_FMT_BGR0, false, ew, eh, AV_PIX_FMT_YUV420P, SWS_BILINEAR | SWS_ACCURATE_RND});
+    if (!context)
         return VideoFrame();
     const uint8_t* const src[4] = {image.constBits(), nullptr, nullptr, nullptr};
     const int srcStride[4] = {int(image.bytesPerLine()), 0, 0, 0};
-    const bool converted = sws::scale(sws, sws::Planes::of(AV_PIX_FMT_BGR0, ew, eh, src, srcStride),
-                                      sws::Planes::of(AV_PIX_FMT_YUV420P, ew, eh, dst, dstStride), sws::Room::Slack);
-    sws_freeContext(sws);
-    VideoFrame frame(w, h, VideoFrame::Format_YUV420P, defaultBufferProperties);
-    if (!converted || !frame.map(QAbstractVideoBuffer::WriteOnly))
+    const sws::Planes source = sws::Planes::of(AV_PIX_FMT_BGR0, ew, eh, src, srcStride);
+    bool pooled = false;
+    VideoFrame frame = pool.allocate(w, h, pooled);
+    if (!frame.map(QAbstractVideoBuffer::WriteOnly))
         return VideoFrame();
-    for (int y = 0; y < h; ++y)
-        std::memcpy(frame.lineY(y), dst[0] + size_t(y) * ys, size_t(w));
-    for (int y = 0; y < ch; ++y) {
-        std::memcpy(frame.lineU(y), dst[1] + size_t(y) * cs, size_t(cw));
-        std::memcpy(frame.lineV(y), dst[2] + size_t(y) * cs, size_t(cw));
+    bool converted = false;
+    if (ew == w && eh == h) {
+        // Even sizes: straight into the frame (pooled planes have swscale's slack).
+        const int chromaStride = int(frame.bytesPerLineU());
+        uint8_t* const dst[4] = {frame.bitsY(), frame.bitsU(), frame.bitsV(), nullptr};
+        const int dstStride[4] = {int(frame.bytesPerLineY()), chromaStride, chromaStride, 0};
+        converted = sws::scale(context, source, sws::Planes::of(AV_PIX_FMT_YUV420P, w, h, dst, dstStride),
+                               pooled ? sws::Room::Slack : sws::Room::Exact);
+    } else {
+        // Odd sizes: into padded scratch planes at the even size, then cropped into the frame.
+        const int cw = ew / 2, ch = eh / 2;
+        const int ys = int(sws::outputRowStride(ew)), cs = int(sws::outputRowStride(cw));
+        const size_t lumaBytes = size_t(ys) * eh + sws::kOutputSlack;
+        const size_t chromaBytes = size_t(cs) * ch + sws::kOutputSlack;
+        std::unique_ptr<uint8_t[]> planes(new (std::nothrow) uint8_t[lumaBytes + 2 * chromaBytes]);
+        if (planes) {
+            uint8_t* const dst[4] = {planes.get(), planes.get() + lumaBytes, planes.get() + lumaBytes + chromaBytes,
+                                     nullptr};
+            const int dstStride[4] = {ys, cs, cs, 0};
+            converted = sws::scale(context, source, sws::Planes::of(AV_PIX_FMT_YUV420P, ew, eh, dst, dstStride),
+                                   sws::Room::Slack);
+            if (converted) {
+                for (int y = 0; y < h; ++y)
+                    std::memcpy(frame.lineY(y), dst[0] + size_t(y) * ys, size_t(w));
+                for (int y = 0; y < ch; ++y) {
+                    std::memcpy(frame.lineU(y), dst[1] + size_t(y) * cs, size_t(cw));
+                    std::memcpy(frame.lineV(y), dst[2] + size_t(y) * cs, size_t(cw));
+                }
+            }
+        }
     }
     frame.unmap();
+    if (!converted)
+        return VideoFrame();
     frame.setScale(1, 1);
     return frame;
 }
 
-// The caller's frame changes only when the conversion succeeded.
-bool fill(VideoFrame& frame, const QImage& image)
-{
-    VideoFrame converted = toYuv420(image);
-    if (converted.isNull())
-        return false;
-    frame = converted;
-    return true;
-}
-
 }  // namespace
+
+// Frames recycled between pictures and the conversion context kept: cameras send one
+// size for a long time.
+struct DecoderJPEG::State {
+    PlanePool pool;
+    sws::Scaler scaler;
+};
+
+DecoderJPEG::DecoderJPEG() : state_(std::make_unique<State>()) {}
+
+DecoderJPEG::~DecoderJPEG() = default;
 
 bool DecoderJPEG::decode(unsigned char* data, int size, orvo::VideoFrame& frame, bool)
 {
     const int n = size - kHeaderSize;
     if (!data || n <= 0)  // nothing after the header (retrying there would read past the payload)
         return false;
-    const QByteArray payload(reinterpret_cast<const char*>(data), size);
-    const uchar* jpeg = reinterpret_cast<const uchar*>(payload.constData()) + kHeaderSize;
+    const uchar* jpeg = data + kHeaderSize;
 
     // The JPEG may start anywhere after the header. Only offsets holding an SOI marker can
-    // load, so the others are skipped without asking Qt: same outcome, linear time.
+    // load (Qt's reader refuses anything else), so the others are skipped without asking
+    // Qt: same outcome, linear time. The caller's frame changes only on success.
     QImage image;
-    for (int i = 0; i < n; ++i) {
-        if (i + 1 < n && jpeg[i] == 0xFF && jpeg[i + 1] == 0xD8 && loadJpeg(jpeg + i, n - i, image)) {
+    for (int i = 0; i + 1 < n; ++i) {
+        if (jpeg[i] == 0xFF && jpeg[i + 1] == 0xD8 && loadJpeg(jpeg + i, n - i, image)) {
             odebug() << "found i=" << i;
-            return fill(frame, image);
+            VideoFrame converted = toYuv420(image, state_->pool, state_->scaler);
+            if (converted.isNull())
+                return false;
+            frame = converted;
+            return true;
         }
         if (i % 1000 == 0)
             odebug() << "i=" << i;
     }
-    return loadJpeg(jpeg, n, image) && fill(frame, image);
+    return false;
 }
 
 }  // namespace orvo

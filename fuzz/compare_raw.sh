@@ -5,7 +5,8 @@
 # per-input time is the replay's CPU time less that of an empty replay (start-up), over
 # the number of inputs; the table shows the medians and ours / raw.
 #   usage: fuzz/compare_raw.sh [BUILD [CORPORA]]   CORPORA/<fuzz target>/ (default: the
-#   campaign corpora of BUILD, plus the committed seeds)
+#   campaign corpora of BUILD, plus the committed seeds); TARGETS="fuzz_decode_x ..." limits
+#   the table to those targets
 set -euo pipefail
 cd "$(dirname "$0")/.."
 BUILD=${1:-build-fuzz}
@@ -36,6 +37,7 @@ printf '%-26s %7s %12s %12s %7s\n' target runs "ours us/in" "raw us/in" ratio
 for raw in "$BUILD"/fuzz/raw_decode_*; do
   [ -x "$raw" ] || continue
   name=fuzz_decode_${raw##*/raw_decode_}
+  [ -z "${TARGETS:-}" ] || [[ " $TARGETS " == *" $name "* ]] || continue
   ours=$BUILD/fuzz/$name
   dirs=()
   [ -d "$CORPORA/$name" ] && dirs+=("$CORPORA/$name")
