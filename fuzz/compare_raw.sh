@@ -3,7 +3,7 @@
 # corpus per target is replayed by fuzz_decode_X and raw_decode_X of the same build (same
 # compiler, sanitizers and coverage), ROUNDS times interleaved (ours, raw, ours, ...). The
 # per-input time is the replay's CPU time less that of an empty replay (start-up), over
-# the number of inputs; the table shows the medians and ours / raw.
+# the number of inputs; the table shows the medians and the median of the rounds' ours / raw.
 #   usage: fuzz/compare_raw.sh [BUILD [CORPORA]]   CORPORA/<fuzz target>/ (default: the
 #   campaign corpora of BUILD, plus the committed seeds); TARGETS="fuzz_decode_x ..." limits
 #   the table to those targets
@@ -47,13 +47,15 @@ for raw in "$BUILD"/fuzz/raw_decode_*; do
   runs=()
   for ((p = 0; p < PASSES; ++p)); do runs+=("${files[@]}"); done
   inputs=${#runs[@]}
-  o=() r=()
+  o=() r=() q=()
   for ((i = 0; i < ROUNDS; ++i)); do
     o0=$(replay "$ours" "$name" "$empty"); o1=$(replay "$ours" "$name" "${runs[@]}")
     r0=$(replay "$raw" "$name" "$empty"); r1=$(replay "$raw" "$name" "${runs[@]}")
     o+=($(((o1 - o0) / inputs))) r+=($(((r1 - r0) / inputs)))
+    # Each round's own ratio: load that drifts between rounds cancels out within one.
+    q+=("$(awk -v a="$((o1 - o0))" -v b="$((r1 - r0))" 'BEGIN { printf (b > 0 ? "%.3f" : "0"), a / b }')")
   done
   om=$(median "${o[@]}") rm=$(median "${r[@]}")
-  printf '%-26s %7d %12d %12d %7s\n' "$name" "$inputs" "$om" "$rm" \
-    "$(awk -v a="$om" -v b="$rm" 'BEGIN { printf (b > 0 ? "%.2f" : "-"), a / b }')"
+  printf '%-26s %7d %12d %12d %7.2f\n' "$name" "$inputs" "$om" "$rm" "$(printf '%s\n' "${q[@]}" | sort -g |
+    sed -n "$(((ROUNDS + 1) / 2))p")"
 done
