@@ -25,9 +25,10 @@ namespace orvo::fuzz {
 // keepRange (the MxPEG backend) the range stays and only the chroma layout changes.
 inline void rawConvert(const AVFrame* frame, bool keepRange)
 {
+    // Full range by its format or by its flag (an MPEG-4 header may set it on plain 4:2:0).
     const bool jpeg = frame->format == AV_PIX_FMT_YUVJ420P || frame->format == AV_PIX_FMT_YUVJ422P ||
                       frame->format == AV_PIX_FMT_YUVJ444P || frame->format == AV_PIX_FMT_YUVJ440P ||
-                      frame->format == AV_PIX_FMT_YUVJ411P;
+                      frame->format == AV_PIX_FMT_YUVJ411P || frame->color_range == AVCOL_RANGE_JPEG;
     const bool full = !keepRange && jpeg;
     const bool planar420 = frame->format == AV_PIX_FMT_YUV420P || (keepRange && frame->format == AV_PIX_FMT_YUVJ420P);
     if ((planar420 && !full) || (keepRange && frame->format == AV_PIX_FMT_GRAY8) || frame->width <= 0 ||
