@@ -14,21 +14,6 @@
 
 namespace orvo::test {
 
-// Runs the event loop until `done()` or `timeoutMs`; returns done().
-inline bool waitUntil(const std::function<bool()>& done, int timeoutMs = 30000)
-{
-    QElapsedTimer timer;
-    timer.start();
-    while (!done()) {
-        if (timer.elapsed() > timeoutMs)
-            return done();
-        QEventLoop loop;
-        QTimer::singleShot(2, &loop, &QEventLoop::quit);
-        loop.exec();
-    }
-    return true;
-}
-
 // Runs the event loop for `ms` milliseconds.
 inline void spin(int ms)
 {
@@ -37,10 +22,21 @@ inline void spin(int ms)
     loop.exec();
 }
 
+// Runs the event loop until `done()` or `timeoutMs`; returns done().
+inline bool waitUntil(const std::function<bool()>& done, int timeoutMs = 30000)
+{
+    QElapsedTimer timer;
+    timer.start();
+    while (!done() && timer.elapsed() <= timeoutMs)
+        spin(2);
+    return done();
+}
+
 // Records what one decoder object emits.
 struct Recorder {
     std::vector<VideoFrame> frames;
     std::vector<quint32> errors;
+    std::vector<quint64> errorIds;
     QObject context;
     std::function<void(const VideoFrame&)> onFrame;
 
@@ -51,8 +47,10 @@ struct Recorder {
             if (onFrame)
                 onFrame(f);
         });
-        QObject::connect(source, &DecoderInterfaceSignals::error, &context,
-                         [this](DecoderError e) { errors.push_back(e.code()); });
+        QObject::connect(source, &DecoderInterfaceSignals::error, &context, [this](DecoderError e) {
+            errors.push_back(e.code());
+            errorIds.push_back(e.imageId());
+        });
     }
     std::vector<quint64> ids() const
     {
@@ -72,13 +70,14 @@ inline std::vector<quint64> idRange(quint64 first, quint64 last)
     return out;
 }
 
-// A small H.264 clip (176x144, no B-frames, an IDR every `gop` pictures) as camera images.
+// Small clips (176x144) as cameras send them: H.264 without B-frames, an IDR every `gop`
+// pictures; Motion JPEG.
 inline QString h264Clip(int frames, int gop)
 {
     return ffmpegFile(QStringLiteral("async_h264_%1_g%2.mp4").arg(frames).arg(gop),
-                      QStringLiteral("-f lavfi -i testsrc2=size=176x144:rate=25 -frames:v %1 -c:v libx264 "
-                                     "-preset veryfast -tune zerolatency -bf 0 -g %2 -keyint_min %2 "
-                                     "-sc_threshold 0 -pix_fmt yuv420p")
+                      QStringLiteral("-f lavfi -i testsrc2=size=176x144:rate=25 -frames:v %1 -c:v libx264 -preset "
+                                     "veryfast -tune zerolatency -bf 0 -g %2 -keyint_min %2 -sc_threshold 0 -pix_fmt "
+                                     "yuv420p")
                           .arg(frames)
                           .arg(gop));
 }
@@ -86,8 +85,8 @@ inline QString h264Clip(int frames, int gop)
 inline QString mjpegClip(int frames)
 {
     return ffmpegFile(QStringLiteral("async_mjpeg_%1.avi").arg(frames),
-                      QStringLiteral("-f lavfi -i testsrc2=size=176x144:rate=25 -frames:v %1 -c:v mjpeg "
-                                     "-pix_fmt yuvj420p -q:v 4")
+                      QStringLiteral("-f lavfi -i testsrc2=size=176x144:rate=25 -frames:v %1 -c:v mjpeg -pix_fmt "
+                                     "yuvj420p -q:v 4")
                           .arg(frames));
 }
 
@@ -96,8 +95,7 @@ inline QByteArray rawYuv(int w, int h, int seed)
 {
     QByteArray p;
     p.append(char(w >> 8)).append(char(w & 0xff)).append(char(h >> 8)).append(char(h & 0xff));
-    const int n = w * h + w * h / 2;
-    for (int i = 0; i < n; ++i)
+    for (int i = 0; i < w * h * 3 / 2; ++i)
         p.append(char((i * 7 + seed * 13) & 0xff));
     return p;
 }
@@ -109,9 +107,8 @@ inline std::vector<QByteArray> syncDecode(const std::vector<Image>& images)
     Decoder decoder;
     for (const Image& image : images) {
         VideoFrame frame;
-        const bool ok = decoder.decode(image.type(), image.payloadData(), int(image.payloadSize()), frame, 0,
-                                       image.iframe());
-        out.push_back(ok ? packYuv420p(frame) : QByteArray());
+        out.push_back(decoder.decodeImage(image, frame) == Decoder::ImageResult::Picture ? packYuv420p(frame)
+                                                                                         : QByteArray());
     }
     return out;
 }

@@ -18,9 +18,11 @@ const std::vector<Image>& clip()
     return images;
 }
 
-int inFlight()
+// Nothing left running or scheduled in the shared pool.
+void expectPoolIdle()
 {
-    return DecodeScheduler::instance()->inFlight();
+    EXPECT_EQ(DecodeScheduler::instance()->inFlight(), 0);
+    EXPECT_EQ(DecodeScheduler::instance()->scheduledCount(), 0);
 }
 
 }  // namespace
@@ -61,8 +63,7 @@ TEST(Lifetime, DestroyingBusyDecodersLeavesTheOthersRunning)
     for (int s = 0; s < kStreams; ++s)
         EXPECT_EQ(recs[s]->frames.size(), counts[s]) << "late frame on stream " << s;
     EXPECT_TRUE(recs[0]->frames.empty());
-    EXPECT_EQ(inFlight(), 0);
-    EXPECT_EQ(DecodeScheduler::instance()->scheduledCount(), 0);
+    expectPoolIdle();
 }
 
 TEST(Lifetime, HandleDestroyedFromItsOwnSignal)
@@ -88,7 +89,7 @@ TEST(Lifetime, HandleDestroyedFromItsOwnSignal)
     spin(30);
     EXPECT_EQ(decoder, nullptr);
     EXPECT_EQ(rec.ids(), (std::vector<quint64>{1, 2, 3}));
-    EXPECT_EQ(inFlight(), 0);
+    expectPoolIdle();
 }
 
 TEST(Lifetime, ParentOwnsTheHandleAndImplementationOutlivesIt)
@@ -103,7 +104,7 @@ TEST(Lifetime, ParentOwnsTheHandleAndImplementationOutlivesIt)
         EXPECT_TRUE(decoder.isNull());
     }
     spin(20);
-    EXPECT_EQ(inFlight(), 0);
+    expectPoolIdle();
 
     // A client that kept the implementation keeps a working decoder after the handle is gone.
     QSharedPointer<SignaledAsyncDecoderInterface> kept;
@@ -122,8 +123,7 @@ TEST(Lifetime, ParentOwnsTheHandleAndImplementationOutlivesIt)
     kept.reset();
     spin(30);
     EXPECT_EQ(rec.frames.size(), images.size());
-    EXPECT_EQ(inFlight(), 0);
-    EXPECT_EQ(DecodeScheduler::instance()->scheduledCount(), 0);
+    expectPoolIdle();
 }
 
 TEST(Lifetime, OrderedHandleDestroyedFromItsSignalInSynchronousMode)
