@@ -100,16 +100,12 @@ inline QByteArray rawYuv(int w, int h, int seed)
     return p;
 }
 
-// Synchronous reference decode of a whole image sequence through one Decoder.
+// Synchronous reference decode of a whole image sequence through one Decoder, packed.
 inline std::vector<QByteArray> syncDecode(const std::vector<Image>& images)
 {
     std::vector<QByteArray> out;
-    Decoder decoder;
-    for (const Image& image : images) {
-        VideoFrame frame;
-        out.push_back(decoder.decodeImage(image, frame) == Decoder::ImageResult::Picture ? packYuv420p(frame)
-                                                                                         : QByteArray());
-    }
+    for (const VideoFrame& frame : decodeImages(images))
+        out.push_back(packYuv420p(frame));
     return out;
 }
 

@@ -45,7 +45,7 @@ TEST(AsyncMeta, QueuedStringConnectionsAndErrorTexts)
     struct Translator : QTranslator {
         QString translate(const char* context, const char* source, const char*, int) const override
         {
-            return QByteArray(context) == "DecoderError" ? QStringLiteral("T:") + QString::fromLatin1(source) : QString();
+            return QByteArray(context) == "DecoderError" ? QStringLiteral("T:") + QLatin1String(source) : QString();
         }
     } translator;
     QCoreApplication::installTranslator(&translator);

@@ -8,6 +8,7 @@
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
 
+#include "orvo/decoder.h"
 #include "orvo/stream_reader.h"
 
 extern "C" {
@@ -17,6 +18,7 @@ extern "C" {
 
 #include <cstdlib>
 #include <memory>
+#include <utility>
 
 namespace orvo::test {
 
@@ -76,6 +78,23 @@ std::vector<Image> toImages(const std::vector<Packet>& packets, quint8 type, qui
     for (size_t i = 0; i < packets.size(); ++i)
         images.emplace_back(type, packets[i].data, firstId + i, qint64(i) * 40, packets[i].key);
     return images;
+}
+
+std::vector<VideoFrame> decodeImages(const std::vector<Image>& images, std::vector<quint64>* failed)
+{
+    std::vector<VideoFrame> frames;
+    Decoder decoder;
+    VideoFrame frame;
+    for (const Image& image : images) {
+        const Decoder::ImageResult r = decoder.decodeImage(image, frame);
+        if (r == Decoder::ImageResult::Picture)
+            frames.push_back(std::exchange(frame, VideoFrame()));
+        else if (r == Decoder::ImageResult::Failed && failed)
+            failed->push_back(image.id());
+    }
+    while (decoder.drain(frame))
+        frames.push_back(std::exchange(frame, VideoFrame()));
+    return frames;
 }
 
 std::vector<QByteArray> ffmpegFrames(const QString& path, int width, int height, const QString& pixFmt,

@@ -11,7 +11,6 @@
 #include "orvo/stream_reader.h"
 
 #include <QFile>
-#include <QProcess>
 #include <gtest/gtest.h>
 
 #include <map>
@@ -129,11 +128,10 @@ const ClipData& clipData(const Clip& clip)
     EXPECT_TRUE(file.open(QIODevice::ReadOnly));
     EXPECT_EQ(position, file.size()) << "a raw stream is cut without losing a byte";
     data.reference = ffmpegFrames(data.path, 320, 256);
-    QProcess probe;
-    probe.start(QStringLiteral("ffprobe"), {"-v", "error", "-select_streams", "v:0", "-show_entries", "frame=pkt_pos",
-                                            "-of", "csv=p=0", data.path});
-    EXPECT_TRUE(probe.waitForFinished(60000));
-    for (const QByteArray& line : probe.readAllStandardOutput().split('\n')) {
+    const QByteArray positions = runProgram(QStringLiteral("ffprobe"), {"-v", "error", "-select_streams", "v:0",
+                                                                       "-show_entries", "frame=pkt_pos", "-of",
+                                                                       "csv=p=0", data.path});
+    for (const QByteArray& line : positions.split('\n')) {
         const QByteArray pos = line.split(',').front().trimmed();  // side data may follow
         if (pos.isEmpty())
             continue;
@@ -188,20 +186,10 @@ Outcome decodeThrough(Path path, const std::vector<Image>& images)
 {
     Outcome out;
     if (path == Path::Decoder || path == Path::DecoderZeroCopy) {
-        Decoder decoder;
-        for (const Image& image : images) {
-            VideoFrame frame;
-            const Decoder::ImageResult r = decoder.decodeImage(image, frame);
-            if (r == Decoder::ImageResult::Picture)
-                out.frames.push_back(frame);
-            else if (r == Decoder::ImageResult::Failed)
-                out.errors.push_back(DecoderError(1, image.id()));
-        }
-        VideoFrame frame;
-        while (decoder.drain(frame)) {
-            out.frames.push_back(frame);
-            frame = VideoFrame();
-        }
+        std::vector<quint64> failed;
+        out.frames = decodeImages(images, &failed);
+        for (quint64 id : failed)
+            out.errors.push_back(DecoderError(1, id));
         return out;
     }
     QObject context;

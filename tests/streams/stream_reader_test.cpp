@@ -1,15 +1,10 @@
-// orvo::StreamReader on containers and raw elementary streams, from files and memory,
-// and hostile images that must not stall a decoder.
-#include "async/async_test_util.h"
+// orvo::StreamReader on containers and raw elementary streams, from files and memory.
 #include "common/test_streams.h"
-#include "orvo/concurrent_decoder.h"
 #include "orvo/decoder.h"
 #include "orvo/stream_reader.h"
 
 #include <QFile>
 #include <gtest/gtest.h>
-
-#include <random>
 
 using namespace orvo;
 using namespace orvo::test;
@@ -36,31 +31,18 @@ const ReaderCase kReaderCases[] = {
     {"reader_mjpeg.mjpeg", SRC "-c:v mjpeg -q:v 3 -pix_fmt yuvj420p -f mjpeg", 'j', "mjpeg", "-sws_flags bilinear"},
 };
 
-// Every picture of the reader's images through one Decoder, drained at the end.
-std::vector<VideoFrame> decodeAll(StreamReader& reader, quint8 code)
+// The reader's images, checked for their code, ids and first I-frame.
+std::vector<Image> readAll(StreamReader& reader, quint8 code)
 {
-    std::vector<VideoFrame> frames;
-    Decoder decoder;
+    std::vector<Image> images;
     Image image;
-    VideoFrame frame;
-    quint64 expectedId = 1;
     while (reader.read(image) == StreamReader::Result::Image) {
         EXPECT_EQ(image.type(), code);
-        EXPECT_EQ(image.id(), expectedId++);
-        if (image.id() == 1)
-            EXPECT_TRUE(image.iframe());
-        const Decoder::ImageResult r = decoder.decodeImage(image, frame);
-        EXPECT_NE(r, Decoder::ImageResult::Failed) << "image " << image.id();
-        if (r == Decoder::ImageResult::Picture) {
-            frames.push_back(frame);
-            frame = VideoFrame();
-        }
+        EXPECT_EQ(image.id(), images.size() + 1);
+        EXPECT_TRUE(image.iframe() || !images.empty());
+        images.push_back(image);
     }
-    while (decoder.drain(frame)) {
-        frames.push_back(frame);
-        frame = VideoFrame();
-    }
-    return frames;
+    return images;
 }
 
 TEST(StreamReaderTest, YieldsTheSamePicturesAsFFmpegFromFilesAndMemory)
@@ -82,7 +64,9 @@ TEST(StreamReaderTest, YieldsTheSamePicturesAsFFmpegFromFilesAndMemory)
                 << reader.errorString().toStdString();
             EXPECT_EQ(reader.formatCode(), c.code);
             EXPECT_EQ(reader.width(), 208);
-            const std::vector<VideoFrame> frames = decodeAll(reader, c.code);
+            std::vector<quint64> failed;
+            const std::vector<VideoFrame> frames = decodeImages(readAll(reader, c.code), &failed);
+            EXPECT_TRUE(failed.empty());
             ASSERT_EQ(frames.size(), reference.size()) << (fromMemory ? "memory" : "file");
             for (size_t k = 0; k < frames.size(); ++k)
                 EXPECT_EQ(maxDiffYuv420p(frames[k], reference[k], 208, 120), 0) << k;
@@ -95,7 +79,7 @@ TEST(StreamReaderTest, YieldsTheSamePicturesAsFFmpegFromFilesAndMemory)
     QFile raw(ffmpegFile(QStringLiteral("reader_h264.h264"), QString::fromLatin1(kReaderCases[2].encode)));
     ASSERT_TRUE(raw.open(QIODevice::ReadOnly));
     ASSERT_TRUE(probed.openData(raw.readAll()));
-    EXPECT_EQ(decodeAll(probed, 'h').size(), 12u);
+    EXPECT_EQ(decodeImages(readAll(probed, 'h')).size(), 12u);
 }
 
 TEST(StreamReaderTest, ErrorsAreResults)
@@ -111,52 +95,6 @@ TEST(StreamReaderTest, ErrorsAreResults)
     // Audio only: no video stream.
     EXPECT_FALSE(reader.open(ffmpegFile(QStringLiteral("reader_audio.wav"), QStringLiteral("-f lavfi -i sine -t 0.2"))));
     EXPECT_EQ(reader.formatCode(), 0);
-}
-
-// Each hostile image goes in front of a clip; the clip's last picture must still arrive.
-TEST(HostileImages, NeverStallTheDecoder)
-{
-    const auto clip = toImages(demuxVideo(h264Clip(10, 5)), 'h', 2);
-    ASSERT_EQ(clip.size(), 10u);
-    std::mt19937 random(15);
-    QByteArray noise(4096, '\0');
-    for (char& b : noise)
-        b = char(random() & 0xff);
-    noise[0] = 0x11;  // no start code anywhere, by construction of the seed (checked below)
-    ASSERT_EQ(noise.indexOf(QByteArray("\0\0\1", 3)), -1);
-    struct Hostile {
-        const char* name;
-        Image image;
-        int accepted;  // decode()'s answer
-        int errors;
-    };
-    const Hostile cases[] = {
-        {"null", Image(), 0, 0},
-        {"empty payload", Image('h', QByteArray(), 1), 0, 0},
-        {"unknown code", Image('R', noise, 1), 0, 0},
-        {"random bytes", Image('h', noise, 1, 0, true), 1, 1},
-    };
-    for (const Hostile& h : cases) {
-        SCOPED_TRACE(h.name);
-        ConcurrentDecoder decoder;
-        Recorder rec, errors;
-        rec.attach(&decoder);
-        std::vector<DecoderError> raised;
-        QObject::connect(decoder.getInterface(), &DecoderInterfaceSignals::error, &errors.context,
-                         [&](DecoderError e) { raised.push_back(e); });
-        EXPECT_EQ(decoder.decode(h.image), h.accepted);
-        EXPECT_EQ(decoder.droppedImages(), h.accepted ? 0u : 1u);
-        for (const Image& image : clip)
-            ASSERT_EQ(decoder.decode(image), 1);
-        ASSERT_TRUE(waitUntil([&] { return !rec.frames.empty() && rec.frames.back().id() == 11; }));
-        EXPECT_EQ(rec.ids(), idRange(2, 11));
-        spin(10);
-        ASSERT_EQ(int(raised.size()), h.errors);
-        if (h.errors) {
-            EXPECT_EQ(raised[0].code(), 1u);
-            EXPECT_EQ(raised[0].imageId(), 1u);
-        }
-    }
 }
 
 }  // namespace
