@@ -1,19 +1,11 @@
-// The audio buffer against a recording backend and against a real encoder.
+// The audio buffer against a recording backend (real encoders: the output-format suite).
 #include "encoders/encoder_test_support.h"
-#include "encoders/fake_backend.h"
 #include "orvo/audio_buffer_encoder.h"
-#include "orvo/av_encoder.h"
 
-#include <QFile>
 #include <gtest/gtest.h>
 
 #include <memory>
 #include <numeric>
-#include <random>
-
-extern "C" {
-#include <libavcodec/codec_id.h>
-}
 
 using namespace orvo;
 using namespace orvo::test;
@@ -171,46 +163,6 @@ TEST_F(BufferFixture, DiscardAndPushSilence)
     EXPECT_TRUE(buf->skipped_forward());
     buf->reset_encoded();
     EXPECT_EQ(buf->encoded(), 0u);
-}
-
-// Odd-sized runs through a real MP2 encoder: every sample is accounted for, and the
-// file holds exactly the samples encoded.
-TEST(AudioBufferWithAVEncoder, OddRunsAreAllAccountedFor)
-{
-    const QString path = dataDir() + "/buffered.mp2";
-    QFile::remove(path);
-    Encoder enc(1);
-    EncoderError error;
-    ASSERT_TRUE(enc.open(1, path.toStdString(), "", 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, AV_CODEC_ID_MP2, 64000, 48000, 1,
-                         nullptr, error))
-        << error.toString();
-    auto buf = std::make_unique<AudioBufferEncoder>();
-    std::mt19937 rng(5);
-    quint64 given = 0, silenceAdded = 0;
-    for (int i = 0; i < 120; ++i) {
-        const unsigned int n = 1 + 2 * (rng() % 1500);  // odd sizes
-        std::vector<short> s = tone(given + silenceAdded, int(n), 1, 48000);
-        unsigned int encodedNow = 0;
-        ASSERT_TRUE(buf->enqueue(enc, s.data(), n, encodedNow, true));
-        given += n;
-        if (i % 17 == 0) {
-            ASSERT_EQ(buf->enqueue_silence(enc, 333, true), 1);
-            silenceAdded += 333;
-        }
-    }
-    // Everything not yet encoded is still held: buffered samples or pending silence.
-    const quint64 held = buf->capacity() - buf->room();  // buffered plus pending silence
-    EXPECT_LT(held, 1152u);
-    EXPECT_EQ(buf->encoded() + held, given + silenceAdded);
-    EXPECT_EQ(buf->encoded() % 1152, 0u);
-    const unsigned int encoded = buf->encoded();
-    enc.close();
-
-    const QJsonObject audio = streamOfType(ffprobe(path), "audio");
-    ASSERT_FALSE(audio.isEmpty());
-    EXPECT_EQ(number(audio, "nb_read_frames"), encoded / 1152);
-    const std::vector<short> pcm = ffmpegAudio(path);
-    EXPECT_EQ(pcm.size(), encoded);
 }
 
 }  // namespace

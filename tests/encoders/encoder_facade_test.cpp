@@ -1,6 +1,5 @@
 // The facade without and with a backend, silence padding, the error record.
 #include "encoders/encoder_test_support.h"
-#include "encoders/fake_backend.h"
 #include "orvo/av_encoder.h"
 
 #include <gtest/gtest.h>
