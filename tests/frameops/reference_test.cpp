@@ -47,24 +47,30 @@ QByteArray cliBgra(int outW, int outH)
                    "-pix_fmt", "bgra", "-f", "rawvideo", "-"});
 }
 
-// swscale on the frame's own planes, region (x, y, w, h), into a packed BGRA buffer.
-QByteArray directSws(const VideoFrame& frame, int x, int y, int w, int h, int outW, int outH)
+// swscale (bilinear) on the frame's own planes, region (x, y, w, h), into outW x outH planes.
+void swsInto(const VideoFrame& frame, int x, int y, int w, int h, AVPixelFormat format, int outW, int outH,
+             uint8_t* const dst[4], const int dstStride[4])
 {
     VideoFrame f = frame;
-    EXPECT_TRUE(f.map(QAbstractVideoBuffer::ReadOnly));
-    SwsContext* c = sws_getContext(w, h, AV_PIX_FMT_YUV420P, outW, outH, AV_PIX_FMT_BGRA, SWS_BILINEAR, nullptr,
-                                   nullptr, nullptr);
-    // swscale writes past tight rows: convert into padded rows, keep each row's pixels.
-    const int stride = (outW * 4 + 32 + 63) / 64 * 64;
-    QByteArray padded(stride * outH + 256, 0);
+    ASSERT_TRUE(f.map(QAbstractVideoBuffer::ReadOnly));
+    SwsContext* c = sws_getContext(w, h, AV_PIX_FMT_YUV420P, outW, outH, format, SWS_BILINEAR, nullptr, nullptr,
+                                   nullptr);
     const uint8_t* src[4] = {f.bitsY() + y * f.bytesPerLineY() + x, f.bitsU() + y / 2 * f.bytesPerLineU() + x / 2,
                              f.bitsV() + y / 2 * f.bytesPerLineV() + x / 2, nullptr};
     const int srcStride[4] = {int(f.bytesPerLineY()), int(f.bytesPerLineU()), int(f.bytesPerLineV()), 0};
-    uint8_t* dst[4] = {reinterpret_cast<uint8_t*>(padded.data()), nullptr, nullptr, nullptr};
-    const int dstStride[4] = {stride, 0, 0, 0};
     sws_scale(c, src, srcStride, 0, h, dst, dstStride);
     sws_freeContext(c);
     f.unmap();
+}
+
+// The same into packed BGRA. swscale writes past tight rows: it converts into padded rows.
+QByteArray directSws(const VideoFrame& frame, int x, int y, int w, int h, int outW, int outH)
+{
+    const int stride = (outW * 4 + 32 + 63) / 64 * 64;
+    QByteArray padded(stride * outH + 256, 0);
+    uint8_t* dst[4] = {reinterpret_cast<uint8_t*>(padded.data()), nullptr, nullptr, nullptr};
+    const int dstStride[4] = {stride, 0, 0, 0};
+    swsInto(frame, x, y, w, h, AV_PIX_FMT_BGRA, outW, outH, dst, dstStride);
     QByteArray out;
     for (int j = 0; j < outH; ++j)
         out.append(padded.constData() + j * stride, outW * 4);
@@ -138,22 +144,14 @@ TEST(FrameReference, ScaleToMatchesSwscale)
     ASSERT_NE(ctx.context, nullptr);
     SwsContext* const kept = ctx.context;
 
-    VideoFrame f = frame;
-    ASSERT_TRUE(f.map(QAbstractVideoBuffer::ReadOnly));
     orvo::BufferProperties padded;
     padded.minBytesPerLineY = 256;
     padded.minBytesPerLineU = 256;
     VideoFrame ref(160, 90, VideoFrame::Format_YUV420P, padded);
     ASSERT_TRUE(ref.map(QAbstractVideoBuffer::WriteOnly));
-    SwsContext* c = sws_getContext(kW, kH, AV_PIX_FMT_YUV420P, 160, 90, AV_PIX_FMT_YUV420P, SWS_BILINEAR, nullptr,
-                                   nullptr, nullptr);
-    const uint8_t* src[4] = {f.bitsY(), f.bitsU(), f.bitsV(), nullptr};
-    const int ss[4] = {int(f.bytesPerLineY()), int(f.bytesPerLineU()), int(f.bytesPerLineV()), 0};
     uint8_t* dst[4] = {ref.bitsY(), ref.bitsU(), ref.bitsV(), nullptr};
     const int ds[4] = {int(ref.bytesPerLineY()), int(ref.bytesPerLineU()), int(ref.bytesPerLineV()), 0};
-    sws_scale(c, src, ss, 0, kH, dst, ds);
-    sws_freeContext(c);
-    f.unmap();
+    swsInto(frame, 0, 0, kW, kH, AV_PIX_FMT_YUV420P, 160, 90, dst, ds);
     ref.unmap();
     for (Plane p : {Plane::Y, Plane::U, Plane::V})
         EXPECT_EQ(planeBytes(small, p), planeBytes(ref, p));
