@@ -2,30 +2,16 @@
 #include "common/test_streams.h"
 #include "orvo/decoder_jpeg.h"
 
-#include <QBuffer>
 #include <QImage>
 #include <gtest/gtest.h>
 
 #include <cmath>
 
+using namespace orvo::test;
 using orvo::DecoderJPEG;
 using orvo::VideoFrame;
 
 namespace {
-
-// A smooth colour picture (red along x, blue along y) saved as JPEG by Qt's libjpeg.
-QByteArray gradientJpeg(int w, int h)
-{
-    QImage img(w, h, QImage::Format_RGB32);
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x)
-            img.setPixel(x, y, qRgb(20 + 200 * x / w, 90, 230 - 200 * y / h));
-    QByteArray out;
-    QBuffer buffer(&out);
-    buffer.open(QIODevice::WriteOnly);
-    EXPECT_TRUE(img.save(&buffer, "JPEG", 95));
-    return out;
-}
 
 QByteArray header384()
 {
@@ -43,7 +29,7 @@ bool decodeJpeg(DecoderJPEG& d, QByteArray bytes, VideoFrame& frame)
 TEST(JpegThroughQt, FillsAYuv420FrameMatchingTheJpegsDecode)
 {
     const int w = 97, h = 61;
-    const QByteArray jpeg = gradientJpeg(w, h);
+    const QByteArray jpeg = qtJpeg(w, h);
     QImage ref;
     ASSERT_TRUE(ref.loadFromData(jpeg, "JPEG"));
     ref = ref.convertToFormat(QImage::Format_RGB32);
@@ -55,9 +41,9 @@ TEST(JpegThroughQt, FillsAYuv420FrameMatchingTheJpegsDecode)
         ASSERT_EQ(frame.pixelFormat(), VideoFrame::Format_YUV420P);
         ASSERT_EQ(frame.width(), w);
         ASSERT_EQ(frame.height(), h);
-        const QByteArray y = orvo::test::planeBytes(frame, orvo::test::Plane::Y);
-        const QByteArray u = orvo::test::planeBytes(frame, orvo::test::Plane::U);
-        const QByteArray v = orvo::test::planeBytes(frame, orvo::test::Plane::V);
+        const QByteArray y = planeBytes(frame, Plane::Y);
+        const QByteArray u = planeBytes(frame, Plane::U);
+        const QByteArray v = planeBytes(frame, Plane::V);
         const int cw = (w + 1) / 2;
         auto at = [](const QByteArray& p, int stride, int x, int y) { return int(uchar(p[y * stride + x])); };
         int worstY = 0, worstC = 0;
@@ -83,16 +69,6 @@ TEST(JpegThroughQt, FillsAYuv420FrameMatchingTheJpegsDecode)
         EXPECT_FALSE(decodeJpeg(decoder, bad, frame));
         EXPECT_TRUE(frame == untouched);
     }
-    // A header declaring 20000 x 20000 from a few hundred bytes is refused before Qt
-    // allocates the picture (1.6 GB).
-    QByteArray huge = gradientJpeg(16, 16);
-    const int sof = huge.indexOf(QByteArray("\xff\xc0", 2));
-    ASSERT_GT(sof, 0);
-    huge[sof + 5] = huge[sof + 7] = char(20000 >> 8);
-    huge[sof + 6] = huge[sof + 8] = char(20000 & 0xff);
-    VideoFrame hugeFrame = untouched;
-    EXPECT_FALSE(decodeJpeg(decoder, header384() + huge, hugeFrame));
-    EXPECT_TRUE(hugeFrame == untouched);
     // Many SOI markers in junk: tried one by one, each failing quickly.
     QByteArray sois = header384();
     for (int i = 0; i < 2000; ++i)

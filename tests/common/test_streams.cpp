@@ -1,9 +1,11 @@
 #include "common/test_streams.h"
 
+#include <QBuffer>
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QImage>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
@@ -125,6 +127,28 @@ std::vector<QByteArray> ffmpegFrames(const QString& path, int width, int height,
     for (int off = 0; off + frameSize <= all.size(); off += frameSize)
         frames.push_back(all.mid(off, frameSize));
     return frames;
+}
+
+QByteArray qtJpeg(int width, int height, int quality)
+{
+    QImage image(width, height, QImage::Format_RGB32);
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x)
+            image.setPixel(x, y, qRgb(20 + 200 * x / width, 90, 230 - 200 * y / height));
+    QByteArray out;
+    QBuffer buffer(&out);
+    buffer.open(QIODevice::WriteOnly);
+    EXPECT_TRUE(image.save(&buffer, "JPEG", quality));
+    return out;
+}
+
+QByteArray withJpegSize(QByteArray jpeg, int width, int height)
+{
+    const int sof = jpeg.indexOf(QByteArray("\xff\xc0", 2));
+    if (sof < 0)
+        return QByteArray();
+    const char size[4] = {char(height >> 8), char(height), char(width >> 8), char(width)};
+    return jpeg.replace(sof + 5, 4, size, 4);
 }
 
 int maxDiffYuv420p(const VideoFrame& frame, const QByteArray& packed, int width, int height)

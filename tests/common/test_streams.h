@@ -46,6 +46,12 @@ std::vector<QByteArray> ffmpegFrames(const QString& path, int width, int height,
                                      const QString& pixFmt = QStringLiteral("yuv420p"),
                                      const QString& extraArgs = QString());
 
+// A smooth colour picture (red along x, blue along y) saved as JPEG by Qt's libjpeg.
+QByteArray qtJpeg(int width, int height, int quality = 95);
+
+// The same JPEG declaring another size in its (baseline) frame header; empty without one.
+QByteArray withJpegSize(QByteArray jpeg, int width, int height);
+
 // Largest absolute difference between the Y, U and V planes of a 4:2:0 frame (read row by
 // row with its own bytes per line) and a packed yuv420p picture; -1 when the geometry
 // differs or the frame cannot be mapped.

@@ -11,7 +11,6 @@
 #include <gtest/gtest.h>
 
 #include <map>
-#include <random>
 
 using namespace orvo;
 using namespace orvo::test;
@@ -144,7 +143,9 @@ TEST_P(StreamDecodeTest, MatchesTheReferenceDecodeWithAndWithoutZeroCopy)
 INSTANTIATE_TEST_SUITE_P(Streams, StreamDecodeTest, ::testing::ValuesIn(kCases),
                          [](const ::testing::TestParamInfo<StreamCase>& info) { return info.param.name; });
 
-TEST(FFmpegDecodeTest, CorruptAndEmptyPayloadsLeaveTheFrameAlone)
+// Where no picture comes out, the frame is left as it was (copied or wrapped); recovery at
+// the next I-frame is the camera-cut suite's, random bytes the fuzz targets'.
+TEST(FFmpegDecodeTest, EmptyAndTruncatedPayloadsLeaveTheFrameAlone)
 {
     const StreamData& data = streamData(kCases[0]);
     ASSERT_GT(data.images.size(), 10u);
@@ -155,31 +156,12 @@ TEST(FFmpegDecodeTest, CorruptAndEmptyPayloadsLeaveTheFrameAlone)
         VideoFrame frame;
         QByteArray first = data.images[0].payload();
         ASSERT_TRUE(decoder.decode(reinterpret_cast<unsigned char*>(first.data()), first.size(), frame, true));
-        const VideoFrame kept = frame;
-
-        unsigned char nothing = 0;
-        EXPECT_FALSE(decoder.decode(&nothing, 0, frame, false));
-        EXPECT_EQ(frame, kept);
-
-        // Truncated and garbled pictures (random bytes alone are the fuzz targets' job): no
-        // crash, and where no picture comes out the frame is untouched.
-        std::mt19937 random(7);
-        for (size_t i = 1; i < 10; ++i) {
-            QByteArray payload = data.images[i].payload();
-            payload.truncate(payload.size() / 3);
-            for (int j = 0; j < 20; ++j)
-                payload[int(random() % unsigned(payload.size()))] = char(random());
+        for (size_t i = 0; i < 10; ++i) {
+            QByteArray payload = data.images[i].payload().left(i ? data.images[i].payloadSize() / 3 : 0);
             const VideoFrame before = frame;
             if (!decoder.decode(reinterpret_cast<unsigned char*>(payload.data()), payload.size(), frame, false))
-                EXPECT_EQ(frame, before);
+                EXPECT_EQ(frame, before) << i;
         }
-
-        // The stream recovers at the next I-frame.
-        QByteArray key = data.images[10].payload();
-        ASSERT_TRUE(data.images[10].iframe());
-        VideoFrame recovered;
-        EXPECT_TRUE(decoder.decode(reinterpret_cast<unsigned char*>(key.data()), key.size(), recovered, true));
-        EXPECT_EQ(maxDiffYuv420p(recovered, data.reference[10], 642, 362), 0);
     }
 }
 
