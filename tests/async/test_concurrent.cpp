@@ -1,5 +1,6 @@
-// The pooled decoder: real H.264 and Motion JPEG streams through ConcurrentDecoder,
-// the decode job, the shared scheduler and I-frame clearing.
+// The pooled decoder: failures, synchronous mode, I-frame clearing, the backlog bound and
+// clearing, and the decode job. Pictures and their stamps through the pool are checked byte
+// for byte by the camera-cut, ordered and continuation tests.
 #include "async/async_test_util.h"
 #include "async/decode_scheduler.h"
 #include "async/image_decoder.h"
@@ -19,49 +20,6 @@ int inFlight() { return DecodeScheduler::instance()->inFlight(); }
 ConcurrentDecoderImpl* implOf(ConcurrentDecoder& d) { return static_cast<ConcurrentDecoderImpl*>(d.getInterface()); }
 
 }  // namespace
-
-TEST(Concurrent, ImageByImageEveryFrameStampedAndEqualToReference)
-{
-    for (quint8 type : {quint8('h'), quint8('j')}) {
-        SCOPED_TRACE(type);
-        const QString path = type == 'h' ? h264Clip(24, 12) : mjpegClip(12);
-        const std::vector<Image> images = toImages(demuxVideo(path), type);
-        // Motion JPEG arrives full-range and is converted to yuv420p: compared with the same
-        // conversion, within rounding.
-        const auto ffmpeg = ffmpegFrames(path, 176, 144, QStringLiteral("yuv420p"),
-                                         type == 'h' ? QString() : QStringLiteral("-sws_flags bilinear"));
-        ASSERT_FALSE(images.empty());
-        ASSERT_EQ(ffmpeg.size(), images.size());
-
-        ConcurrentDecoder decoder;
-        EXPECT_FALSE(decoder.isSingleThreadedMode());
-        Recorder rec, implRec;
-        rec.attach(&decoder);
-        implRec.attach(decoder.getInterface());
-        for (size_t i = 0; i < images.size(); ++i) {
-            Image image = images[i];
-            image.setStreamId(42).setChannel(3).setAttachedData("ctx");
-            ASSERT_EQ(decoder.decode(image), 1);
-            ASSERT_TRUE(waitUntil([&] { return rec.frames.size() == i + 1; })) << "image " << i;
-            const VideoFrame& f = rec.frames.back();
-            EXPECT_EQ(f.id(), image.id());
-            EXPECT_EQ(f.streamId(), 42u);
-            EXPECT_TRUE(f.imageRef().sharesDataWith(image));
-            EXPECT_EQ(f.getScaleY(), 1);
-            ImageHeader header;
-            ASSERT_TRUE(ImageHeader::parse(f.attachedData(), header));
-            EXPECT_EQ(header.id, image.id());
-            EXPECT_EQ(header.channel, 3u);
-            EXPECT_TRUE(f.attachedData().endsWith("ctx"));
-            const int diff = maxDiffYuv420p(f, ffmpeg[i], 176, 144);
-            EXPECT_TRUE(diff >= 0 && diff <= (type == 'h' ? 0 : 2)) << "image " << i << " differs by " << diff;
-        }
-        EXPECT_TRUE(rec.errors.empty());
-        EXPECT_TRUE(implRec.errors.empty());
-        EXPECT_FALSE(decoder.isBusy());
-        EXPECT_EQ(inFlight(), 0);
-    }
-}
 
 TEST(Concurrent, FailedImagesYieldOnlyErrorCodeOne)
 {

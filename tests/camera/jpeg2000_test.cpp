@@ -26,34 +26,25 @@ struct J2kFile {
     Reference reference;
 };
 
-// Each file is made once per data directory by encoders of FFmpeg and OpenJPEG.
+// Each file is made once per data directory by encoders of FFmpeg and OpenJPEG: the Full HD
+// picture a code stream, the others JP2 files.
 QString makeFile(const J2kFile& f)
 {
     const QString name = QString::fromLatin1(f.name);
-    const QString size = QString("%1x%2").arg(f.width).arg(f.height);
-    switch (f.reference) {
-    case Reference::FFmpeg420:
-        if (f.width == 1920)
-            return ffmpegFile(name, "-f lavfi -i testsrc2=size=" + size +
-                                                    " -frames:v 1 -pix_fmt yuv420p -c:v libopenjpeg -format j2k");
-        return ffmpegFile(name, "-f lavfi -i testsrc=size=" + size +
-                                                " -vf format=yuv420p -frames:v 1 -c:v libopenjpeg -format jp2");
-    case Reference::FFmpeg444:
-        return ffmpegFile(name, "-f lavfi -i testsrc=size=" + size +
-                                                " -vf format=yuv444p -frames:v 1 -c:v libopenjpeg -format jp2");
-    case Reference::OpjRgb:
-    case Reference::OpjGrey: {
-        const bool rgb = f.reference == Reference::OpjRgb;
-        const QString source = ffmpegFile(
-            name + (rgb ? ".ppm" : ".pgm"),
-            "-f lavfi -i testsrc=size=" + size + " -frames:v 1 -pix_fmt " + (rgb ? "rgb24" : "gray"));
-        const QString out = dataDir() + "/" + name;
-        if (!source.isEmpty() && QFileInfo(out).size() == 0)
-            runProgram("opj_compress", {"-i", source, "-o", out});
-        return out;
-    }
-    }
-    return QString();
+    const QString source = QString("-f lavfi -i testsrc%1=size=%2x%3 -frames:v 1 ")
+                               .arg(f.width == 1920 ? "2" : "")
+                               .arg(f.width)
+                               .arg(f.height);
+    if (f.reference == Reference::FFmpeg420 || f.reference == Reference::FFmpeg444)
+        return ffmpegFile(name, source + "-c:v libopenjpeg -pix_fmt " +
+                                    (f.reference == Reference::FFmpeg420 ? "yuv420p" : "yuv444p") + " -format " +
+                                    (f.width == 1920 ? "j2k" : "jp2"));
+    const bool rgb = f.reference == Reference::OpjRgb;
+    const QString pnm = ffmpegFile(name + (rgb ? ".ppm" : ".pgm"), source + "-pix_fmt " + (rgb ? "rgb24" : "gray"));
+    const QString out = dataDir() + "/" + name;
+    if (!pnm.isEmpty() && QFileInfo(out).size() == 0)
+        runProgram("opj_compress", {"-i", pnm, "-o", out});
+    return out;
 }
 
 int reduced(int size, int level) { return (size + (1 << level) - 1) >> level; }
@@ -148,7 +139,7 @@ TEST_P(Jpeg2000Levels, MatchesIndependentDecodeAtLevels0To3)
         SCOPED_TRACE(std::string(f.name) + " level " + std::to_string(level));
         decoder.setScaleLevel(level);
         VideoFrame frame;
-        ASSERT_TRUE(decoder.decode(reinterpret_cast<uchar*>(data.data()), data.size(), frame, true));
+        ASSERT_TRUE(decodeBytes(decoder, data, frame, true));
         EXPECT_EQ(frame.pixelFormat(), VideoFrame::Format_YUV422P);
         EXPECT_EQ(frame.maximalWidth(), f.width);
         EXPECT_EQ(frame.maximalHeight(), f.height);
@@ -181,17 +172,17 @@ TEST(Jpeg2000, LevelsBeyondTheCodeStream)
     ASSERT_GT(data.size(), 0);
     DecoderJPEG2000 decoder(1);
     VideoFrame frame;
-    ASSERT_TRUE(decoder.decode(reinterpret_cast<uchar*>(data.data()), data.size(), frame, false));
+    ASSERT_TRUE(decodeBytes(decoder, data, frame));
     EXPECT_EQ(frame.width(), 960);
 
     // FFmpeg's encoder writes 6 resolutions: level 5 is the smallest, higher levels give it too.
     decoder.setScaleLevel(9);
-    ASSERT_TRUE(decoder.decode(reinterpret_cast<uchar*>(data.data()), data.size(), frame, false));
+    ASSERT_TRUE(decodeBytes(decoder, data, frame));
     EXPECT_EQ(frame.width(), 60);
     EXPECT_EQ(frame.height(), 34);
     EXPECT_EQ(frame.maximalWidth(), 1920);
     decoder.setScaleLevel(-2);
-    ASSERT_TRUE(decoder.decode(reinterpret_cast<uchar*>(data.data()), data.size(), frame, false));
+    ASSERT_TRUE(decodeBytes(decoder, data, frame));
     EXPECT_EQ(frame.width(), 1920);
 }
 
@@ -202,14 +193,10 @@ TEST(Jpeg2000, HostileInputFailsWithoutTouchingMemoryOutsideThePlanes)
     DecoderJPEG2000 decoder(1);
     VideoFrame untouched(8, 8, VideoFrame::Format_YUV420P, orvo::defaultBufferProperties);
 
-    auto decode = [&](QByteArray bytes, VideoFrame& frame) {
-        return decoder.decode(reinterpret_cast<uchar*>(bytes.data()), bytes.size(), frame, false);
-    };
-
     // Not JPEG 2000 at all, or nothing: the size query fails and the frame stays as it was.
     for (const QByteArray& junk : {QByteArray(), QByteArray("\xff\x4f"), QByteArray(5000, '\x5a'), good.left(40)}) {
         VideoFrame frame = untouched;
-        EXPECT_FALSE(decode(junk, frame));
+        EXPECT_FALSE(decodeBytes(decoder, junk, frame));
         EXPECT_TRUE(frame == untouched);
     }
     VideoFrame frame;
@@ -218,7 +205,7 @@ TEST(Jpeg2000, HostileInputFailsWithoutTouchingMemoryOutsideThePlanes)
     // Truncated code streams fail (strict decoding), at every cut.
     for (int cut : {good.size() / 8, good.size() / 2, good.size() - 3}) {
         VideoFrame f;
-        EXPECT_FALSE(decode(good.left(cut), f)) << "cut at " << cut;
+        EXPECT_FALSE(decodeBytes(decoder, good.left(cut), f)) << "cut at " << cut;
     }
 
     // A header announcing a huge picture is refused before decoding.
@@ -232,12 +219,12 @@ TEST(Jpeg2000, HostileInputFailsWithoutTouchingMemoryOutsideThePlanes)
         huge[i + 3] = 0;
     }
     VideoFrame hugeFrame = untouched;
-    EXPECT_FALSE(decode(huge, hugeFrame));
+    EXPECT_FALSE(decodeBytes(decoder, huge, hugeFrame));
     EXPECT_TRUE(hugeFrame == untouched);
 
     // The decoder still works after all that.
     VideoFrame ok;
-    EXPECT_TRUE(decode(good, ok));
+    EXPECT_TRUE(decodeBytes(decoder, good, ok));
     EXPECT_EQ(ok.width(), 321);
 }
 

@@ -21,11 +21,6 @@ QByteArray header384()
     return h;
 }
 
-bool decodeJpeg(DecoderJPEG& d, QByteArray bytes, VideoFrame& frame)
-{
-    return d.decode(reinterpret_cast<uchar*>(bytes.data()), bytes.size(), frame, false);
-}
-
 TEST(JpegThroughQt, FillsAYuv420FrameMatchingTheJpegsDecode)
 {
     const int w = 97, h = 61;
@@ -37,7 +32,7 @@ TEST(JpegThroughQt, FillsAYuv420FrameMatchingTheJpegsDecode)
     DecoderJPEG decoder;
     for (const QByteArray& junk : {QByteArray(), QByteArray("\x00\xff\x00", 3)}) {
         VideoFrame frame;
-        ASSERT_TRUE(decodeJpeg(decoder, header384() + junk + jpeg, frame));
+        ASSERT_TRUE(decodeBytes(decoder, header384() + junk + jpeg, frame));
         ASSERT_EQ(frame.pixelFormat(), VideoFrame::Format_YUV420P);
         ASSERT_EQ(frame.width(), w);
         ASSERT_EQ(frame.height(), h);
@@ -66,7 +61,7 @@ TEST(JpegThroughQt, FillsAYuv420FrameMatchingTheJpegsDecode)
     for (const QByteArray& bad : {header384(), header384().left(100), header384() + QByteArray(3000, '\x42'),
                                   header384() + QByteArray(4000, '\xff').replace(1, 1, "\xd8")}) {
         VideoFrame frame = untouched;
-        EXPECT_FALSE(decodeJpeg(decoder, bad, frame));
+        EXPECT_FALSE(decodeBytes(decoder, bad, frame));
         EXPECT_TRUE(frame == untouched);
     }
     // Many SOI markers in junk: tried one by one, each failing quickly.
@@ -74,7 +69,7 @@ TEST(JpegThroughQt, FillsAYuv420FrameMatchingTheJpegsDecode)
     for (int i = 0; i < 2000; ++i)
         sois += QByteArray("\xff\xd8", 2);
     VideoFrame frame;
-    EXPECT_FALSE(decodeJpeg(decoder, sois, frame));
+    EXPECT_FALSE(decodeBytes(decoder, sois, frame));
 }
 
 }  // namespace

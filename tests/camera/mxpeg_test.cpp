@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+using namespace orvo::test;
 using orvo::DecoderMXPEG;
 using orvo::VideoFrame;
 
@@ -15,7 +16,7 @@ constexpr int kW = 320, kH = 240, kMbW = kW / 16, kMbH = kH / 16;
 
 QString jpegFile(const QString& name, int frameNumber)
 {
-    return orvo::test::ffmpegFile(name, QString("-f lavfi -i testsrc2=size=%1x%2:rate=25 -vf trim=start_frame=%3 "
+    return ffmpegFile(name, QString("-f lavfi -i testsrc2=size=%1x%2:rate=25 -vf trim=start_frame=%3 "
                                                 "-frames:v 1 -pix_fmt yuvj420p -c:v mjpeg -q:v 3")
                                             .arg(kW)
                                             .arg(kH)
@@ -59,11 +60,6 @@ QByteArray pFrame(const QByteArray& b, int count)
     return out;
 }
 
-bool decode(DecoderMXPEG& d, QByteArray bytes, VideoFrame& frame)
-{
-    return d.decode(reinterpret_cast<uchar*>(bytes.data()), bytes.size(), frame, false);
-}
-
 // Packed yuv420p picture: the first `count` macroblocks from `b`, the rest from `a`.
 QByteArray mix(const QByteArray& a, const QByteArray& b, int count)
 {
@@ -88,11 +84,11 @@ QByteArray mix(const QByteArray& a, const QByteArray& b, int count)
 TEST(MxPEG, PFramesChangeOnlyTheirMacroblocks)
 {
     const QString pathA = jpegFile("cam_mx_a.jpg", 0), pathB = jpegFile("cam_mx_b.jpg", 20);
-    const QByteArray a = orvo::test::readFile(pathA), b = orvo::test::readFile(pathB);
+    const QByteArray a = readFile(pathA), b = readFile(pathB);
     ASSERT_GT(a.size(), 0);
     ASSERT_GT(b.size(), 0);
-    const auto refA = orvo::test::ffmpegFrames(pathA, kW, kH, "yuvj420p");
-    const auto refB = orvo::test::ffmpegFrames(pathB, kW, kH, "yuvj420p");
+    const auto refA = ffmpegFrames(pathA, kW, kH, "yuvj420p");
+    const auto refB = ffmpegFrames(pathB, kW, kH, "yuvj420p");
     ASSERT_EQ(refA.size(), 1u);
     ASSERT_EQ(refB.size(), 1u);
 
@@ -107,59 +103,59 @@ TEST(MxPEG, PFramesChangeOnlyTheirMacroblocks)
     // A P-frame first: no picture to lay it over.
     VideoFrame untouched(4, 4, VideoFrame::Format_YUV420P, orvo::defaultBufferProperties);
     VideoFrame frame = untouched;
-    EXPECT_FALSE(decode(decoder, p, frame));
+    EXPECT_FALSE(decodeBytes(decoder, p, frame));
     EXPECT_TRUE(frame == untouched);
 
     VideoFrame first;
-    ASSERT_TRUE(decode(decoder, a, first));
+    ASSERT_TRUE(decodeBytes(decoder, a, first));
     EXPECT_EQ(first.pixelFormat(), VideoFrame::Format_YUV420P);
     EXPECT_EQ(first.getScaleX(), 1);
     EXPECT_EQ(first.getScaleY(), 1);
-    EXPECT_EQ(orvo::test::maxDiffYuv420p(first, refA[0], kW, kH), 0);
+    EXPECT_EQ(maxDiffYuv420p(first, refA[0], kW, kH), 0);
 
     VideoFrame second;
-    ASSERT_TRUE(decode(decoder, p, second));
-    EXPECT_EQ(orvo::test::maxDiffYuv420p(second, mix(refA[0], refB[0], count), kW, kH), 0);
-    EXPECT_NE(orvo::test::maxDiffYuv420p(second, refA[0], kW, kH), 0);
+    ASSERT_TRUE(decodeBytes(decoder, p, second));
+    EXPECT_EQ(maxDiffYuv420p(second, mix(refA[0], refB[0], count), kW, kH), 0);
+    EXPECT_NE(maxDiffYuv420p(second, refA[0], kW, kH), 0);
     // The first frame is a deep copy: the P-frame did not change it.
-    EXPECT_EQ(orvo::test::maxDiffYuv420p(first, refA[0], kW, kH), 0);
+    EXPECT_EQ(maxDiffYuv420p(first, refA[0], kW, kH), 0);
 
     // Trailing bytes after the image's end are cut off; an I-frame replaces everything.
     VideoFrame third;
-    ASSERT_TRUE(decode(decoder, b + QByteArray(37, '\x11'), third));
-    EXPECT_EQ(orvo::test::maxDiffYuv420p(third, refB[0], kW, kH), 0);
+    ASSERT_TRUE(decodeBytes(decoder, b + QByteArray(37, '\x11'), third));
+    EXPECT_EQ(maxDiffYuv420p(third, refB[0], kW, kH), 0);
 }
 
 TEST(MxPEG, HostileInput)
 {
-    const QByteArray a = orvo::test::readFile(jpegFile("cam_mx_a.jpg", 0));
+    const QByteArray a = readFile(jpegFile("cam_mx_a.jpg", 0));
     ASSERT_GT(a.size(), 100);
     DecoderMXPEG decoder;
     VideoFrame frame;
 
-    EXPECT_FALSE(decode(decoder, QByteArray("\xff\xd9\x00\x01", 4), frame));
-    EXPECT_FALSE(decode(decoder, QByteArray(), frame));
-    EXPECT_FALSE(decode(decoder, QByteArray("\xff", 1), frame));
+    EXPECT_FALSE(decodeBytes(decoder, QByteArray("\xff\xd9\x00\x01", 4), frame));
+    EXPECT_FALSE(decodeBytes(decoder, QByteArray(), frame));
+    EXPECT_FALSE(decodeBytes(decoder, QByteArray("\xff", 1), frame));
     EXPECT_FALSE(decoder.decode(nullptr, 10, frame, false));
 
     // No D9 anywhere: handed on with length 1 (footer message), then no size, no reference.
-    EXPECT_FALSE(decode(decoder, QByteArray("\xff\xd8\x00\x00\x00", 5), frame));
+    EXPECT_FALSE(decodeBytes(decoder, QByteArray("\xff\xd8\x00\x00\x00", 5), frame));
 
     // Frame headers that lie: a huge size is refused; a first header smaller than the real
     // picture gives planes too small for it, which must fail without writing past them.
-    EXPECT_FALSE(decode(decoder, orvo::test::withJpegSize(a, 65535, 65535), frame));
+    EXPECT_FALSE(decodeBytes(decoder, withJpegSize(a, 65535, 65535), frame));
     QByteArray smaller = a;
     smaller.insert(2, QByteArray("\xff\xc0\x00\x11\x08\x00\x10\x00\x10\x03\x01\x22\x00\x02\x11\x01\x03\x11\x01", 19));
     int w = 0, h = 0;
     xpegGetWH(smaller.data(), smaller.size(), &w, &h);
     EXPECT_EQ(w, 16);
-    EXPECT_FALSE(decode(decoder, smaller, frame));
+    EXPECT_FALSE(decodeBytes(decoder, smaller, frame));
 
     // Truncated I-frames: any result, never a memory error.
     for (int cut : {20, a.size() / 3, a.size() - 5}) {
         DecoderMXPEG d;
         VideoFrame f;
-        if (decode(d, a.left(cut), f))
+        if (decodeBytes(d, a.left(cut), f))
             EXPECT_EQ(f.width(), kW);
     }
     // Damaged bytes: FFmpeg refuses the packet, reported as a failed decode.
@@ -167,9 +163,9 @@ TEST(MxPEG, HostileInput)
     for (int i = 100; i < damaged.size(); i += 13)
         damaged[i] = char(damaged[i] ^ 0x21);
     VideoFrame f;
-    EXPECT_FALSE(decode(decoder, damaged, f));
+    EXPECT_FALSE(decodeBytes(decoder, damaged, f));
     // After all of it a good I-frame decodes.
-    ASSERT_TRUE(decode(decoder, a, f));
+    ASSERT_TRUE(decodeBytes(decoder, a, f));
     EXPECT_EQ(f.width(), kW);
     EXPECT_EQ(f.height(), kH);
 }

@@ -10,6 +10,7 @@
 
 #include <cstring>
 
+using namespace orvo::test;
 using orvo::DecoderWavelet;
 using orvo::VideoFrame;
 using orvo::WaveletDecoder;
@@ -20,7 +21,7 @@ namespace {
 QString fieldFile(int height)
 {
     const QString fmt = height == 288 ? "yuv420p" : "yuv422p";
-    return orvo::test::ffmpegFile(QString("cam_field%1.drc").arg(height),
+    return ffmpegFile(QString("cam_field%1.drc").arg(height),
                                   QString("-f lavfi -i testsrc=size=720x%1:rate=25 -vf format=%2 -frames:v 3 "
                                           "-c:v vc2 -b:v 6M -f dirac")
                                       .arg(height)
@@ -31,15 +32,10 @@ QString fieldFile(int height)
 std::vector<QByteArray> pictures(const QString& path)
 {
     std::vector<QByteArray> out;
-    for (const auto& p : orvo::test::demuxVideo(path))
+    for (const auto& p : demuxVideo(path))
         if (p.data.size() > 100)
             out.push_back(p.data);
     return out;
-}
-
-bool decode(DecoderWavelet& d, QByteArray bytes, VideoFrame& frame)
-{
-    return d.decode(reinterpret_cast<uchar*>(bytes.data()), bytes.size(), frame, true);
 }
 
 struct Field {
@@ -63,14 +59,14 @@ TEST_P(WaveletLevels, MatchesFfmpegDecodeReducedTheSameWay)
         EXPECT_EQ(decoder.getFormat(), field.code);
         EXPECT_EQ(decoder.scaleLevel(), level);
         const int w = 720 >> level, h = level < 2 ? field.height : field.height / 2;
-        const std::vector<QByteArray> ref = orvo::test::ffmpegFrames(
+        const std::vector<QByteArray> ref = ffmpegFrames(
             path, w, h, "yuv420p", QString("-vf scale=%1:%2:flags=bilinear").arg(w).arg(h));
         ASSERT_EQ(ref.size(), pics.size());
 
         // Out of order and repeated: every image stands on its own.
         for (int i : {2, 0, 1, 1}) {
             VideoFrame frame;
-            ASSERT_TRUE(decode(decoder, pics[size_t(i)], frame)) << "picture " << i;
+            ASSERT_TRUE(decodeBytes(decoder, pics[size_t(i)], frame, true)) << "picture " << i;
             EXPECT_EQ(frame.pixelFormat(), VideoFrame::Format_YUV420P);
             EXPECT_EQ(frame.getScaleX(), 1);
             EXPECT_EQ(frame.getScaleY(), level == 0 ? 2 : 1);
@@ -79,7 +75,7 @@ TEST_P(WaveletLevels, MatchesFfmpegDecodeReducedTheSameWay)
             EXPECT_EQ(frame.bytesPerLineU(), unsigned(chromaPitch));
             EXPECT_EQ(frame.heightU(), (h + 1) / 2);
             frame.unmap();
-            const int diff = orvo::test::maxDiffYuv420p(frame, ref[size_t(i)], w, h);
+            const int diff = maxDiffYuv420p(frame, ref[size_t(i)], w, h);
             EXPECT_TRUE(diff >= 0 && diff <= 1) << "picture " << i << " differs by " << diff;
         }
     }
@@ -102,17 +98,17 @@ TEST(Wavelet, HostileInputFailsAndNeverWritesOutsideThePlanes)
     for (const QByteArray& bad : {good.left(good.size() / 2), good.left(20), QByteArray(3000, 'B'), QByteArray(),
                                   p243[0] /* a field of another size */}) {
         VideoFrame frame;
-        EXPECT_FALSE(decode(decoder, bad, frame));
+        EXPECT_FALSE(decodeBytes(decoder, bad, frame, true));
         EXPECT_TRUE(frame.isValid());  // replaced by the new, unfilled picture
     }
     VideoFrame frame;
-    EXPECT_TRUE(decode(decoder, good, frame));
+    EXPECT_TRUE(decodeBytes(decoder, good, frame, true));
 
     // An uninitialised library: message, false, frame untouched.
     DecoderWavelet broken(0, 288, 0);
     VideoFrame untouched(4, 4, VideoFrame::Format_YUV420P, orvo::defaultBufferProperties);
     VideoFrame f = untouched;
-    EXPECT_FALSE(decode(broken, good, f));
+    EXPECT_FALSE(decodeBytes(broken, good, f, true));
     EXPECT_TRUE(f == untouched);
     EXPECT_FALSE(WaveletDecoder(721, 288, 0).isInitialized());  // odd output width
     EXPECT_EQ(WaveletDecoder(724, 243, 1).chromaBytesPerLine(), 182);  // 181 chroma samples, padded

@@ -27,6 +27,14 @@ int maxDiff(const QByteArray& a, const QByteArray& b);
 QByteArray runProgram(const QString& program, const QStringList& args, bool mustSucceed = true);
 QByteArray readFile(const QString& path);
 
+// A payload through a decoder's decode(data, size, frame, iframe); the bytes are copied so
+// that a decoder may pad or repair them in place.
+template <typename D>
+bool decodeBytes(D& decoder, QByteArray payload, VideoFrame& frame, bool iframe = false)
+{
+    return decoder.decode(reinterpret_cast<unsigned char*>(payload.data()), payload.size(), frame, iframe);
+}
+
 // Restores every decoder preference a test may change.
 class PreferencesGuard {
 public:
