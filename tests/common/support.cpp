@@ -9,9 +9,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <cstdio>
 #include <cstdlib>
 #include <iterator>
+#include <utility>
 #include <unistd.h>
 
 namespace orvo::test {
@@ -76,29 +78,33 @@ QByteArray readFile(const QString& path)
     return f.readAll();
 }
 
+namespace {
+using Prefs = DecoderPreferences;
+// Every switch a test may change: how it is read and how it is set.
+const std::pair<std::function<bool(Prefs*)>, void (Prefs::*)(bool)> kSwitches[] = {
+    {&Prefs::isDecodeMJPEGThroughQImage, &Prefs::decodeMJPEGThroughQImage},
+    {&Prefs::isUsedMxPEGNative, &Prefs::useMxPEGNative},
+    {&Prefs::isLookForNALsH264, &Prefs::lookForNALsH264},
+    {&Prefs::isRemoveLastExtraByteH264, &Prefs::removeLastExtraByteH264},
+    {&Prefs::isRemoveDoubleStartCodesH264, &Prefs::removeDoubleStartCodesH264},
+    {&Prefs::jpeg2000passthrough, &Prefs::setJpeg2000passthrough},
+    {&Prefs::jpeg2000codestream, &Prefs::setJpeg2000codestream},
+    {&Prefs::jpeg2000display_atoms, &Prefs::setJpeg2000display_atoms},
+    {&Prefs::isZeroCopyDecoding, &Prefs::setZeroCopyDecoding},
+    {&Prefs::useFFMPEGEncodeAvInterleavedWriteFrame, &Prefs::setUseFFMPEGEncodeAvInterleavedWriteFrame},
+};
+}  // namespace
+
 PreferencesGuard::PreferencesGuard()
 {
-    DecoderPreferences* p = DecoderPreferences::instance();
-    const bool now[] = {p->isDecodeMJPEGThroughQImage(), p->isUsedMxPEGNative(), p->isLookForNALsH264(),
-                        p->isRemoveLastExtraByteH264(), p->isRemoveDoubleStartCodesH264(), p->jpeg2000passthrough(),
-                        p->jpeg2000codestream(), p->jpeg2000display_atoms(), p->isZeroCopyDecoding(),
-                        p->useFFMPEGEncodeAvInterleavedWriteFrame()};
-    std::copy(std::begin(now), std::end(now), saved_);
+    for (size_t i = 0; i < std::size(kSwitches); ++i)
+        saved_[i] = kSwitches[i].first(Prefs::instance());
 }
 
 PreferencesGuard::~PreferencesGuard()
 {
-    DecoderPreferences* p = DecoderPreferences::instance();
-    p->decodeMJPEGThroughQImage(saved_[0]);
-    p->useMxPEGNative(saved_[1]);
-    p->lookForNALsH264(saved_[2]);
-    p->removeLastExtraByteH264(saved_[3]);
-    p->removeDoubleStartCodesH264(saved_[4]);
-    p->setJpeg2000passthrough(saved_[5]);
-    p->setJpeg2000codestream(saved_[6]);
-    p->setJpeg2000display_atoms(saved_[7]);
-    p->setZeroCopyDecoding(saved_[8]);
-    p->setUseFFMPEGEncodeAvInterleavedWriteFrame(saved_[9]);
+    for (size_t i = 0; i < std::size(kSwitches); ++i)
+        (Prefs::instance()->*kSwitches[i].second)(saved_[i]);
 }
 
 namespace {

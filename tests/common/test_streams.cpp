@@ -6,8 +6,6 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QImage>
-#include <QProcess>
-#include <QTemporaryDir>
 #include <gtest/gtest.h>
 
 #include "orvo/decoder.h"
@@ -103,28 +101,14 @@ std::vector<QByteArray> ffmpegFrames(const QString& path, int width, int height,
                                      const QString& extraArgs)
 {
     std::vector<QByteArray> frames;
-    QProcess ffmpeg;
-    QStringList args{QStringLiteral("-nostdin"), QStringLiteral("-loglevel"), QStringLiteral("error"),
-                     QStringLiteral("-i"), path};
-    if (!extraArgs.isEmpty())
-        args += extraArgs.split(QLatin1Char(' '), Qt::SkipEmptyParts);
-    args += {QStringLiteral("-f"), QStringLiteral("rawvideo"), QStringLiteral("-pix_fmt"), pixFmt,
-             QStringLiteral("-")};
-    ffmpeg.start(QStringLiteral("ffmpeg"), args);
-    if (!ffmpeg.waitForFinished(120000) || ffmpeg.exitCode() != 0) {
-        ADD_FAILURE() << "reference decode failed for " << path.toStdString() << ": "
-                      << ffmpeg.readAllStandardError().toStdString();
-        return frames;
-    }
-    const QByteArray all = ffmpeg.readAllStandardOutput();
+    const QByteArray all =
+        runProgram(QStringLiteral("ffmpeg"), QStringList{"-nostdin", "-loglevel", "error", "-i", path} +
+                                                 extraArgs.split(QLatin1Char(' '), Qt::SkipEmptyParts) +
+                                                 QStringList{"-f", "rawvideo", "-pix_fmt", pixFmt, "-"});
     // Frame size from the format's own layout: ask FFmpeg rather than assuming 4:2:0.
-    const AVPixelFormat fmt = av_get_pix_fmt(pixFmt.toLatin1().constData());
-    const int frameSize = av_image_get_buffer_size(fmt, width, height, 1);
-    if (frameSize <= 0) {
-        ADD_FAILURE() << "unknown pixel format " << pixFmt.toStdString();
-        return frames;
-    }
-    for (int off = 0; off + frameSize <= all.size(); off += frameSize)
+    const int frameSize = av_image_get_buffer_size(av_get_pix_fmt(pixFmt.toLatin1().constData()), width, height, 1);
+    EXPECT_GT(frameSize, 0) << "unknown pixel format " << pixFmt.toStdString();
+    for (int off = 0; frameSize > 0 && off + frameSize <= all.size(); off += frameSize)
         frames.push_back(all.mid(off, frameSize));
     return frames;
 }

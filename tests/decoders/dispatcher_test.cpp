@@ -222,56 +222,44 @@ void expectPlanes(const VideoFrame& frame, const std::vector<unsigned char>& p, 
 TEST(DecoderYUVTest, ShortAndLongFormsWithRotations)
 {
     DecoderYUV yuv;
-    // 4x2: accepted only at exactly 4 + 8 + 4 bytes.
-    std::vector<unsigned char> small = shortForm(4, 2);
-    ASSERT_EQ(small.size(), 16u);
     VideoFrame frame;
-    ASSERT_TRUE(yuv.decode(small.data(), 16, frame, false));
-    EXPECT_EQ(frame.pixelFormat(), VideoFrame::Format_YUV420P);
-    EXPECT_EQ(frame.width(), 4);
-    EXPECT_EQ(frame.height(), 2);
-    EXPECT_EQ(frame.getScaleX(), 1);
-    EXPECT_FALSE(frame.isMapped());
-    ASSERT_TRUE(frame.map());
-    EXPECT_EQ(frame.bytesPerLineY(), 16u);
-    EXPECT_EQ(frame.bytesPerLineU(), 8u);
-    frame.unmap();
-    expectPlanes(frame, small, 4, 2, 0, 0, 0);
-    const VideoFrame kept = frame;
-    small.push_back(0);
-    EXPECT_FALSE(yuv.decode(small.data(), 15, frame, false));
-    EXPECT_FALSE(yuv.decode(small.data(), 17, frame, false));
-    EXPECT_EQ(frame, kept) << "a rejected payload leaves the frame alone";
-
-    // 17 wide: rows copied one by one into a 32-byte pitch, odd chroma edges completed.
-    std::vector<unsigned char> odd = shortForm(17, 5);
-    ASSERT_TRUE(yuv.decode(odd.data(), int(odd.size()), frame, false));
-    ASSERT_TRUE(frame.map());
-    EXPECT_EQ(frame.bytesPerLineY(), 32u);
-    frame.unmap();
-    EXPECT_EQ(frame.widthU(), 9);
-    EXPECT_EQ(frame.heightU(), 3);
-    expectPlanes(frame, odd, 17, 5, 0, 0, 0);
-
-    // Long form: RY = 1 turns a row a b c d into b c d a. The header's last eight bytes
-    // are the first two Y rows.
+    // 17 wide: rows copied one by one into a 32-byte pitch, odd chroma edges completed; a
+    // width that is a multiple of 16 takes the one-piece path. Long form: RY = 1 turns a row
+    // a b c d into b c d a.
+    const struct {
+        int w, h, ry, ru, rv;
+        bool longForm;
+        unsigned bplY, bplU;
+    } rows[] = {{4, 2, 0, 0, 0, false, 16, 8},  {17, 5, 0, 0, 0, false, 32, 16}, {4, 4, 1, 0, 0, true, 16, 8},
+                {32, 6, 5, 3, 7, true, 32, 16}, {32, 6, 0, 0, 0, false, 32, 16}};
+    for (const auto& r : rows) {
+        SCOPED_TRACE(testing::Message() << r.w << "x" << r.h << " rotations " << r.ry << r.ru << r.rv);
+        std::vector<unsigned char> p = r.longForm ? longForm(r.ry, r.ru, r.rv, r.w, r.h) : shortForm(r.w, r.h);
+        ASSERT_TRUE(yuv.decode(p.data(), int(p.size()), frame, false));
+        EXPECT_EQ(frame.pixelFormat(), VideoFrame::Format_YUV420P);
+        EXPECT_EQ(frame.width(), r.w);
+        EXPECT_EQ(frame.heightU(), (r.h + 1) / 2);
+        ASSERT_TRUE(frame.map());
+        EXPECT_EQ(frame.bytesPerLineY(), r.bplY);
+        EXPECT_EQ(frame.bytesPerLineU(), r.bplU);
+        frame.unmap();
+        expectPlanes(frame, p, r.w, r.h, r.ry, r.ru, r.rv);
+    }
+    // The long form's header ends in the first two Y rows.
     std::vector<unsigned char> rotated = longForm(1, 0, 0, 4, 4);
-    ASSERT_EQ(rotated.size(), 28u);
     rotated[12] = 'a', rotated[13] = 'b', rotated[14] = 'c', rotated[15] = 'd';
     ASSERT_TRUE(yuv.decode(rotated.data(), 28, frame, false));
     ASSERT_TRUE(frame.map());
     EXPECT_EQ(QByteArray(reinterpret_cast<char*>(frame.lineY(1)), 4), QByteArray("\x04\x00\x04\x00", 4));
     EXPECT_EQ(QByteArray(reinterpret_cast<char*>(frame.lineY(2)), 4), QByteArray("bcda"));
     frame.unmap();
-    expectPlanes(frame, rotated, 4, 4, 1, 0, 0);
-
-    // All three rotations on a picture whose width is a multiple of 16 (the one-piece path).
-    std::vector<unsigned char> wide = longForm(5, 3, 7, 32, 6);
-    ASSERT_TRUE(yuv.decode(wide.data(), int(wide.size()), frame, false));
-    expectPlanes(frame, wide, 32, 6, 5, 3, 7);
-    std::vector<unsigned char> plain = shortForm(32, 6);
-    ASSERT_TRUE(yuv.decode(plain.data(), int(plain.size()), frame, false));
-    expectPlanes(frame, plain, 32, 6, 0, 0, 0);
+    // 4x2 is accepted only at exactly 4 + 8 + 4 bytes; a rejected payload leaves the frame alone.
+    const VideoFrame kept = frame;
+    std::vector<unsigned char> small = shortForm(4, 2);
+    small.push_back(0);
+    EXPECT_FALSE(yuv.decode(small.data(), 15, frame, false));
+    EXPECT_FALSE(yuv.decode(small.data(), 17, frame, false));
+    EXPECT_EQ(frame, kept);
 }
 
 TEST(DecoderYUVTest, HostilePayloadsAreRejected)

@@ -48,10 +48,7 @@ TEST(H264PayloadTest, CutAndRepairs)
     Bytes tripled{0x09, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1, 0x65};
     h264::repairDoubleStartCodes(tripled.data(), int(tripled.size()));
     EXPECT_EQ(tripled, (Bytes{0x09, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0x65}));
-}
 
-TEST(H264PayloadTest, CutsNearTheStartStayInsideThePayload)
-{
     // Cuts at offsets 1 to 4 leave no room to look back five or four bytes; exact-size
     // heap buffers make any look before the payload visible under ASan.
     for (int at = 1; at <= 4; ++at) {
