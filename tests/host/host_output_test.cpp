@@ -55,15 +55,12 @@ void decodeOnThePool(const std::vector<Image>& clip)
     ConcurrentDecoder decoder;
     Recorder rec;
     rec.attach(decoder.getInterface());
-    std::vector<Image> images = clip;
-    images.push_back(Image('h', QByteArray(), 100));
-    images.push_back(Image('R', QByteArray(16, 'x'), 101));
-    images.push_back(Image('h', QByteArray(64, 'x'), 102));
-    size_t accepted = 0;
-    for (const Image& image : images)
-        accepted += decoder.decode(image) > 0 ? 1 : 0;
-    EXPECT_EQ(accepted, clip.size() + 1);
-    ASSERT_TRUE(waitUntil([&] { return rec.frames.size() + rec.errors.size() == accepted; }));
+    for (const Image& image : clip)
+        ASSERT_EQ(decoder.decode(image), 1);
+    EXPECT_EQ(decoder.decode(Image('h', QByteArray(), 100)), 0);
+    EXPECT_EQ(decoder.decode(Image('R', QByteArray(16, 'x'), 101)), 0);
+    EXPECT_EQ(decoder.decode(Image('h', QByteArray(64, 'x'), 102)), 1);
+    ASSERT_TRUE(waitUntil([&] { return rec.frames.size() + rec.errors.size() == clip.size() + 1; }));
     EXPECT_EQ(rec.frames.size(), clip.size());
 }
 
@@ -102,9 +99,8 @@ TEST(FFmpegLog, UntouchedLeavesTheHostsCallbackInPlace)
     QByteArray corrupt(4000, '\0');
     for (int i = 0; i < corrupt.size(); ++i)
         corrupt[i] = char((i * 77 + 13) & 0xff);
-    corrupt.replace(0, 5, QByteArray("\x00\x00\x00\x01\x65", 5));
     VideoFrame frame;
-    sync.decode(reinterpret_cast<const unsigned char*>(corrupt.constData()), corrupt.size(), frame, true);
+    decodeBytes(sync, corrupt.replace(0, 5, QByteArray("\x00\x00\x00\x01\x65", 5)), frame, true);
     decodeOnThePool(clip);
     recordClip(dataDir() + QStringLiteral("/host_untouched.mp4"));
 
@@ -211,13 +207,12 @@ TEST(MissingCodec, FailsTheDecoderNotTheProcess)
     DecoderAV direct(FormatIn_H264);
     EXPECT_TRUE(direct.fail());
     VideoFrame frame;
-    QByteArray payload(reinterpret_cast<const char*>(clip[0].payloadData()), int(clip[0].payloadSize()));
-    EXPECT_FALSE(direct.decode(reinterpret_cast<unsigned char*>(payload.data()), payload.size(), frame, true));
+    EXPECT_FALSE(decodeBytes(direct, clip[0].payload(), frame, true));
 
     Decoder sync;
     EXPECT_FALSE(sync.init('h', 0));
     EXPECT_FALSE(sync.isInitialized());
-    EXPECT_FALSE(sync.decode('h', reinterpret_cast<unsigned char*>(payload.data()), payload.size(), frame, 0, true));
+    EXPECT_NE(sync.decodeImage(clip[0], frame), Decoder::ImageResult::Picture);
 
     ConcurrentDecoder pooled;
     Recorder rec;
