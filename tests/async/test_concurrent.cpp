@@ -104,8 +104,6 @@ TEST(Concurrent, IFrameClearingAndTheBacklogBound)
     const QString path = h264Clip(30, 5);
     const auto images = toImages(demuxVideo(path), 'h');
     ASSERT_EQ(images.size(), 30u);
-    for (size_t i = 0; i < images.size(); ++i)
-        ASSERT_EQ(images[i].iframe(), i % 5 == 0) << i;
     const auto ffmpeg = ffmpegFrames(path, 176, 144);
 
     const std::vector<quint64> afterClearing{1, 26, 27, 28, 29, 30};
@@ -174,9 +172,8 @@ TEST(Concurrent, IFramesOnlyResumesAtTheNextIFrame)
     const std::vector<Image> images = toImages(demuxVideo(path), 'h');
     ASSERT_EQ(images.size(), 100u);
     const auto ffmpeg = ffmpegFrames(path, 176, 144);
-    std::vector<quint64> expected{1, 26};
-    const std::vector<quint64> rest = idRange(51, 100);
-    expected.insert(expected.end(), rest.begin(), rest.end());
+    std::vector<quint64> expected = idRange(51, 100);
+    expected.insert(expected.begin(), {1, 26});
     for (const bool synchronous : {false, true}) {
         SCOPED_TRACE(synchronous ? "single-threaded" : "pooled");
         ConcurrentDecoder decoder;
@@ -222,9 +219,7 @@ TEST(Concurrent, ClearDropsTheRunningResultAndNeverSharesTheDecoder)
         ASSERT_EQ(decoder.decode(images[i]), 1);
     ASSERT_TRUE(waitUntil([&] { return rec.frames.size() == 12; }));
     spin(30);
-    ASSERT_EQ(rec.frames.size(), 12u);
-    for (int k = 0; k < 12; ++k)
-        EXPECT_EQ(rec.frames[k].id(), images[12 + k].id());
+    EXPECT_EQ(rec.ids(), idRange(13, 24));
     EXPECT_EQ(inFlight(), 0);
 
     // clearBlocking() returns with nothing running.

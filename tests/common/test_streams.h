@@ -52,9 +52,8 @@ QByteArray qtJpeg(int width, int height, int quality = 95);
 // The same JPEG declaring another size in its (baseline) frame header; empty without one.
 QByteArray withJpegSize(QByteArray jpeg, int width, int height);
 
-// Largest absolute difference between the Y, U and V planes of a 4:2:0 frame (read row by
-// row with its own bytes per line) and a packed yuv420p picture; -1 when the geometry
-// differs or the frame cannot be mapped.
+// Largest absolute difference between the planes of a 4:2:0 frame and a packed yuv420p
+// picture; -1 when the geometry differs or the frame cannot be mapped.
 int maxDiffYuv420p(const VideoFrame& frame, const QByteArray& packed, int width, int height);
 
 }  // namespace orvo::test
