@@ -28,17 +28,6 @@ struct WriteCase {
 
 std::ostream& operator<<(std::ostream& os, const WriteCase& c) { return os << c.name; }
 
-VideoFrame opaqueOverlay()
-{
-    VideoFrame overlay(64, 48, VideoFrame::Format_YUV420P, BufferProperties());
-    EXPECT_TRUE(overlay.map(QAbstractVideoBuffer::ReadWrite));
-    overlay.fillYuv(0xEB8080, Rect{0, 0, 0, 0});
-    for (int row = 0; row < overlay.heightA(); ++row)
-        memset(overlay.bitsA() + row * overlay.bytesPerLineA(), 255, size_t(overlay.widthA()));
-    overlay.unmap();
-    return overlay;
-}
-
 const WriteCase kWrites[] = {
     // A fill writes into whatever the frame maps, even a read-only mapping.
     {"fill_on_read_mapping",
@@ -49,7 +38,11 @@ const WriteCase kWrites[] = {
      }},
     {"blend",
      [](VideoFrame& f) {
-         const VideoFrame overlay = opaqueOverlay();
+         VideoFrame overlay(64, 48, VideoFrame::Format_YUV420P, BufferProperties());
+         ASSERT_TRUE(overlay.map(QAbstractVideoBuffer::ReadWrite));
+         overlay.fillYuv(0xEB8080, Rect{0, 0, 0, 0});
+         memset(overlay.bitsA(), 255, size_t(overlay.bytesPerLineA()) * size_t(overlay.heightA()));  // opaque
+         overlay.unmap();
          ASSERT_TRUE(f.blend(overlay, 10, 20));
      }},
     {"write_mapping",
