@@ -150,9 +150,17 @@ TEST_P(Jpeg2000Levels, MatchesIndependentDecodeAtLevels0To3)
 
         const std::vector<QByteArray> ref = referencePlanes(f, path, level);
         ASSERT_EQ(ref.size(), 3u);
-        for (int c = 0; c < 3; ++c) {
+        for (int c = 0; c < 3; ++c)
             EXPECT_LE(maxDiff(planeBytes(frame, Plane(c)), ref[size_t(c)]), 1) << "plane " << c;
-        }
+    }
+    // Levels beyond the code stream's resolutions give its smallest (FFmpeg's encoder writes
+    // six: level 5 of 1920 x 1080 is 60 x 34); negative levels the full picture.
+    for (const auto& [level, width] : {std::pair{9, reduced(f.width, 5)}, {-2, f.width}}) {
+        decoder.setScaleLevel(level);
+        VideoFrame frame;
+        ASSERT_TRUE(decodeBytes(decoder, data, frame));
+        EXPECT_EQ(frame.width(), width) << "level " << level;
+        EXPECT_EQ(frame.maximalWidth(), f.width);
     }
 }
 
@@ -165,26 +173,6 @@ INSTANTIATE_TEST_SUITE_P(
     [](const ::testing::TestParamInfo<J2kFile>& info) {
         return std::string(info.param.name).substr(4, std::string(info.param.name).find('.') - 4);
     });
-
-TEST(Jpeg2000, LevelsBeyondTheCodeStream)
-{
-    QByteArray data = readFile(makeFile(kFullHd));
-    ASSERT_GT(data.size(), 0);
-    DecoderJPEG2000 decoder(1);
-    VideoFrame frame;
-    ASSERT_TRUE(decodeBytes(decoder, data, frame));
-    EXPECT_EQ(frame.width(), 960);
-
-    // FFmpeg's encoder writes 6 resolutions: level 5 is the smallest, higher levels give it too.
-    decoder.setScaleLevel(9);
-    ASSERT_TRUE(decodeBytes(decoder, data, frame));
-    EXPECT_EQ(frame.width(), 60);
-    EXPECT_EQ(frame.height(), 34);
-    EXPECT_EQ(frame.maximalWidth(), 1920);
-    decoder.setScaleLevel(-2);
-    ASSERT_TRUE(decodeBytes(decoder, data, frame));
-    EXPECT_EQ(frame.width(), 1920);
-}
 
 TEST(Jpeg2000, HostileInputFailsWithoutTouchingMemoryOutsideThePlanes)
 {

@@ -178,33 +178,30 @@ TEST(AVEncoderSync, TrackEndsCompareAsFractionsOfSeconds)
                          50, 1, 12, AV_CODEC_ID_MP2, 32000, 16000, 1, nullptr, error, false));
     ASSERT_EQ(enc.getAudioInputFrameSize(), 1152);
     ASSERT_EQ(enc.getAudioSampleRate(), 16000);
-    int whole = 5, num = 5, den = 5;
-    bool exact = false;
-    EXPECT_EQ(enc.compareAudioVideoPTS(whole, num, den, exact), 0);
-    EXPECT_TRUE(exact);
-    EXPECT_EQ(whole, 0);
-    EXPECT_EQ(num, 0);
-
     std::vector<short> s = tone(0, 1152, 1, 16000);
-    for (int i = 0; i < 10; ++i)  // 0.72 s
-        ASSERT_GE(enc.encode_audio(s.data(), nullptr, 0), 0);
-    EXPECT_EQ(enc.compareAudioVideoPTS(), 1);  // audio ahead: |0| + 1
     std::vector<unsigned char> p = makePicture(64, 48, 0);
-    for (int i = 0; i < 61; ++i)  // 1.22 s
-        ASSERT_GE(encodePicture(enc, p, 64, 48), 0);
-    EXPECT_EQ(enc.compareAudioVideoPTS(whole, num, den, exact), -1);
-    EXPECT_EQ(whole, 0);
-    EXPECT_EQ(num, -1);
-    EXPECT_EQ(den, 2);
-    EXPECT_TRUE(exact);
-    EXPECT_EQ(enc.behindAudioSamples(), 8000);
-    for (int i = 0; i < 100; ++i)  // 3.22 s of video
-        ASSERT_GE(encodePicture(enc, p, 64, 48), 0);
-    EXPECT_EQ(enc.compareAudioVideoPTS(whole, num, den, exact), -3);  // -(|-2| + 1)
-    EXPECT_EQ(whole, -2);
-    EXPECT_EQ(num, -1);
-    EXPECT_EQ(den, 2);
-    EXPECT_EQ(enc.behindAudioSamples(), 40000);
+    // Audio and video ends after each step; the result is |whole| + 1 with the sign of audio - video.
+    const struct {
+        int audioFrames, pictures;
+        int result, whole, num, den;
+        qint64 behind;
+    } steps[] = {{0, 0, 0, 0, 0, 1, 0},  {10, 0, 1, 0, 18, 25, -11520},  // 0.72 s of sound
+                 {0, 61, -1, 0, -1, 2, 8000}, {0, 100, -3, -2, -1, 2, 40000}};  // 1.22 s, then 3.22 s of video
+    for (const auto& step : steps) {
+        for (int i = 0; i < step.audioFrames; ++i)
+            ASSERT_GE(enc.encode_audio(s.data(), nullptr, 0), 0);
+        for (int i = 0; i < step.pictures; ++i)
+            ASSERT_GE(encodePicture(enc, p, 64, 48), 0);
+        int whole = 5, num = 5, den = 5;
+        bool exact = false;
+        EXPECT_EQ(enc.compareAudioVideoPTS(whole, num, den, exact), step.result);
+        EXPECT_TRUE(exact);
+        EXPECT_EQ(whole, step.whole);
+        EXPECT_EQ(num, step.num);
+        if (step.num)
+            EXPECT_EQ(den, step.den);
+        EXPECT_EQ(enc.behindAudioSamples(), step.behind);
+    }
     enc.close();
 }
 
