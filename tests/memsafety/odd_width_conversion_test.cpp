@@ -14,6 +14,8 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <memory>
+#include <vector>
 
 using namespace orvo;
 using namespace orvo::test;
@@ -132,37 +134,59 @@ TEST(OddWidths, DecodedPicturesKeepTheirPixels)
     }
 }
 
-// QImage to frame and back, through the frame operations and through FFmpegModule's static
-// conversions, at every width and in every layout the frames hold.
-TEST(OddWidths, QImageConversionsRoundTrip)
+// QImage to frame and back (through the frame operations and FFmpegModule's static
+// conversions), scaling and format conversion, at every width and in every layout, into planes
+// as tight as a client may hand them with guard bytes right after each: nothing is written past
+// a plane (in every build; memcheck watches beyond the guards), and the pictures keep their pixels.
+TEST(OddWidths, ConversionsStayInsideTightPlanesAndKeepTheirPixels)
 {
+    constexpr int kGuard = 64;
+    std::vector<std::unique_ptr<std::vector<uchar>>> blocks;
+    auto plane = [&](int w, int h) {
+        blocks.push_back(std::make_unique<std::vector<uchar>>(size_t(w * h + kGuard), 0xEE));
+        return QVideoFrame(new MemoryVideoBuffer(blocks.back()->data(), w * h, w, nullptr, 0, false), QSize(w, h),
+                           QVideoFrame::Format_Y8);
+    };
+    auto guardsIntact = [&] {
+        for (const auto& b : blocks)
+            if (!std::all_of(b->end() - kGuard, b->end(), [](uchar v) { return v == 0xEE; }))
+                return false;
+        return true;
+    };
     for (int w = 1; w <= kMaxWidth; ++w) {
         SCOPED_TRACE("width " + std::to_string(w));
         const QImage image = greyRamp(w);
+        VideoFrame grey(w * 3, kHeight * 2, VideoFrame::Format_YUV420P, defaultBufferProperties);
+        ASSERT_TRUE(grey.map(QAbstractVideoBuffer::WriteOnly));
+        grey.fillYuv(0x328080, Rect{0, 0, 0, 0});
+        grey.unmap();
         for (auto format : {VideoFrame::Format_YUV420P, VideoFrame::Format_YUV422P, VideoFrame::Format_YUV444P}) {
             SCOPED_TRACE("format " + std::to_string(int(format)));
-            VideoFrame viaModule(w, kHeight, format, defaultBufferProperties);
-            ASSERT_TRUE(FFmpegModule::qimageToVideoFrame(image, viaModule));
-            const int luma = lumaError(viaModule, w);
+            const int cw = VideoFrameQt::planeUVWidth(format, w), ch = VideoFrameQt::planeUVHeight(format, kHeight);
+            VideoFrame frame(plane(w, kHeight), plane(cw, ch), plane(cw, ch), format);
+            ASSERT_TRUE(FFmpegModule::qimageToVideoFrame(image, frame));
+            int luma = lumaError(frame, w);
             EXPECT_TRUE(luma >= 0 && luma <= 1) << luma;
-            ASSERT_TRUE(viaModule.map());
+            ASSERT_TRUE(frame.map());
             QImage back(w, kHeight, QImage::Format_RGB32);
-            ASSERT_TRUE(FFmpegModule::videoFrameToQImage(viaModule, back));
-            viaModule.unmap();
+            ASSERT_TRUE(FFmpegModule::videoFrameToQImage(frame, back));
+            frame.unmap();
             // swscale's chroma filters weigh the edge of odd widths wrongly (for FFmpeg itself
             // too): colours are compared at even widths, luma at every width.
             if (w % 2 == 0)
                 EXPECT_LE(maxDiff(back, image), 3);
-
-            if (format == VideoFrame::Format_YUV444P)
-                continue;  // qimage2videoFrame writes 4:2:0 and 4:2:2 only
-            VideoFrame viaFrames(w, kHeight, format, defaultBufferProperties);
-            ASSERT_TRUE(qimage2videoFrame(image, viaFrames, 0, 0, false, 0, 1));
-            const QImage rendered = viaFrames.convertToQImage(format, 0, 0, -1, -1, 0, 0, 1, 1, 1, 1);
-            const int framesLuma = lumaError(viaFrames, w);
-            EXPECT_TRUE(framesLuma >= 0 && framesLuma <= 1) << framesLuma;
-            if (w % 2 == 0)
-                EXPECT_LE(maxDiff(rendered, image), 3);
+            if (format != VideoFrame::Format_YUV444P) {  // qimage2videoFrame writes 4:2:0 and 4:2:2 only
+                ASSERT_TRUE(qimage2videoFrame(image, frame, 0, 0, false, 0, 1));
+                const QImage rendered = frame.convertToQImage(format, 0, 0, -1, -1, 0, 0, 1, 1, 1, 1);
+                luma = lumaError(frame, w);
+                EXPECT_TRUE(luma >= 0 && luma <= 1) << luma;
+                if (w % 2 == 0)
+                    EXPECT_LE(maxDiff(rendered, image), 3);
+            }
+            EXPECT_TRUE(frame.convertToFormat(VideoFrame::Format_YUV422P, defaultBufferProperties).isValid());
+            ASSERT_TRUE(grey.scaleTo(frame, 0, 0, -1, -1));
+            EXPECT_EQ(planeBytes(frame, Plane::Y), QByteArray(w * kHeight, char(0x32)));  // the whole picture
+            EXPECT_TRUE(guardsIntact());
         }
     }
 }
