@@ -3,11 +3,9 @@
 #include "frameops_util.h"
 #include "orvo/scale_context.h"
 
-#include <QFile>
+#include <gtest/gtest.h>
 
 #include <tuple>
-
-#include <gtest/gtest.h>
 
 extern "C" {
 #include <libswscale/swscale.h>
@@ -21,17 +19,13 @@ constexpr int kW = 322;  // not a multiple of 8 or 16: vector code must not spil
 constexpr int kH = 182;
 
 // A real picture: a JPEG made by FFmpeg's encoder, decoded by the command line into
-// studio-range 4:2:0 planes.
+// studio-range planes.
 QString picturePlanes(const char* pixFmt)
 {
-    const QString jpeg = dataDir() + "/frameops_picture.jpg";
-    if (!QFile::exists(jpeg))
-        ffmpeg({"-y", "-f", "lavfi", "-i", QString("testsrc2=size=%1x%2:rate=1").arg(kW).arg(kH), "-frames:v", "1",
-                "-q:v", "3", jpeg});
-    const QString raw = dataDir() + QString("/frameops_picture_%1.yuv").arg(pixFmt);
-    if (!QFile::exists(raw))
-        ffmpeg({"-y", "-i", jpeg, "-pix_fmt", pixFmt, "-f", "rawvideo", raw});
-    return raw;
+    const QString jpeg = ffmpegFile("frameops_picture.jpg",
+                                    QString("-f lavfi -i testsrc2=size=%1x%2 -frames:v 1 -q:v 3").arg(kW).arg(kH));
+    return ffmpegFile(QString("frameops_picture_%1.yuv").arg(pixFmt),
+                      QString("-i %1 -pix_fmt %2 -f rawvideo").arg(jpeg, pixFmt));
 }
 
 VideoFrame picture(const char* pixFmt, VideoFrame::OrvoPixelFormat format)
@@ -133,7 +127,7 @@ TEST(FrameReference, ConvertToQImageMatchesSwscaleAndCommandLine)
     EXPECT_TRUE(VideoFrame().convertToQImage(VideoFrame::Format_RGB32, 0, 0, -1, -1, 0, 0, 0, 0, 0, 0).isNull());
 }
 
-// scaleTo equals swscale on the same planes; a same-size scaling is an exact copy.
+// scaleTo equals swscale on the same planes.
 TEST(FrameReference, ScaleToMatchesSwscale)
 {
     const VideoFrame frame = picture("yuv420p", VideoFrame::Format_YUV420P);
@@ -156,16 +150,10 @@ TEST(FrameReference, ScaleToMatchesSwscale)
     for (Plane p : {Plane::Y, Plane::U, Plane::V})
         EXPECT_EQ(planeBytes(small, p), planeBytes(ref, p));
 
-    // The same geometry reuses the context.
+    // The same geometry reuses the context (a same-size region is copied exactly: geometry suite).
     ASSERT_TRUE(frame.scaleTo(small, ctx, 0, 0, -1, -1));
     EXPECT_EQ(ctx.context, kept);
-
-    // Whole picture into a frame of the same size: identical planes.
-    VideoFrame same(kW, kH, VideoFrame::Format_YUV420P, orvo::defaultBufferProperties);
-    ASSERT_TRUE(frame.scaleTo(same, 0, 0, -1, -1));
-    for (Plane p : {Plane::Y, Plane::U, Plane::V})
-        EXPECT_EQ(planeBytes(same, p), planeBytes(frame, p));
-    EXPECT_FALSE(same.isMapped());
+    EXPECT_FALSE(small.isMapped());
     EXPECT_FALSE(frame.isMapped());
 }
 
