@@ -1,11 +1,10 @@
 // The interface family: signal names, the error record, queued delivery, the handle and the
 // single-threaded decoder. Process-wide state reached from several threads at once (the
-// swscale contexts behind the QImage conversions, frame-attribute ids, the decoder
-// preferences): meant for TSan (the async label), its results checked in every build.
+// swscale contexts behind the QImage conversions, frame-attribute ids): meant for TSan (the
+// async label), its results checked in every build.
 #include "async/async_test_util.h"
 #include "orvo/async_decoder.h"
 #include "orvo/concurrent_decoder.h"
-#include "orvo/decoder_preferences.h"
 #include "orvo/qimage_import.h"
 #include "orvo/single_threaded_decoder.h"
 #include "orvo/video_frame_helper.h"
@@ -15,7 +14,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <set>
 #include <thread>
 
@@ -186,50 +184,6 @@ TEST(SharedState, TwoThreadsConvertFramesAndSnapshotThemAtOnce)
     std::set<quint32> distinct(ids[0].begin(), ids[0].end());
     distinct.insert(ids[1].begin(), ids[1].end());
     EXPECT_EQ(distinct.size(), size_t(2 * kRounds)) << "snapshot ids must not repeat";
-}
-
-// Pool threads read the zero-copy switch at every image while the client flips it.
-TEST(SharedState, PooledDecodingWhilePreferencesChange)
-{
-    const auto images = toImages(demuxVideo(h264Clip(24, 12)), 'h');
-    ASSERT_EQ(images.size(), 24u);
-    const auto reference = syncDecode(images);
-    DecoderPreferences* prefs = DecoderPreferences::instance();
-    const bool zeroCopy = prefs->isZeroCopyDecoding();
-
-    struct Toggler {
-        std::atomic<bool> stop{false};
-        std::thread thread;
-        ~Toggler()
-        {
-            stop = true;
-            if (thread.joinable())
-                thread.join();
-        }
-    } toggler;
-    toggler.thread = std::thread([&] {
-        for (bool on = true; !toggler.stop.load(); on = !on) {
-            prefs->setZeroCopyDecoding(on);
-            std::this_thread::sleep_for(std::chrono::microseconds(200));
-        }
-    });
-    ConcurrentDecoder decoder;
-    decoder.useMultiThreadedMode();
-    Recorder rec;
-    rec.attach(&decoder);
-    for (size_t i = 0; i < images.size(); ++i) {
-        ASSERT_EQ(decoder.decode(images[i]), 1);
-        ASSERT_TRUE(waitUntil([&] { return rec.frames.size() + rec.errors.size() == i + 1; })) << i;
-    }
-    toggler.stop = true;
-    toggler.thread.join();
-    prefs->setZeroCopyDecoding(zeroCopy);
-
-    EXPECT_TRUE(rec.errors.empty());
-    ASSERT_EQ(rec.frames.size(), images.size());
-    // Copied or wrapped, every picture is the same.
-    for (size_t i = 0; i < images.size(); ++i)
-        EXPECT_EQ(packYuv420p(rec.frames[i]), reference[i]) << i;
 }
 
 }  // namespace

@@ -1,13 +1,18 @@
 // A stream's job going on with the stream's next queued images: every image still comes
 // out once, in order, equal to a synchronous decode, with one stream or sixteen fed at
-// once, and no stream starves the others; a decoder destroyed mid-run delivers nothing
-// afterwards.
+// once (and the zero-copy switch flipped meanwhile), and no stream starves the others; a
+// decoder destroyed mid-run delivers nothing afterwards.
 #include "async/async_test_util.h"
 #include "async/decode_scheduler.h"
 #include "orvo/concurrent_decoder.h"
+#include "orvo/decoder_preferences.h"
 
 #include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
 #include <memory>
+#include <thread>
 
 using namespace orvo;
 using namespace orvo::test;
@@ -18,6 +23,23 @@ TEST(Continuation, StreamsFedAtOnceDeliverEveryImageOnceInOrder)
     ASSERT_EQ(images.size(), 40u);
     const auto reference = syncDecode(images);
     const auto scheduler = DecodeScheduler::instance();
+    // Pool threads read the zero-copy switch at every image while the client flips it:
+    // copied or wrapped, every picture is the same.
+    PreferencesGuard guard;
+    struct Toggler {
+        std::atomic<bool> stop{false};
+        std::thread thread{[this] {
+            for (bool on = true; !stop; on = !on) {
+                DecoderPreferences::instance()->setZeroCopyDecoding(on);
+                std::this_thread::sleep_for(std::chrono::microseconds(200));
+            }
+        }};
+        ~Toggler()
+        {
+            stop = true;
+            thread.join();
+        }
+    } toggler;
 
     for (const int streams : {1, 16}) {
         SCOPED_TRACE(streams);
