@@ -1,20 +1,15 @@
 #include "common/support.h"
 
-#include "common/test_streams.h"
 #include "orvo/decoder_preferences.h"
 
 #include <QFile>
 #include <QMutex>
 #include <QProcess>
-#include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
-#include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <iterator>
-#include <utility>
-#include <unistd.h>
 
 namespace orvo::test {
 
@@ -132,41 +127,6 @@ QStringList MessageCapture::messages() const
 {
     QMutexLocker lock(&capturedMutex);
     return captured;
-}
-
-CaptureFd::CaptureFd(int fd) : fd_(fd)
-{
-    std::fflush(nullptr);
-    path_ = dataDir().toStdString() + "/capture." + std::to_string(::getpid()) + "." + std::to_string(fd);
-    saved_ = ::dup(fd_);
-    FILE* f = std::fopen(path_.c_str(), "w");
-    ::dup2(::fileno(f), fd_);
-    std::fclose(f);
-}
-
-std::string CaptureFd::text()
-{
-    restore();
-    std::string out;
-    if (FILE* f = std::fopen(path_.c_str(), "r")) {
-        char buf[4096];
-        size_t n;
-        while ((n = std::fread(buf, 1, sizeof buf, f)) > 0)
-            out.append(buf, n);
-        std::fclose(f);
-    }
-    std::remove(path_.c_str());
-    return out;
-}
-
-void CaptureFd::restore()
-{
-    if (saved_ < 0)
-        return;
-    std::fflush(nullptr);
-    ::dup2(saved_, fd_);
-    ::close(saved_);
-    saved_ = -1;
 }
 
 }  // namespace orvo::test

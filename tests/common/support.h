@@ -6,7 +6,9 @@
 #include <QByteArray>
 #include <QString>
 #include <QStringList>
+#include <gtest/gtest.h>
 #include <string>
+#include <utility>
 
 namespace orvo::test {
 
@@ -55,18 +57,24 @@ public:
 };
 
 // Captures what is written to file descriptor 1 or 2 (printf and std::cout alike) between
-// construction and text().
+// construction and text(); one capture per descriptor at a time.
 class CaptureFd {
 public:
-    explicit CaptureFd(int fd);
-    ~CaptureFd() { restore(); }
-    std::string text();
+    explicit CaptureFd(int fd) : fd_(fd)
+    {
+        fd == 1 ? testing::internal::CaptureStdout() : testing::internal::CaptureStderr();
+    }
+    ~CaptureFd() { text(); }
+    std::string text()
+    {
+        if (std::exchange(done_, true))
+            return std::string();
+        return fd_ == 1 ? testing::internal::GetCapturedStdout() : testing::internal::GetCapturedStderr();
+    }
 
 private:
-    void restore();
     int fd_;
-    int saved_ = -1;
-    std::string path_;
+    bool done_ = false;
 };
 
 }  // namespace orvo::test

@@ -29,14 +29,6 @@ QString dataDir()
     return dir;
 }
 
-int shell(const QString& command)
-{
-    const int status = std::system(command.toLocal8Bit().constData());
-    if (status == -1)
-        return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 QString ffmpegFile(const QString& name, const QString& args)
 {
     const QString path = dataDir() + QLatin1Char('/') + name;
@@ -47,7 +39,8 @@ QString ffmpegFile(const QString& name, const QString& args)
     const QString tmp = path + QStringLiteral(".part.") + QString::number(QCoreApplication::applicationPid()) +
                         QLatin1Char('.') + QFileInfo(name).suffix();
     const QString cmd = QStringLiteral("ffmpeg -nostdin -y -loglevel error %1 '%2'").arg(args, tmp);
-    if (shell(cmd) != 0 || !QFile::exists(tmp)) {
+    const int status = std::system(cmd.toLocal8Bit().constData());
+    if (status == -1 || !WIFEXITED(status) || WEXITSTATUS(status) != 0 || !QFile::exists(tmp)) {
         ADD_FAILURE() << "ffmpeg failed: " << cmd.toStdString();
         QFile::remove(tmp);
         return QString();

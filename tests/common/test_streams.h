@@ -14,9 +14,6 @@ namespace orvo::test {
 // Writable directory for generated data (created on first use).
 QString dataDir();
 
-// Runs a command through /bin/sh; returns its exit status (-1 when it could not run).
-int shell(const QString& command);
-
 // Path of `name` under dataDir(), made once by `ffmpeg -y -loglevel error <args> <path>`
 // (kept for later calls and later test runs). Fails the calling test (ADD_FAILURE) and
 // returns an empty string when ffmpeg fails.
