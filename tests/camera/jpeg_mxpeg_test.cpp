@@ -34,31 +34,18 @@ QString jpegFile(const QString& name, int frameNumber)
 // decoder reads scan data only for the masked macroblocks, so b's unchanged scan serves.
 QByteArray pFrame(const QByteArray& b, int count)
 {
-    QByteArray out("\xff\xd8", 2);
-    const int maskBytes = (kMbW * kMbH + 7) / 8;
-    QByteArray mxm("MXM\0", 4);
-    mxm += char(kMbW & 0xff);
-    mxm += char(kMbW >> 8);
-    mxm += char(kMbH & 0xff);
-    mxm += char(kMbH >> 8);
-    mxm += QByteArray(4, '\0');
-    QByteArray mask(maskBytes, '\0');
+    const char header[12] = {'M', 'X', 'M', 0, char(kMbW), char(kMbW >> 8), char(kMbH), char(kMbH >> 8)};
+    QByteArray mxm(header, sizeof header);
+    QByteArray mask((kMbW * kMbH + 7) / 8, '\0');
     for (int i = 0; i < count; ++i)
         mask[i / 8] = char(uchar(mask[i / 8]) | (0x80 >> (i % 8)));
     mxm += mask;
-    out += '\xff';
-    out += '\xfe';
-    out += char((mxm.size() + 2) >> 8);
-    out += char((mxm.size() + 2) & 0xff);
-    out += mxm;
-    int i = 2;
-    while (i + 4 <= b.size()) {
+    QByteArray out = QByteArray("\xff\xd8\xff\xfe", 4) + char((mxm.size() + 2) >> 8) + char(mxm.size() + 2) + mxm;
+    for (int i = 2; i + 4 <= b.size();) {
         const uchar marker = uchar(b[i + 1]);
         const int length = (uchar(b[i + 2]) << 8) | uchar(b[i + 3]);
-        if (marker == 0xDA) {
-            out += b.mid(i);  // scan header, entropy data and EOI
-            break;
-        }
+        if (marker == 0xDA)
+            return out + b.mid(i);  // scan header, entropy data and EOI
         if (marker == 0xDB || marker == 0xC4)  // quantisation and Huffman tables
             out += b.mid(i, 2 + length);
         i += 2 + length;
@@ -70,20 +57,15 @@ QByteArray pFrame(const QByteArray& b, int count)
 QByteArray mix(const QByteArray& a, const QByteArray& b, int count)
 {
     QByteArray out = a;
-    for (int mb = 0; mb < count; ++mb) {
-        const int mx = mb % kMbW, my = mb / kMbW;
-        for (int y = 0; y < 16; ++y)
-            for (int x = 0; x < 16; ++x) {
-                const int o = (my * 16 + y) * kW + mx * 16 + x;
-                out[o] = b[o];
+    for (int mb = 0; mb < count; ++mb)
+        for (int plane = 0; plane < 3; ++plane) {  // 16 x 16 luma, 8 x 8 chroma samples
+            const int n = plane ? 8 : 16, stride = plane ? kW / 2 : kW;
+            const int base = plane ? kW * kH + (plane - 1) * (kW / 2) * (kH / 2) : 0;
+            for (int y = 0; y < n; ++y) {
+                const int o = base + ((mb / kMbW) * n + y) * stride + (mb % kMbW) * n;
+                out.replace(o, n, b.mid(o, n));
             }
-        for (int c = 0; c < 2; ++c)
-            for (int y = 0; y < 8; ++y)
-                for (int x = 0; x < 8; ++x) {
-                    const int o = kW * kH + c * (kW / 2) * (kH / 2) + (my * 8 + y) * (kW / 2) + mx * 8 + x;
-                    out[o] = b[o];
-                }
-    }
+        }
     return out;
 }
 

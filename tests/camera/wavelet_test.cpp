@@ -17,22 +17,19 @@ using orvo::WaveletDecoder;
 
 namespace {
 
-// 720 x 288 fields are 4:2:0; VC-2 allows 243 lines only without vertical subsampling.
-QString fieldFile(int height)
+// Picture packets (the raw stream ends with a bare end-of-sequence unit) of a VC-2 file: 720 x
+// 288 fields are 4:2:0; VC-2 allows 243 lines only without vertical subsampling.
+std::vector<QByteArray> pictures(int height, QString* path = nullptr)
 {
-    const QString fmt = height == 288 ? "yuv420p" : "yuv422p";
-    return ffmpegFile(QString("cam_field%1.drc").arg(height),
-                                  QString("-f lavfi -i testsrc=size=720x%1:rate=25 -vf format=%2 -frames:v 3 "
-                                          "-c:v vc2 -b:v 6M -f dirac")
-                                      .arg(height)
-                                      .arg(fmt));
-}
-
-// Picture packets only (the raw stream ends with a bare end-of-sequence unit).
-std::vector<QByteArray> pictures(const QString& path)
-{
+    const QString file = ffmpegFile(QString("cam_field%1.drc").arg(height),
+                                    QString("-f lavfi -i testsrc=size=720x%1:rate=25 -vf format=%2 -frames:v 3 "
+                                            "-c:v vc2 -b:v 6M -f dirac")
+                                        .arg(height)
+                                        .arg(height == 288 ? "yuv420p" : "yuv422p"));
+    if (path)
+        *path = file;
     std::vector<QByteArray> out;
-    for (const auto& p : demuxVideo(path))
+    for (const auto& p : demuxVideo(file))
         if (p.data.size() > 100)
             out.push_back(p.data);
     return out;
@@ -48,9 +45,8 @@ class WaveletLevels : public ::testing::TestWithParam<Field> {};
 TEST_P(WaveletLevels, MatchesFfmpegDecodeReducedTheSameWay)
 {
     const Field field = GetParam();
-    const QString path = fieldFile(field.height);
-    ASSERT_FALSE(path.isEmpty());
-    const std::vector<QByteArray> pics = pictures(path);
+    QString path;
+    const std::vector<QByteArray> pics = pictures(field.height, &path);
     ASSERT_EQ(pics.size(), 3u);
 
     for (int level = 0; level <= 2; ++level) {
@@ -70,9 +66,8 @@ TEST_P(WaveletLevels, MatchesFfmpegDecodeReducedTheSameWay)
             EXPECT_EQ(frame.pixelFormat(), VideoFrame::Format_YUV420P);
             EXPECT_EQ(frame.getScaleX(), 1);
             EXPECT_EQ(frame.getScaleY(), level == 0 ? 2 : 1);
-            const int chromaPitch = ((w / 2) + 1) & ~1;
             ASSERT_TRUE(frame.map());
-            EXPECT_EQ(frame.bytesPerLineU(), unsigned(chromaPitch));
+            EXPECT_EQ(frame.bytesPerLineU(), unsigned(((w / 2) + 1) & ~1));
             EXPECT_EQ(frame.heightU(), (h + 1) / 2);
             frame.unmap();
             const int diff = maxDiffYuv420p(frame, ref[size_t(i)], w, h);
@@ -88,8 +83,8 @@ INSTANTIATE_TEST_SUITE_P(Fields, WaveletLevels, ::testing::Values(Field{288, 'p'
 
 TEST(Wavelet, HostileInputFailsAndNeverWritesOutsideThePlanes)
 {
-    const std::vector<QByteArray> p288 = pictures(fieldFile(288));
-    const std::vector<QByteArray> p243 = pictures(fieldFile(243));
+    const std::vector<QByteArray> p288 = pictures(288);
+    const std::vector<QByteArray> p243 = pictures(243);
     ASSERT_FALSE(p288.empty());
     ASSERT_FALSE(p243.empty());
     DecoderWavelet decoder(720, 288, 1);
