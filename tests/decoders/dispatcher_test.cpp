@@ -18,6 +18,7 @@
 #include <vector>
 
 using namespace orvo;
+using orvo::test::decodeBytes;
 using orvo::test::PreferencesGuard;
 
 namespace {
@@ -82,11 +83,9 @@ TEST(DecoderDispatchTest, CodeTableAndKeepingDecoders)
     EXPECT_FALSE(d.decode('R', bytes, sizeof bytes, frame, 0, false));
     EXPECT_EQ(d.getFormat(), 'r');
     // Garbage and an empty payload are no picture for H.265, not a crash.
-    QByteArray junk(4000, '\x5a');
-    junk[0] = 0, junk[1] = 0, junk[2] = 1, junk[3] = 0x40;
     Decoder hevc('e', 0);
-    EXPECT_FALSE(hevc.decode(reinterpret_cast<unsigned char*>(junk.data()), junk.size(), frame, true));
-    EXPECT_FALSE(hevc.decode(reinterpret_cast<unsigned char*>(junk.data()), 0, frame, true));
+    EXPECT_FALSE(decodeBytes(hevc, QByteArray("\0\0\1\x40", 4) + QByteArray(4000, '\x5a'), frame, true));
+    EXPECT_FALSE(decodeBytes(hevc, QByteArray(), frame, true));
     EXPECT_TRUE(frame.isNull());
 }
 
