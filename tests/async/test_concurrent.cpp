@@ -37,10 +37,11 @@ TEST(Concurrent, FailedImagesYieldOnlyErrorCodeOne)
     // Undecodable bytes: one error each, naming the image.
     ASSERT_EQ(decoder.decode(Image('y', shortYuv, 1)), 1);
     ASSERT_EQ(decoder.decode(Image('j', QByteArray(2000, '\x5a'), 4, 0, true)), 1);
-    ASSERT_TRUE(waitUntil([&] { return implRec.errors.size() == 2; }));
+    ASSERT_EQ(decoder.decode(Image('h', QByteArray(4096, '\x11'), 5, 0, true)), 1);  // no start code
+    ASSERT_TRUE(waitUntil([&] { return implRec.errors.size() == 3; }));
     spin(50);
-    EXPECT_EQ(implRec.errors, (std::vector<quint32>{1, 1}));
-    EXPECT_EQ(implRec.errorIds, (std::vector<quint64>{1, 4}));
+    EXPECT_EQ(implRec.errors, (std::vector<quint32>{1, 1, 1}));
+    EXPECT_EQ(implRec.errorIds, (std::vector<quint64>{1, 4, 5}));
     EXPECT_TRUE(implRec.frames.empty());
     // Errors are not forwarded to the handle.
     EXPECT_TRUE(rec.frames.empty());

@@ -67,15 +67,12 @@ void decodeOnThePool(const std::vector<Image>& clip)
 // The JPEG 2000 box listing, a line per box on Qt's debug stream.
 void listJpeg2000Boxes()
 {
-    DecoderPreferences* prefs = DecoderPreferences::instance();
-    prefs->setJpeg2000passthrough(false);
-    prefs->setJpeg2000display_atoms(true);
-    QByteArray boxes("\x00\x00\x00\x0cjP  \x0d\x0a\x87\x0a\x00\x00\x00\x10jp2c0123456789", 28);
-    Decoder decoder;
+    PreferencesGuard guard;
+    DecoderPreferences::instance()->setJpeg2000passthrough(false);
+    DecoderPreferences::instance()->setJpeg2000display_atoms(true);
+    Decoder decoder('h', 0);
     VideoFrame frame;
-    decoder.decode('h', reinterpret_cast<unsigned char*>(boxes.data()), boxes.size(), frame, 0, true);
-    prefs->setJpeg2000display_atoms(false);
-    prefs->setJpeg2000passthrough(true);
+    decodeBytes(decoder, QByteArray("\0\0\0\x0cjP  \x0d\x0a\x87\x0a\0\0\0\x10jp2c0123456789", 28), frame, true);
 }
 
 // FFmpeg's log callback is global: the test's own records what reaches it.
