@@ -82,14 +82,6 @@ inline QString h264Clip(int frames, int gop)
                           .arg(gop));
 }
 
-inline QString mjpegClip(int frames)
-{
-    return ffmpegFile(QStringLiteral("async_mjpeg_%1.avi").arg(frames),
-                      QStringLiteral("-f lavfi -i testsrc2=size=176x144:rate=25 -frames:v %1 -c:v mjpeg -pix_fmt "
-                                     "yuvj420p -q:v 4")
-                          .arg(frames));
-}
-
 // A short-form raw YUV payload (format 'y') of a w x h picture whose bytes follow `seed`.
 inline QByteArray rawYuv(int w, int h, int seed)
 {

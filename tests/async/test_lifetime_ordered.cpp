@@ -216,7 +216,10 @@ TEST(OrderedRule, RestoresOrderAndFlushesAcrossGaps)
 
 TEST(OrderedDecoder, PoolPathEmitsInIdOrderAndBridgesFailedImages)
 {
-    const auto images = toImages(demuxVideo(mjpegClip(40)), 'j');
+    const QString clip = ffmpegFile(QStringLiteral("async_mjpeg_40.avi"),
+                                    QStringLiteral("-f lavfi -i testsrc2=size=176x144:rate=25 -frames:v 40 -c:v mjpeg "
+                                                   "-pix_fmt yuvj420p -q:v 4"));
+    const auto images = toImages(demuxVideo(clip), 'j');
     ASSERT_EQ(images.size(), 40u);
     const auto reference = syncDecode(images);
 

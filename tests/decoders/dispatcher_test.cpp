@@ -362,20 +362,19 @@ TEST(H264SliceDumpTest, PrintsSliceHeadersAndStaysInBounds)
 {
     // first_mb ue 0 ("1"), slice_type ue 7 ("0001000"), ppsid ue 0 ("1"), frame_num "0101".
     Bytes slice{0, 0, 0, 1, 0x65, 0x88, 0xA8, 0, 0, 0, 1, 0x41, 0x9A};
-    testing::internal::CaptureStdout();
-    const int last = h264::dumpSliceHeaders(slice.data(), int(slice.size()));
-    const std::string out = testing::internal::GetCapturedStdout();
+    CaptureFd out(1);
     // The second header runs past the end of the data, where bits read as zero.
-    EXPECT_EQ(last, 0);
-    EXPECT_EQ(out, "\n___________h264 debug_________________\n"
-                   "offset=0 nal=65, first_mb=0 slice_type=7 ppsid=0 frame_num=5\n"
-                   "offset=7 nal=41, first_mb=0 slice_type=5 ppsid=0 frame_num=0\n"
-                   "___________h264 debug____end_____________\n");
-
-    testing::internal::CaptureStdout();
+    EXPECT_EQ(h264::dumpSliceHeaders(slice.data(), int(slice.size())), 0);
+    EXPECT_EQ(out.text(), "\n___________h264 debug_________________\n"
+                          "offset=0 nal=65, first_mb=0 slice_type=7 ppsid=0 frame_num=5\n"
+                          "offset=7 nal=41, first_mb=0 slice_type=5 ppsid=0 frame_num=0\n"
+                          "___________h264 debug____end_____________\n");
+    CaptureFd quiet(1);
     Bytes tiny{0, 0, 0, 1, 0x65};
     EXPECT_EQ(h264::dumpSliceHeaders(tiny.data(), int(tiny.size())), -1);
-    testing::internal::GetCapturedStdout();
+    // Zero bits to the end: the readers stop at the end of the data instead of running on.
+    Bytes zeros{0, 0, 0, 1, 0x65, 0, 0, 0, 0, 0, 0, 0};
+    EXPECT_EQ(h264::dumpSliceHeaders(zeros.data(), int(zeros.size())), 0);
 
     const Bytes bits{0x38, 0x80};  // 00111 -> 6, then 000 and 100
     h264::BitReader reader(bits.data(), 2);
@@ -383,10 +382,4 @@ TEST(H264SliceDumpTest, PrintsSliceHeadersAndStaysInBounds)
     EXPECT_EQ(reader.readBits(3), 0u);
     EXPECT_EQ(reader.readBits(3), 4u);
     EXPECT_EQ(reader.readBits(32), 0u);  // past the end reads zeros
-
-    // Zero bits to the end: the readers stop at the end of the data instead of running on.
-    testing::internal::CaptureStdout();
-    Bytes zeros{0, 0, 0, 1, 0x65, 0, 0, 0, 0, 0, 0, 0};
-    EXPECT_EQ(h264::dumpSliceHeaders(zeros.data(), int(zeros.size())), 0);
-    testing::internal::GetCapturedStdout();
 }

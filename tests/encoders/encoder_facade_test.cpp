@@ -52,7 +52,6 @@ TEST(Encoder, WithoutBackendGivesFixedResults)
     EXPECT_EQ(seconds, 7.5);
     EXPECT_FALSE(enc.encode_silence(10000));
     EXPECT_FALSE(enc.sync_audio_to_video_with_silence(true));
-    out.text();
 }
 
 TEST(Encoder, InitByEngineNumber)
@@ -78,7 +77,6 @@ TEST(Encoder, InitByEngineNumber)
     Encoder empty;
     CaptureFd out(1);
     EXPECT_FALSE(empty.open(7, "x.avi", "", 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, nullptr, ignoreEncoderError));
-    out.text();
 
     // Copies share one backend, deleted once by the last owner.
     int gone = 0;
@@ -289,8 +287,6 @@ TEST_F(BufferFixture, LimitsOfTheBuffer)
     EXPECT_EQ(buf->room(), 0u);
     EXPECT_FALSE(buf->fits(1));
     EXPECT_FALSE(buf->enqueue_some(enc, tail.data(), 1, false));
-    EXPECT_EQ(buf->max_enqueue_samples(), 0xFFFFFFFFLL);
-    EXPECT_EQ(buf->capacity(), 65536u);
 }
 
 TEST_F(BufferFixture, OverflowBecomesSilence)
@@ -360,13 +356,6 @@ TEST_F(BufferFixture, DiscardAndPushSilence)
     EXPECT_FALSE(buf->fits(65536 - 11));
     buf->discard(2, 3);
     EXPECT_EQ(buf->buffered(), 5u);
-
-    EXPECT_TRUE(buf->is_continuous());
-    buf->set_discontinuity_flag(true);
-    EXPECT_TRUE(buf->out_of_sync());
-    EXPECT_TRUE(buf->skipped_forward());
-    buf->reset_encoded();
-    EXPECT_EQ(buf->encoded(), 0u);
 }
 
 }  // namespace
