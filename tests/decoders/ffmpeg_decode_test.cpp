@@ -143,26 +143,6 @@ TEST_P(StreamDecodeTest, MatchesTheReferenceDecodeWithAndWithoutZeroCopy)
 INSTANTIATE_TEST_SUITE_P(Streams, StreamDecodeTest, ::testing::ValuesIn(kCases),
                          [](const ::testing::TestParamInfo<StreamCase>& info) { return info.param.name; });
 
-// Where no picture comes out, the frame is left as it was (copied or wrapped); recovery at
-// the next I-frame is the camera-cut suite's, random bytes the fuzz targets'.
-TEST(FFmpegDecodeTest, EmptyAndTruncatedPayloadsLeaveTheFrameAlone)
-{
-    const StreamData& data = streamData(kCases[0]);
-    ASSERT_GT(data.images.size(), 10u);
-    for (bool zeroCopy : {false, true}) {
-        PreferencesGuard guard;
-        DecoderPreferences::instance()->setZeroCopyDecoding(zeroCopy);
-        DecoderAV decoder(FormatIn_H264);
-        VideoFrame frame;
-        ASSERT_TRUE(decodeBytes(decoder, data.images[0].payload(), frame, true));
-        for (size_t i = 0; i < 10; ++i) {
-            const VideoFrame before = frame;
-            if (!decodeBytes(decoder, data.images[i].payload().left(i ? data.images[i].payloadSize() / 3 : 0), frame))
-                EXPECT_EQ(frame, before) << i;
-        }
-    }
-}
-
 TEST(FFmpegDecodeTest, ModulePadsThePacketInPlace)
 {
     FFmpegModule module(DecodeContext{FormatIn_MPEG4, 1});
