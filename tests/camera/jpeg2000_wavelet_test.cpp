@@ -57,19 +57,6 @@ QString makeFile(const J2kFile& f)
 
 int reduced(int size, int level) { return (size + (1 << level) - 1) >> level; }
 
-// The payload of a binary PGM (P5) or PPM (P6) file of 8-bit samples whose header says w x h.
-QByteArray pnmPixels(const QByteArray& file, int w, int h)
-{
-    QList<QByteArray> header;
-    for (const QByteArray& line : file.left(128).split('\n'))
-        if (header.size() < 4 && !line.startsWith('#'))
-            header += line.simplified().split(' ');
-    if (header.size() < 4 || header[1].toInt() != w || header[2].toInt() != h || header[3].toInt() != 255)
-        return QByteArray();
-    const int size = w * h * (header[0] == "P6" ? 3 : 1);
-    return file.size() > size ? file.right(size) : QByteArray();
-}
-
 // The reference picture at `level` as 4:2:2 planes (Y, U, V packed).
 std::vector<QByteArray> referencePlanes(const J2kFile& f, const QString& path, int level)
 {
@@ -81,8 +68,8 @@ std::vector<QByteArray> referencePlanes(const J2kFile& f, const QString& path, i
 
     if (f.reference == Reference::FFmpeg420 || f.reference == Reference::FFmpeg444) {
         const bool sub = f.reference == Reference::FFmpeg420;
-        const QByteArray raw = runProgram("ffmpeg", {"-nostdin", "-loglevel", "error", "-lowres", QString::number(level),
-                                                     "-i", path, "-f", "rawvideo", "-pix_fmt",
+        const QByteArray raw = runProgram("ffmpeg", {"-nostdin", "-loglevel", "error", "-lowres",
+                                                     QString::number(level), "-i", path, "-f", "rawvideo", "-pix_fmt",
                                                      sub ? "yuv420p" : "yuv444p", "-"});
         const int sw = sub ? cw : w, sh = sub ? (h + 1) / 2 : h;
         if (raw.size() != w * h + 2 * sw * sh) {
@@ -95,36 +82,33 @@ std::vector<QByteArray> referencePlanes(const J2kFile& f, const QString& path, i
             const uchar* src = p + w * h + (c - 1) * sw * sh;
             for (int y = 0; y < h; ++y)
                 for (int x = 0; x < cw; ++x)
-                    set(c, x, y, sub ? src[(y / 2) * sw + x] : (src[y * sw + 2 * x] + src[y * sw + std::min(2 * x + 1, w - 1)] + 1) / 2);
+                    set(c, x, y,
+                        sub ? src[(y / 2) * sw + x]
+                            : (src[y * sw + 2 * x] + src[y * sw + std::min(2 * x + 1, w - 1)] + 1) / 2);
         }
         return planes;
     }
 
+    // opj_decompress writes raw output as one plane per component.
     const bool rgb = f.reference == Reference::OpjRgb;
-    const QString out = dataDir() + QString("/%1.r%2.%3").arg(f.name).arg(level).arg(rgb ? "ppm" : "pgm");
+    const QString out = dataDir() + QString("/%1.r%2.raw").arg(f.name).arg(level);
     runProgram("opj_decompress", {"-i", path, "-o", out, "-r", QString::number(level), "-quiet"});
-    const QByteArray pixels = pnmPixels(readFile(out), w, h);
-    if (pixels.isEmpty()) {
-        ADD_FAILURE() << "opj_decompress gave no " << w << "x" << h << " picture";
+    const QByteArray raw = readFile(out);
+    if (raw.size() != w * h * (rgb ? 3 : 1)) {
+        ADD_FAILURE() << "opj_decompress gave " << raw.size() << " bytes for " << w << "x" << h;
         return {};
     }
-    const auto* p = reinterpret_cast<const uchar*>(pixels.constData());
+    auto px = [&](int c, int x, int y) { return double(uchar(raw[(c * h + y) * w + std::min(x, w - 1)])); };
     for (int y = 0; y < h; ++y) {
-        for (int x = 0; x < w; ++x) {
-            const uchar* px = p + (size_t(y) * w + x) * (rgb ? 3 : 1);
-            set(0, x, y, rgb ? 16 + (65.481 * px[0] + 128.553 * px[1] + 24.966 * px[2]) / 255.0 : px[0]);
-        }
+        for (int x = 0; x < w; ++x)
+            set(0, x, y, rgb ? 16 + (65.481 * px(0, x, y) + 128.553 * px(1, x, y) + 24.966 * px(2, x, y)) / 255.0
+                             : px(0, x, y));
         for (int x = 0; x < cw; ++x) {
-            if (!rgb) {
-                set(1, x, y, 128);
-                set(2, x, y, 128);
-                continue;
-            }
-            const uchar* a = p + (size_t(y) * w + 2 * x) * 3;
-            const uchar* b = p + (size_t(y) * w + std::min(2 * x + 1, w - 1)) * 3;
-            const double r = (a[0] + b[0]) / 2.0, g = (a[1] + b[1]) / 2.0, bl = (a[2] + b[2]) / 2.0;
-            set(1, x, y, 128 + (-37.797 * r - 74.203 * g + 112.0 * bl) / 255.0);
-            set(2, x, y, 128 + (112.0 * r - 93.786 * g - 18.214 * bl) / 255.0);
+            double c[3];
+            for (int k = 0; k < 3; ++k)
+                c[k] = rgb ? (px(k, 2 * x, y) + px(k, 2 * x + 1, y)) / 2.0 : 0;
+            set(1, x, y, 128 + (-37.797 * c[0] - 74.203 * c[1] + 112.0 * c[2]) / 255.0);
+            set(2, x, y, 128 + (112.0 * c[0] - 93.786 * c[1] - 18.214 * c[2]) / 255.0);
         }
     }
     return planes;
