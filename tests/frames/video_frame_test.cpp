@@ -299,12 +299,9 @@ TEST(FrameAllocation, PlanesFollowBufferProperties)
         frame.unmap();
         EXPECT_FALSE(frame.isMapped());
     }
-}
-
-TEST(FrameAllocation, ImpossibleSizeFailsCleanly)
-{
+    // An impossible size gives planes that hold no memory: mapping fails cleanly.
     VideoFrame huge(100000, 100000, VideoFrame::Format_YUV420P, orvo::defaultBufferProperties);
-    EXPECT_TRUE(huge.isValid());  // the planes exist but hold no memory
+    EXPECT_TRUE(huge.isValid());
     EXPECT_FALSE(huge.map(QAbstractVideoBuffer::ReadWrite));
     EXPECT_FALSE(huge.isMapped());
     EXPECT_EQ(huge.bitsY(), nullptr);
