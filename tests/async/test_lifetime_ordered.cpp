@@ -152,23 +152,6 @@ TEST(Lifetime, OrderedHandleDestroyedFromItsSignalInSynchronousMode)
     EXPECT_EQ(rec.ids(), (std::vector<quint64>{1, 2}));
 }
 
-namespace {
-
-VideoFrame frameWithId(quint64 id)
-{
-    VideoFrame f;
-    f.setId(id);
-    return f;
-}
-
-struct Ordered {
-    OrderedConcurrentDecoderImpl impl;
-    Recorder rec;
-    Ordered() { rec.attach(&impl); }
-};
-
-}  // namespace
-
 TEST(OrderedRule, RestoresOrderAndFlushesAcrossGaps)
 {
     using Ids = std::vector<quint64>;
@@ -200,17 +183,22 @@ TEST(OrderedRule, RestoresOrderAndFlushesAcrossGaps)
     };
     for (const auto& [name, steps] : cases) {
         SCOPED_TRACE(name);
-        Ordered o;
+        OrderedConcurrentDecoderImpl impl;
+        Recorder rec;
+        rec.attach(&impl);
         for (const Step& step : steps) {
             if (step.limit)
-                o.impl.setReorderLimit(step.limit);
-            for (quint64 id : step.finished)
-                o.impl.frameFinished(frameWithId(id));
-            EXPECT_EQ(o.rec.ids(), step.emitted);
+                impl.setReorderLimit(step.limit);
+            for (quint64 id : step.finished) {
+                VideoFrame f;
+                f.setId(id);
+                impl.frameFinished(f);
+            }
+            EXPECT_EQ(rec.ids(), step.emitted);
             if (step.waiting >= 0)
-                EXPECT_EQ(o.impl.waitingFrameCount(), step.waiting);
+                EXPECT_EQ(impl.waitingFrameCount(), step.waiting);
         }
-        EXPECT_EQ(o.impl.lastEmittedId(), steps.back().emitted.back());
+        EXPECT_EQ(impl.lastEmittedId(), steps.back().emitted.back());
     }
 }
 

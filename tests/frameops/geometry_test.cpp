@@ -327,7 +327,7 @@ TEST(FrameGeometry, BlendAtAPartlyOutsideCorner)
 }
 
 // The fill colours are the truncated BT.601 studio-range values, on every plane and through
-// every fill entry point.
+// every fill entry point; imported alpha is kept byte for byte.
 TEST(FrameColours, FillsWriteBt601Values)
 {
     for (const Colour& c : kColours) {
@@ -360,19 +360,15 @@ TEST(FrameColours, FillsWriteBt601Values)
     EXPECT_EQ(planeBytes(frame, Plane::Y), QByteArray(64, char(0x10)));
     EXPECT_EQ(planeBytes(frame, Plane::U), QByteArray(16, char(0x80)));
     EXPECT_EQ(planeBytes(frame, Plane::V), QByteArray(16, char(0x90)));
-}
-
-// The alpha channel of an ARGB32 image lands byte for byte in the alpha plane.
-TEST(FrameColours, AlphaChannelImport)
-{
+    // The alpha channel of an ARGB32 image lands byte for byte in the alpha plane.
     QImage image(13, 7, QImage::Format_ARGB32);
     for (int j = 0; j < 7; ++j)
         for (int i = 0; i < 13; ++i)
             image.setPixel(i, j, qRgba(i * 3, 40, 200, (i * 19 + j * 7) & 255));
-    VideoFrame frame = makeFrame(13, 7, VideoFrame::Format_YUV420P, constant(0), constant(0), constant(0));
-    ASSERT_TRUE(orvo::qImageAlphaChannel2videoFrame(image, frame));
-    EXPECT_FALSE(frame.isMapped());
-    const QByteArray a = planeBytes(frame, Plane::A);
+    VideoFrame withAlpha = makeFrame(13, 7, VideoFrame::Format_YUV420P, constant(0), constant(0), constant(0));
+    ASSERT_TRUE(orvo::qImageAlphaChannel2videoFrame(image, withAlpha));
+    EXPECT_FALSE(withAlpha.isMapped());
+    const QByteArray a = planeBytes(withAlpha, Plane::A);
     ASSERT_EQ(a.size(), 13 * 7);
     for (int j = 0; j < 7; ++j)
         for (int i = 0; i < 13; ++i)
