@@ -163,8 +163,7 @@ TEST(SharedState, TwoThreadsConvertFramesAndSnapshotThemAtOnce)
     const QImage inputs[2] = {pattern(64, 48, 1), pattern(90, 34, 2)};
     // Each thread's expected output, made on this thread before the threads start.
     const QImage expected[2] = {roundTrip(inputs[0]), roundTrip(inputs[1])};
-    ASSERT_FALSE(expected[0].isNull());
-    ASSERT_FALSE(expected[1].isNull());
+    ASSERT_FALSE(expected[0].isNull() || expected[1].isNull());
 
     constexpr int kRounds = 40;
     std::atomic<int> mismatches{0};

@@ -139,14 +139,8 @@ TEST(MxPEG, HostileInput)
     EXPECT_EQ(w, 16);
     EXPECT_FALSE(decodeBytes(decoder, smaller, frame));
 
-    // Truncated I-frames: any result, never a memory error.
-    for (int cut : {20, a.size() / 3, a.size() - 5}) {
-        DecoderMXPEG d;
-        VideoFrame f;
-        if (decodeBytes(d, a.left(cut), f))
-            EXPECT_EQ(f.width(), kW);
-    }
-    // Damaged bytes: FFmpeg refuses the packet, reported as a failed decode.
+    // Damaged bytes (truncated and random ones are the fuzz target's): FFmpeg refuses the
+    // packet, reported as a failed decode.
     QByteArray damaged = a;
     for (int i = 100; i < damaged.size(); i += 13)
         damaged[i] = char(damaged[i] ^ 0x21);

@@ -8,7 +8,6 @@
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
-#include <QFile>
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -46,11 +45,8 @@ struct Slot {
 
 long residentKiB()
 {
-    QFile f(QStringLiteral("/proc/self/statm"));
-    if (!f.open(QIODevice::ReadOnly))
-        return 0;
-    const QList<QByteArray> parts = f.readAll().split(' ');
-    return parts.size() > 1 ? parts[1].toLong() * (sysconf(_SC_PAGESIZE) / 1024) : 0;
+    const QList<QByteArray> statm = readFile(QStringLiteral("/proc/self/statm")).split(' ');
+    return statm.size() > 1 ? statm[1].toLong() * (sysconf(_SC_PAGESIZE) / 1024) : 0;
 }
 
 std::vector<std::vector<Packet>> soakStreams()
