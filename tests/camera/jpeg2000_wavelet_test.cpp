@@ -39,10 +39,8 @@ struct J2kFile {
 QString makeFile(const J2kFile& f)
 {
     const QString name = QString::fromLatin1(f.name);
-    const QString source = QString("-f lavfi -i testsrc%1=size=%2x%3 -frames:v 1 ")
-                               .arg(f.width == 1920 ? "2" : "")
-                               .arg(f.width)
-                               .arg(f.height);
+    const QString source = QString::asprintf("-f lavfi -i testsrc%s=size=%dx%d -frames:v 1 ",
+                                             f.width == 1920 ? "2" : "", f.width, f.height);
     if (f.reference == Reference::FFmpeg420 || f.reference == Reference::FFmpeg444)
         return ffmpegFile(name, source + "-c:v libopenjpeg -pix_fmt " +
                                     (f.reference == Reference::FFmpeg420 ? "yuv420p" : "yuv444p") + " -format " +
@@ -253,10 +251,9 @@ TEST(Jpeg2000, LibraryReplacesPlanesThatAreTooSmall)
 std::vector<QByteArray> pictures(int height, QString* path = nullptr)
 {
     const QString file = ffmpegFile(QString("cam_field%1.drc").arg(height),
-                                    QString("-f lavfi -i testsrc=size=720x%1:rate=25 -vf format=%2 -frames:v 3 "
-                                            "-c:v vc2 -b:v 6M -f dirac")
-                                        .arg(height)
-                                        .arg(height == 288 ? "yuv420p" : "yuv422p"));
+                                    QString::asprintf("-f lavfi -i testsrc=size=720x%d:rate=25 -vf format=%s "
+                                                      "-frames:v 3 -c:v vc2 -b:v 6M -f dirac",
+                                                      height, height == 288 ? "yuv420p" : "yuv422p"));
     if (path)
         *path = file;
     std::vector<QByteArray> out;

@@ -22,11 +22,9 @@ constexpr int kW = 320, kH = 240, kMbW = kW / 16, kMbH = kH / 16;
 
 QString jpegFile(const QString& name, int frameNumber)
 {
-    return ffmpegFile(name, QString("-f lavfi -i testsrc2=size=%1x%2:rate=25 -vf trim=start_frame=%3 "
-                                                "-frames:v 1 -pix_fmt yuvj420p -c:v mjpeg -q:v 3")
-                                            .arg(kW)
-                                            .arg(kH)
-                                            .arg(frameNumber));
+    return ffmpegFile(name, QString::asprintf("-f lavfi -i testsrc2=size=%dx%d:rate=25 -vf trim=start_frame=%d "
+                                              "-frames:v 1 -pix_fmt yuvj420p -c:v mjpeg -q:v 3",
+                                              kW, kH, frameNumber));
 }
 
 // A P-frame carrying the first `count` macroblocks (raster order) of JPEG `b`: SOI, the COM

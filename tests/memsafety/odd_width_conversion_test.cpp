@@ -54,11 +54,9 @@ QByteArray encodeJpeg(int w, const QString& format)
     if (!file.open(QIODevice::WriteOnly) || file.write(raw) != raw.size())
         return QByteArray();
     file.close();
-    const QByteArray jpeg = readFile(ffmpegFile(name + ".jpg", QString("-f rawvideo -pix_fmt %1 -s %2x%3 -i %4 -q:v 2")
-                                                                   .arg(format)
-                                                                   .arg(w)
-                                                                   .arg(kHeight)
-                                                                   .arg(file.fileName())));
+    const QByteArray jpeg = readFile(
+        ffmpegFile(name + ".jpg", QString("-f rawvideo -pix_fmt %1 -s %2x%3 -i %4 -q:v 2")
+                                      .arg(format, QString::number(w), QString::number(kHeight), file.fileName())));
     file.remove();
     return jpeg;
 }
