@@ -70,16 +70,14 @@ inline std::vector<quint64> idRange(quint64 first, quint64 last)
     return out;
 }
 
-// Small clips (176x144) as cameras send them: H.264 without B-frames, an IDR every `gop`
-// pictures; Motion JPEG.
+// A small H.264 clip (176x144) as cameras send it: no B-frames, an IDR every `gop` pictures.
 inline QString h264Clip(int frames, int gop)
 {
-    return ffmpegFile(QStringLiteral("async_h264_%1_g%2.mp4").arg(frames).arg(gop),
-                      QStringLiteral("-f lavfi -i testsrc2=size=176x144:rate=25 -frames:v %1 -c:v libx264 -preset "
-                                     "veryfast -tune zerolatency -bf 0 -g %2 -keyint_min %2 -sc_threshold 0 -pix_fmt "
-                                     "yuv420p")
-                          .arg(frames)
-                          .arg(gop));
+    return ffmpegFile(QString::asprintf("async_h264_%d_g%d.mp4", frames, gop),
+                      QString::asprintf("-f lavfi -i testsrc2=size=176x144:rate=25 -frames:v %d -c:v libx264 -preset "
+                                        "veryfast -tune zerolatency -bf 0 -g %d -keyint_min %d -sc_threshold 0 "
+                                        "-pix_fmt yuv420p",
+                                        frames, gop, gop));
 }
 
 // A short-form raw YUV payload (format 'y') of a w x h picture whose bytes follow `seed`.

@@ -71,8 +71,7 @@ TEST(MxPEG, PFramesChangeOnlyTheirMacroblocks)
 {
     const QString pathA = jpegFile("cam_mx_a.jpg", 0), pathB = jpegFile("cam_mx_b.jpg", 20);
     const QByteArray a = readFile(pathA), b = readFile(pathB);
-    ASSERT_GT(a.size(), 0);
-    ASSERT_GT(b.size(), 0);
+    ASSERT_TRUE(a.size() > 0 && b.size() > 0);
     const auto refA = ffmpegFrames(pathA, kW, kH, "yuvj420p");
     const auto refB = ffmpegFrames(pathB, kW, kH, "yuvj420p");
     ASSERT_EQ(refA.size(), 1u);

@@ -45,12 +45,15 @@ TEST(DecoderDispatchTest, CodeTableAndKeepingDecoders)
     // wavelet decoders are kept only for the same scale level (above 2 counts as 2);
     // JPEG 2000 keeps its decoder and takes the new level in place; an unknown code changes nothing.
     const Step steps[] = {
-        {0, 0, true, 0, false, "null"},      {'Y', 0, true, 0, true, "null"},   {'R', 0, false, 0, true, "null"},
-        {'y', 0, true, 'y', false, "yuv"},   {'h', 0, true, 'h', false, "av"},  {'H', 5, true, 'h', true, "av"},
-        {'e', 0, true, 'e', false, "av"},    {'E', 3, true, 'e', true, "av"},   {'R', 0, false, 'e', true, "av"},
-        {'M', 0, true, 'M', false, "av"},    {'p', 2, true, 'p', false, "wavelet"},
-        {'p', 7, true, 'p', true, "wavelet"}, {'P', 2, true, 'p', true, "wavelet"}, {'p', 1, true, 'p', false, "wavelet"},
-        {'n', 1, true, 'n', false, "wavelet"}, {'r', 1, true, 'r', false, "jpeg2000"}, {'r', 3, true, 'r', true, "jpeg2000"},
+        {0, 0, true, 0, false, "null"},        {'Y', 0, true, 0, true, "null"},
+        {'R', 0, false, 0, true, "null"},      {'y', 0, true, 'y', false, "yuv"},
+        {'h', 0, true, 'h', false, "av"},      {'H', 5, true, 'h', true, "av"},
+        {'e', 0, true, 'e', false, "av"},      {'E', 3, true, 'e', true, "av"},
+        {'R', 0, false, 'e', true, "av"},      {'M', 0, true, 'M', false, "av"},
+        {'p', 2, true, 'p', false, "wavelet"}, {'p', 7, true, 'p', true, "wavelet"},
+        {'P', 2, true, 'p', true, "wavelet"},  {'p', 1, true, 'p', false, "wavelet"},
+        {'n', 1, true, 'n', false, "wavelet"}, {'r', 1, true, 'r', false, "jpeg2000"},
+        {'r', 3, true, 'r', true, "jpeg2000"},
     };
     Decoder d;
     for (const Step& s : steps) {

@@ -17,8 +17,7 @@ using namespace orvo::test;
 
 namespace {
 
-constexpr int kWidth = 320;
-constexpr int kHeight = 240;
+constexpr int kWidth = 320, kHeight = 240;
 constexpr size_t kWritten = 2;  // an early picture that the following P pictures predict from
 
 struct WriteCase {

@@ -69,8 +69,8 @@ TEST(AVEncoderOpen, FailuresReportTheirCodeAndLeaveTheEncoderClosed)
         QFile::remove(path);
         AVEncoder enc;
         EncoderError error;
-        EXPECT_FALSE(enc.open(path.toStdString(), c.format, c.video, c.width, 48, 1, 1, 400000, 0, 25, 1, 12, c.audio, 0,
-                              c.sampleRate, c.channels, nullptr, error, c.noVideo));
+        EXPECT_FALSE(enc.open(path.toStdString(), c.format, c.video, c.width, 48, 1, 1, 400000, 0, 25, 1, 12, c.audio,
+                              0, c.sampleRate, c.channels, nullptr, error, c.noVideo));
         EXPECT_EQ(error.errorId(), c.code);
         if (c.info)
             EXPECT_NE(error.additionalInfo().find(c.info), std::string::npos) << error.additionalInfo();

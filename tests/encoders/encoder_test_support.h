@@ -53,13 +53,9 @@ int encodePicture(E& enc, std::vector<unsigned char>& p, int width, int height, 
 inline double psnrY(const unsigned char* a, const unsigned char* b, int width, int height)
 {
     double se = 0;
-    for (int i = 0; i < width * height; ++i) {
-        const double d = double(a[i]) - double(b[i]);
-        se += d * d;
-    }
-    if (se == 0)
-        return 99;
-    return 10 * std::log10(255.0 * 255.0 / (se / (width * height)));
+    for (int i = 0; i < width * height; ++i)
+        se += (double(a[i]) - b[i]) * (double(a[i]) - b[i]);
+    return se == 0 ? 99 : 10 * std::log10(255.0 * 255.0 / (se / (width * height)));
 }
 
 // Interleaved S16 sines of `channels` channels, continuing at sample `first`: channel c

@@ -194,7 +194,10 @@ TEST(FrameReference, ConvertToFormatMatchesCommandLine)
 }
 
 namespace {
-VideoFrame grey(int w, int h) { return makeFrame(w, h, VideoFrame::Format_YUV420P, constant(50), constant(60), constant(70)); }
+VideoFrame grey(int w, int h)
+{
+    return makeFrame(w, h, VideoFrame::Format_YUV420P, constant(50), constant(60), constant(70));
+}
 
 // A 4:2:0 frame of 16 x 16 whose chroma planes hold only 2 x 2 samples.
 VideoFrame undersizedChroma()

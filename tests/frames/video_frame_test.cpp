@@ -275,7 +275,8 @@ TEST(FrameAllocation, PlanesFollowBufferProperties)
         ASSERT_TRUE(frame.map(QAbstractVideoBuffer::ReadWrite));
         const int L = std::max(c.w, c.props.minBytesPerLineY);
         const bool sub = c.format != VideoFrame::Format_YUV444P;
-        const int bplUV = sub ? std::max((L + 1) / 2, c.props.minBytesPerLineU) : std::max(c.w, c.props.minBytesPerLineU);
+        const int bplUV =
+            sub ? std::max((L + 1) / 2, c.props.minBytesPerLineU) : std::max(c.w, c.props.minBytesPerLineU);
         EXPECT_EQ(int(frame.bytesPerLineY()), L);
         EXPECT_EQ(int(frame.bytesPerLineU()), bplUV);
         EXPECT_EQ(int(frame.bytesPerLineV()), bplUV);

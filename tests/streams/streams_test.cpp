@@ -340,7 +340,8 @@ TEST(StreamReaderTest, ErrorsAreResults)
     EXPECT_FALSE(reader.openData(QByteArray(100, 'x'), QStringLiteral("no-such-demuxer")));
     EXPECT_FALSE(reader.isOpen());
     // Audio only: no video stream.
-    EXPECT_FALSE(reader.open(ffmpegFile(QStringLiteral("reader_audio.wav"), QStringLiteral("-f lavfi -i sine -t 0.2"))));
+    EXPECT_FALSE(
+        reader.open(ffmpegFile(QStringLiteral("reader_audio.wav"), QStringLiteral("-f lavfi -i sine -t 0.2"))));
     EXPECT_EQ(reader.formatCode(), 0);
 }
 
