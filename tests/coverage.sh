@@ -1,9 +1,6 @@
 #!/usr/bin/env bash
-# Line coverage of the library by the test suites.
-#   tests/coverage.sh [BUILD_DIR]     (default: build-coverage)
-# Configures a gcc build instrumented with --coverage, runs every ctest test (the memcheck
-# rerun of the memory-safety suite adds nothing to coverage and is left out) and prints the
-# line coverage of the library folders only. JOBS (default 2) sets the build parallelism.
+# Line coverage of the library folders by every ctest test but the memcheck rerun, in a gcc
+# --coverage build:  tests/coverage.sh [BUILD_DIR (build-coverage)]; JOBS (2) builds in parallel.
 set -euo pipefail
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
 BUILD=$(realpath -m "${1:-$ROOT/build-coverage}")

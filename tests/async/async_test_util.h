@@ -14,21 +14,6 @@
 
 namespace orvo::test {
 
-// Runs the event loop until `done()` or `timeoutMs`; returns done().
-inline bool waitUntil(const std::function<bool()>& done, int timeoutMs = 30000)
-{
-    QElapsedTimer timer;
-    timer.start();
-    while (!done()) {
-        if (timer.elapsed() > timeoutMs)
-            return done();
-        QEventLoop loop;
-        QTimer::singleShot(2, &loop, &QEventLoop::quit);
-        loop.exec();
-    }
-    return true;
-}
-
 // Runs the event loop for `ms` milliseconds.
 inline void spin(int ms)
 {
@@ -37,10 +22,21 @@ inline void spin(int ms)
     loop.exec();
 }
 
+// Runs the event loop until `done()` or `timeoutMs`; returns done().
+inline bool waitUntil(const std::function<bool()>& done, int timeoutMs = 30000)
+{
+    QElapsedTimer timer;
+    timer.start();
+    while (!done() && timer.elapsed() <= timeoutMs)
+        spin(2);
+    return done();
+}
+
 // Records what one decoder object emits.
 struct Recorder {
     std::vector<VideoFrame> frames;
     std::vector<quint32> errors;
+    std::vector<quint64> errorIds;
     QObject context;
     std::function<void(const VideoFrame&)> onFrame;
 
@@ -51,8 +47,10 @@ struct Recorder {
             if (onFrame)
                 onFrame(f);
         });
-        QObject::connect(source, &DecoderInterfaceSignals::error, &context,
-                         [this](DecoderError e) { errors.push_back(e.code()); });
+        QObject::connect(source, &DecoderInterfaceSignals::error, &context, [this](DecoderError e) {
+            errors.push_back(e.code());
+            errorIds.push_back(e.imageId());
+        });
     }
     std::vector<quint64> ids() const
     {
@@ -72,23 +70,14 @@ inline std::vector<quint64> idRange(quint64 first, quint64 last)
     return out;
 }
 
-// A small H.264 clip (176x144, no B-frames, an IDR every `gop` pictures) as camera images.
+// A small H.264 clip (176x144) as cameras send it: no B-frames, an IDR every `gop` pictures.
 inline QString h264Clip(int frames, int gop)
 {
-    return ffmpegFile(QStringLiteral("async_h264_%1_g%2.mp4").arg(frames).arg(gop),
-                      QStringLiteral("-f lavfi -i testsrc2=size=176x144:rate=25 -frames:v %1 -c:v libx264 "
-                                     "-preset veryfast -tune zerolatency -bf 0 -g %2 -keyint_min %2 "
-                                     "-sc_threshold 0 -pix_fmt yuv420p")
-                          .arg(frames)
-                          .arg(gop));
-}
-
-inline QString mjpegClip(int frames)
-{
-    return ffmpegFile(QStringLiteral("async_mjpeg_%1.avi").arg(frames),
-                      QStringLiteral("-f lavfi -i testsrc2=size=176x144:rate=25 -frames:v %1 -c:v mjpeg "
-                                     "-pix_fmt yuvj420p -q:v 4")
-                          .arg(frames));
+    return ffmpegFile(QString::asprintf("async_h264_%d_g%d.mp4", frames, gop),
+                      QString::asprintf("-f lavfi -i testsrc2=size=176x144:rate=25 -frames:v %d -c:v libx264 -preset "
+                                        "veryfast -tune zerolatency -bf 0 -g %d -keyint_min %d -sc_threshold 0 "
+                                        "-pix_fmt yuv420p",
+                                        frames, gop, gop));
 }
 
 // A short-form raw YUV payload (format 'y') of a w x h picture whose bytes follow `seed`.
@@ -96,23 +85,17 @@ inline QByteArray rawYuv(int w, int h, int seed)
 {
     QByteArray p;
     p.append(char(w >> 8)).append(char(w & 0xff)).append(char(h >> 8)).append(char(h & 0xff));
-    const int n = w * h + w * h / 2;
-    for (int i = 0; i < n; ++i)
+    for (int i = 0; i < w * h * 3 / 2; ++i)
         p.append(char((i * 7 + seed * 13) & 0xff));
     return p;
 }
 
-// Synchronous reference decode of a whole image sequence through one Decoder.
+// Synchronous reference decode of a whole image sequence through one Decoder, packed.
 inline std::vector<QByteArray> syncDecode(const std::vector<Image>& images)
 {
     std::vector<QByteArray> out;
-    Decoder decoder;
-    for (const Image& image : images) {
-        VideoFrame frame;
-        const bool ok = decoder.decode(image.type(), image.payloadData(), int(image.payloadSize()), frame, 0,
-                                       image.iframe());
-        out.push_back(ok ? packYuv420p(frame) : QByteArray());
-    }
+    for (const VideoFrame& frame : decodeImages(images))
+        out.push_back(packYuv420p(frame));
     return out;
 }
 

@@ -1,18 +1,15 @@
 #include "common/support.h"
 
-#include "common/test_streams.h"
 #include "orvo/decoder_preferences.h"
 
 #include <QFile>
 #include <QMutex>
 #include <QProcess>
-#include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <iterator>
-#include <unistd.h>
 
 namespace orvo::test {
 
@@ -76,29 +73,33 @@ QByteArray readFile(const QString& path)
     return f.readAll();
 }
 
+namespace {
+using Prefs = DecoderPreferences;
+// Every switch a test may change: how it is read and how it is set.
+const std::pair<std::function<bool(Prefs*)>, void (Prefs::*)(bool)> kSwitches[] = {
+    {&Prefs::isDecodeMJPEGThroughQImage, &Prefs::decodeMJPEGThroughQImage},
+    {&Prefs::isUsedMxPEGNative, &Prefs::useMxPEGNative},
+    {&Prefs::isLookForNALsH264, &Prefs::lookForNALsH264},
+    {&Prefs::isRemoveLastExtraByteH264, &Prefs::removeLastExtraByteH264},
+    {&Prefs::isRemoveDoubleStartCodesH264, &Prefs::removeDoubleStartCodesH264},
+    {&Prefs::jpeg2000passthrough, &Prefs::setJpeg2000passthrough},
+    {&Prefs::jpeg2000codestream, &Prefs::setJpeg2000codestream},
+    {&Prefs::jpeg2000display_atoms, &Prefs::setJpeg2000display_atoms},
+    {&Prefs::isZeroCopyDecoding, &Prefs::setZeroCopyDecoding},
+    {&Prefs::useFFMPEGEncodeAvInterleavedWriteFrame, &Prefs::setUseFFMPEGEncodeAvInterleavedWriteFrame},
+};
+}  // namespace
+
 PreferencesGuard::PreferencesGuard()
 {
-    DecoderPreferences* p = DecoderPreferences::instance();
-    const bool now[] = {p->isDecodeMJPEGThroughQImage(), p->isUsedMxPEGNative(), p->isLookForNALsH264(),
-                        p->isRemoveLastExtraByteH264(), p->isRemoveDoubleStartCodesH264(), p->jpeg2000passthrough(),
-                        p->jpeg2000codestream(), p->jpeg2000display_atoms(), p->isZeroCopyDecoding(),
-                        p->useFFMPEGEncodeAvInterleavedWriteFrame()};
-    std::copy(std::begin(now), std::end(now), saved_);
+    for (size_t i = 0; i < std::size(kSwitches); ++i)
+        saved_[i] = kSwitches[i].first(Prefs::instance());
 }
 
 PreferencesGuard::~PreferencesGuard()
 {
-    DecoderPreferences* p = DecoderPreferences::instance();
-    p->decodeMJPEGThroughQImage(saved_[0]);
-    p->useMxPEGNative(saved_[1]);
-    p->lookForNALsH264(saved_[2]);
-    p->removeLastExtraByteH264(saved_[3]);
-    p->removeDoubleStartCodesH264(saved_[4]);
-    p->setJpeg2000passthrough(saved_[5]);
-    p->setJpeg2000codestream(saved_[6]);
-    p->setJpeg2000display_atoms(saved_[7]);
-    p->setZeroCopyDecoding(saved_[8]);
-    p->setUseFFMPEGEncodeAvInterleavedWriteFrame(saved_[9]);
+    for (size_t i = 0; i < std::size(kSwitches); ++i)
+        (Prefs::instance()->*kSwitches[i].second)(saved_[i]);
 }
 
 namespace {
@@ -126,41 +127,6 @@ QStringList MessageCapture::messages() const
 {
     QMutexLocker lock(&capturedMutex);
     return captured;
-}
-
-CaptureFd::CaptureFd(int fd) : fd_(fd)
-{
-    std::fflush(nullptr);
-    path_ = dataDir().toStdString() + "/capture." + std::to_string(::getpid()) + "." + std::to_string(fd);
-    saved_ = ::dup(fd_);
-    FILE* f = std::fopen(path_.c_str(), "w");
-    ::dup2(::fileno(f), fd_);
-    std::fclose(f);
-}
-
-std::string CaptureFd::text()
-{
-    restore();
-    std::string out;
-    if (FILE* f = std::fopen(path_.c_str(), "r")) {
-        char buf[4096];
-        size_t n;
-        while ((n = std::fread(buf, 1, sizeof buf, f)) > 0)
-            out.append(buf, n);
-        std::fclose(f);
-    }
-    std::remove(path_.c_str());
-    return out;
-}
-
-void CaptureFd::restore()
-{
-    if (saved_ < 0)
-        return;
-    std::fflush(nullptr);
-    ::dup2(saved_, fd_);
-    ::close(saved_);
-    saved_ = -1;
 }
 
 }  // namespace orvo::test

@@ -6,7 +6,9 @@
 #include <QByteArray>
 #include <QString>
 #include <QStringList>
+#include <gtest/gtest.h>
 #include <string>
+#include <utility>
 
 namespace orvo::test {
 
@@ -26,6 +28,14 @@ int maxDiff(const QByteArray& a, const QByteArray& b);
 // or, with mustSucceed, when it exits with an error.
 QByteArray runProgram(const QString& program, const QStringList& args, bool mustSucceed = true);
 QByteArray readFile(const QString& path);
+
+// A payload through a decoder's decode(data, size, frame, iframe); the bytes are copied so
+// that a decoder may pad or repair them in place.
+template <typename D>
+bool decodeBytes(D& decoder, QByteArray payload, VideoFrame& frame, bool iframe = false)
+{
+    return decoder.decode(reinterpret_cast<unsigned char*>(payload.data()), payload.size(), frame, iframe);
+}
 
 // Restores every decoder preference a test may change.
 class PreferencesGuard {
@@ -47,18 +57,24 @@ public:
 };
 
 // Captures what is written to file descriptor 1 or 2 (printf and std::cout alike) between
-// construction and text().
+// construction and text(); one capture per descriptor at a time.
 class CaptureFd {
 public:
-    explicit CaptureFd(int fd);
-    ~CaptureFd() { restore(); }
-    std::string text();
+    explicit CaptureFd(int fd) : fd_(fd)
+    {
+        fd == 1 ? testing::internal::CaptureStdout() : testing::internal::CaptureStderr();
+    }
+    ~CaptureFd() { text(); }
+    std::string text()
+    {
+        if (std::exchange(done_, true))
+            return std::string();
+        return fd_ == 1 ? testing::internal::GetCapturedStdout() : testing::internal::GetCapturedStderr();
+    }
 
 private:
-    void restore();
     int fd_;
-    int saved_ = -1;
-    std::string path_;
+    bool done_ = false;
 };
 
 }  // namespace orvo::test

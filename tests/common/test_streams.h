@@ -14,9 +14,6 @@ namespace orvo::test {
 // Writable directory for generated data (created on first use).
 QString dataDir();
 
-// Runs a command through /bin/sh; returns its exit status (-1 when it could not run).
-int shell(const QString& command);
-
 // Path of `name` under dataDir(), made once by `ffmpeg -y -loglevel error <args> <path>`
 // (kept for later calls and later test runs). Fails the calling test (ADD_FAILURE) and
 // returns an empty string when ffmpeg fails.
@@ -36,15 +33,24 @@ std::vector<Packet> demuxVideo(const QString& path);
 // I-frame flag from the packet.
 std::vector<Image> toImages(const std::vector<Packet>& packets, quint8 type, quint64 firstId = 1);
 
+// Every image through one orvo::Decoder (decodeImage), then its drain: the pictures in output
+// order. The ids of images that failed go to `failed` when given.
+std::vector<VideoFrame> decodeImages(const std::vector<Image>& images, std::vector<quint64>* failed = nullptr);
+
 // Every picture of `path` decoded by the ffmpeg command line into raw `pixFmt` frames of
 // width x height; `extraArgs` go before the output (e.g. "-sws_flags bilinear").
 std::vector<QByteArray> ffmpegFrames(const QString& path, int width, int height,
                                      const QString& pixFmt = QStringLiteral("yuv420p"),
                                      const QString& extraArgs = QString());
 
-// Largest absolute difference between the Y, U and V planes of a 4:2:0 frame (read row by
-// row with its own bytes per line) and a packed yuv420p picture; -1 when the geometry
-// differs or the frame cannot be mapped.
+// A smooth colour picture (red along x, blue along y) saved as JPEG by Qt's libjpeg.
+QByteArray qtJpeg(int width, int height, int quality = 95);
+
+// The same JPEG declaring another size in its (baseline) frame header; empty without one.
+QByteArray withJpegSize(QByteArray jpeg, int width, int height);
+
+// Largest absolute difference between the planes of a 4:2:0 frame and a packed yuv420p
+// picture; -1 when the geometry differs or the frame cannot be mapped.
 int maxDiffYuv420p(const VideoFrame& frame, const QByteArray& packed, int width, int height);
 
 }  // namespace orvo::test

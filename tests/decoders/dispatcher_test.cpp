@@ -1,6 +1,9 @@
 // The dispatcher's rules that the asynchronous layers rely on, the preferences, and the
-// raw YUV layouts.
+// raw YUV layouts; the H.264 camera path on hand-made bytes: cutting and repairing payloads,
+// the slice dump (real streams cut the camera's way are decoded by the stream suite).
 #include "common/test_streams.h"
+#include "decoders/h264_payload.h"
+#include "decoders/h264_slice_dump.h"
 #include "orvo/decoder.h"
 #include "orvo/decoder_av.h"
 #include "orvo/decoder_h264.h"
@@ -18,7 +21,7 @@
 #include <vector>
 
 using namespace orvo;
-using orvo::test::PreferencesGuard;
+using namespace orvo::test;
 
 namespace {
 
@@ -42,12 +45,15 @@ TEST(DecoderDispatchTest, CodeTableAndKeepingDecoders)
     // wavelet decoders are kept only for the same scale level (above 2 counts as 2);
     // JPEG 2000 keeps its decoder and takes the new level in place; an unknown code changes nothing.
     const Step steps[] = {
-        {0, 0, true, 0, false, "null"},      {'Y', 0, true, 0, true, "null"},   {'R', 0, false, 0, true, "null"},
-        {'y', 0, true, 'y', false, "yuv"},   {'h', 0, true, 'h', false, "av"},  {'H', 5, true, 'h', true, "av"},
-        {'e', 0, true, 'e', false, "av"},    {'E', 3, true, 'e', true, "av"},   {'R', 0, false, 'e', true, "av"},
-        {'M', 0, true, 'M', false, "av"},    {'p', 2, true, 'p', false, "wavelet"},
-        {'p', 7, true, 'p', true, "wavelet"}, {'P', 2, true, 'p', true, "wavelet"}, {'p', 1, true, 'p', false, "wavelet"},
-        {'n', 1, true, 'n', false, "wavelet"}, {'r', 1, true, 'r', false, "jpeg2000"}, {'r', 3, true, 'r', true, "jpeg2000"},
+        {0, 0, true, 0, false, "null"},        {'Y', 0, true, 0, true, "null"},
+        {'R', 0, false, 0, true, "null"},      {'y', 0, true, 'y', false, "yuv"},
+        {'h', 0, true, 'h', false, "av"},      {'H', 5, true, 'h', true, "av"},
+        {'e', 0, true, 'e', false, "av"},      {'E', 3, true, 'e', true, "av"},
+        {'R', 0, false, 'e', true, "av"},      {'M', 0, true, 'M', false, "av"},
+        {'p', 2, true, 'p', false, "wavelet"}, {'p', 7, true, 'p', true, "wavelet"},
+        {'P', 2, true, 'p', true, "wavelet"},  {'p', 1, true, 'p', false, "wavelet"},
+        {'n', 1, true, 'n', false, "wavelet"}, {'r', 1, true, 'r', false, "jpeg2000"},
+        {'r', 3, true, 'r', true, "jpeg2000"},
     };
     Decoder d;
     for (const Step& s : steps) {
@@ -82,11 +88,9 @@ TEST(DecoderDispatchTest, CodeTableAndKeepingDecoders)
     EXPECT_FALSE(d.decode('R', bytes, sizeof bytes, frame, 0, false));
     EXPECT_EQ(d.getFormat(), 'r');
     // Garbage and an empty payload are no picture for H.265, not a crash.
-    QByteArray junk(4000, '\x5a');
-    junk[0] = 0, junk[1] = 0, junk[2] = 1, junk[3] = 0x40;
     Decoder hevc('e', 0);
-    EXPECT_FALSE(hevc.decode(reinterpret_cast<unsigned char*>(junk.data()), junk.size(), frame, true));
-    EXPECT_FALSE(hevc.decode(reinterpret_cast<unsigned char*>(junk.data()), 0, frame, true));
+    EXPECT_FALSE(decodeBytes(hevc, QByteArray("\0\0\1\x40", 4) + QByteArray(4000, '\x5a'), frame, true));
+    EXPECT_FALSE(decodeBytes(hevc, QByteArray(), frame, true));
     EXPECT_TRUE(frame.isNull());
 }
 
@@ -222,56 +226,44 @@ void expectPlanes(const VideoFrame& frame, const std::vector<unsigned char>& p, 
 TEST(DecoderYUVTest, ShortAndLongFormsWithRotations)
 {
     DecoderYUV yuv;
-    // 4x2: accepted only at exactly 4 + 8 + 4 bytes.
-    std::vector<unsigned char> small = shortForm(4, 2);
-    ASSERT_EQ(small.size(), 16u);
     VideoFrame frame;
-    ASSERT_TRUE(yuv.decode(small.data(), 16, frame, false));
-    EXPECT_EQ(frame.pixelFormat(), VideoFrame::Format_YUV420P);
-    EXPECT_EQ(frame.width(), 4);
-    EXPECT_EQ(frame.height(), 2);
-    EXPECT_EQ(frame.getScaleX(), 1);
-    EXPECT_FALSE(frame.isMapped());
-    ASSERT_TRUE(frame.map());
-    EXPECT_EQ(frame.bytesPerLineY(), 16u);
-    EXPECT_EQ(frame.bytesPerLineU(), 8u);
-    frame.unmap();
-    expectPlanes(frame, small, 4, 2, 0, 0, 0);
-    const VideoFrame kept = frame;
-    small.push_back(0);
-    EXPECT_FALSE(yuv.decode(small.data(), 15, frame, false));
-    EXPECT_FALSE(yuv.decode(small.data(), 17, frame, false));
-    EXPECT_EQ(frame, kept) << "a rejected payload leaves the frame alone";
-
-    // 17 wide: rows copied one by one into a 32-byte pitch, odd chroma edges completed.
-    std::vector<unsigned char> odd = shortForm(17, 5);
-    ASSERT_TRUE(yuv.decode(odd.data(), int(odd.size()), frame, false));
-    ASSERT_TRUE(frame.map());
-    EXPECT_EQ(frame.bytesPerLineY(), 32u);
-    frame.unmap();
-    EXPECT_EQ(frame.widthU(), 9);
-    EXPECT_EQ(frame.heightU(), 3);
-    expectPlanes(frame, odd, 17, 5, 0, 0, 0);
-
-    // Long form: RY = 1 turns a row a b c d into b c d a. The header's last eight bytes
-    // are the first two Y rows.
+    // 17 wide: rows copied one by one into a 32-byte pitch, odd chroma edges completed; a
+    // width that is a multiple of 16 takes the one-piece path. Long form: RY = 1 turns a row
+    // a b c d into b c d a.
+    const struct {
+        int w, h, ry, ru, rv;
+        bool longForm;
+        unsigned bplY, bplU;
+    } rows[] = {{4, 2, 0, 0, 0, false, 16, 8},  {17, 5, 0, 0, 0, false, 32, 16}, {4, 4, 1, 0, 0, true, 16, 8},
+                {32, 6, 5, 3, 7, true, 32, 16}, {32, 6, 0, 0, 0, false, 32, 16}};
+    for (const auto& r : rows) {
+        SCOPED_TRACE(testing::Message() << r.w << "x" << r.h << " rotations " << r.ry << r.ru << r.rv);
+        std::vector<unsigned char> p = r.longForm ? longForm(r.ry, r.ru, r.rv, r.w, r.h) : shortForm(r.w, r.h);
+        ASSERT_TRUE(yuv.decode(p.data(), int(p.size()), frame, false));
+        EXPECT_EQ(frame.pixelFormat(), VideoFrame::Format_YUV420P);
+        EXPECT_EQ(frame.width(), r.w);
+        EXPECT_EQ(frame.heightU(), (r.h + 1) / 2);
+        ASSERT_TRUE(frame.map());
+        EXPECT_EQ(frame.bytesPerLineY(), r.bplY);
+        EXPECT_EQ(frame.bytesPerLineU(), r.bplU);
+        frame.unmap();
+        expectPlanes(frame, p, r.w, r.h, r.ry, r.ru, r.rv);
+    }
+    // The long form's header ends in the first two Y rows.
     std::vector<unsigned char> rotated = longForm(1, 0, 0, 4, 4);
-    ASSERT_EQ(rotated.size(), 28u);
     rotated[12] = 'a', rotated[13] = 'b', rotated[14] = 'c', rotated[15] = 'd';
     ASSERT_TRUE(yuv.decode(rotated.data(), 28, frame, false));
     ASSERT_TRUE(frame.map());
     EXPECT_EQ(QByteArray(reinterpret_cast<char*>(frame.lineY(1)), 4), QByteArray("\x04\x00\x04\x00", 4));
     EXPECT_EQ(QByteArray(reinterpret_cast<char*>(frame.lineY(2)), 4), QByteArray("bcda"));
     frame.unmap();
-    expectPlanes(frame, rotated, 4, 4, 1, 0, 0);
-
-    // All three rotations on a picture whose width is a multiple of 16 (the one-piece path).
-    std::vector<unsigned char> wide = longForm(5, 3, 7, 32, 6);
-    ASSERT_TRUE(yuv.decode(wide.data(), int(wide.size()), frame, false));
-    expectPlanes(frame, wide, 32, 6, 5, 3, 7);
-    std::vector<unsigned char> plain = shortForm(32, 6);
-    ASSERT_TRUE(yuv.decode(plain.data(), int(plain.size()), frame, false));
-    expectPlanes(frame, plain, 32, 6, 0, 0, 0);
+    // 4x2 is accepted only at exactly 4 + 8 + 4 bytes; a rejected payload leaves the frame alone.
+    const VideoFrame kept = frame;
+    std::vector<unsigned char> small = shortForm(4, 2);
+    small.push_back(0);
+    EXPECT_FALSE(yuv.decode(small.data(), 15, frame, false));
+    EXPECT_FALSE(yuv.decode(small.data(), 17, frame, false));
+    EXPECT_EQ(frame, kept);
 }
 
 TEST(DecoderYUVTest, HostilePayloadsAreRejected)
@@ -300,4 +292,97 @@ TEST(DecoderYUVTest, HostilePayloadsAreRejected)
     EXPECT_TRUE(frame.isNull());
     std::vector<unsigned char> empty{0, 0, 0, 0};  // a 0-wide long form needs 12 bytes
     EXPECT_FALSE(yuv.decode(empty.data(), 4, frame, false));
+}
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+
+int cut(Bytes bytes, bool lastByte = true, bool doubleStart = true)
+{
+    return h264::cameraPayloadLength(bytes.empty() ? nullptr : bytes.data(), int(bytes.size()), lastByte,
+                                     doubleStart);
+}
+
+}  // namespace
+
+TEST(H264PayloadTest, CutAndRepairs)
+{
+    EXPECT_EQ(cut({0, 0, 0, 1, 0x65, 0xAA, 0xBB, 0, 0, 0, 1}), 7);
+    // A start code and a single byte before the cut lose that byte only when asked.
+    EXPECT_EQ(cut({0, 0, 0, 1, 0x09, 0, 0, 0, 1}), 4);
+    EXPECT_EQ(cut({0, 0, 0, 1, 0x09, 0, 0, 0, 1}, false), 5);
+    // Trailing FF padding goes with the double-start-code repair.
+    EXPECT_EQ(cut({0, 0, 0, 1, 0x65, 1, 2, 0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 1}), 7);
+    EXPECT_EQ(cut({0, 0, 0, 1, 0x65, 1, 2, 0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 1}, true, false), 11);
+    EXPECT_EQ(cut({0, 0, 0, 1, 0x65, 1, 2, 0xFE, 0xFF, 0xFF, 0xFF, 0, 0, 0, 1}), 11);
+    // No start code after offset 0, or too short.
+    EXPECT_EQ(cut({0, 0, 0, 1, 0x65, 1, 2, 3}), -1);
+    EXPECT_EQ(cut({0, 0, 0, 1}), -1);
+    EXPECT_EQ(cut({}), -1);
+    EXPECT_EQ(cut({7, 0, 0, 0, 1}), 1);
+    EXPECT_EQ(cut({0, 0, 0, 0, 1}), 1);
+    EXPECT_EQ(cut({0, 0, 0, 1, 9}), -1);
+
+    // The repair turns the first of two adjacent start codes into padding, in place; a
+    // run of three shrinks to one.
+    Bytes doubled{0, 0, 0, 1, 0, 0, 0, 1, 0x67, 0x42};
+    h264::repairDoubleStartCodes(doubled.data(), int(doubled.size()));
+    EXPECT_EQ(doubled, (Bytes{0, 0, 0, 0, 0, 0, 0, 1, 0x67, 0x42}));
+    Bytes tripled{0x09, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1, 0x65};
+    h264::repairDoubleStartCodes(tripled.data(), int(tripled.size()));
+    EXPECT_EQ(tripled, (Bytes{0x09, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0x65}));
+
+    // Cuts at offsets 1 to 4 leave no room to look back five or four bytes; exact-size
+    // heap buffers make any look before the payload visible under ASan.
+    for (int at = 1; at <= 4; ++at) {
+        Bytes bytes(size_t(at), 0xFF);
+        bytes.insert(bytes.end(), {0, 0, 0, 1});
+        EXPECT_EQ(cut(bytes), at == 4 ? 0 : at) << at;  // four FF bytes are padding
+        bytes[0] = 0xEE;
+        EXPECT_EQ(cut(bytes), at) << at;
+    }
+}
+
+TEST(H264DecoderTest, ShortOrUncutPayloadsFailWithoutTouchingTheFrame)
+{
+    DecoderH264* decoder = DecoderH264::get();
+
+    VideoFrame frame;
+    frame.setId(99);
+    const VideoFrame kept = frame;
+    Bytes four{0, 0, 0, 1};
+    EXPECT_FALSE(decoder->decode(four.data(), 4, frame, true));
+    Bytes single{0, 0, 0, 1, 0x65, 0x88, 0x84};
+    EXPECT_FALSE(decoder->decode(single.data(), int(single.size()), frame, true));
+    EXPECT_EQ(frame, kept);
+    DecoderH264::release(decoder);
+    DecoderH264::release(nullptr);
+    DecoderH264::get()->release();
+}
+
+TEST(H264SliceDumpTest, PrintsSliceHeadersAndStaysInBounds)
+{
+    // first_mb ue 0 ("1"), slice_type ue 7 ("0001000"), ppsid ue 0 ("1"), frame_num "0101".
+    Bytes slice{0, 0, 0, 1, 0x65, 0x88, 0xA8, 0, 0, 0, 1, 0x41, 0x9A};
+    CaptureFd out(1);
+    // The second header runs past the end of the data, where bits read as zero.
+    EXPECT_EQ(h264::dumpSliceHeaders(slice.data(), int(slice.size())), 0);
+    EXPECT_EQ(out.text(), "\n___________h264 debug_________________\n"
+                          "offset=0 nal=65, first_mb=0 slice_type=7 ppsid=0 frame_num=5\n"
+                          "offset=7 nal=41, first_mb=0 slice_type=5 ppsid=0 frame_num=0\n"
+                          "___________h264 debug____end_____________\n");
+    CaptureFd quiet(1);
+    Bytes tiny{0, 0, 0, 1, 0x65};
+    EXPECT_EQ(h264::dumpSliceHeaders(tiny.data(), int(tiny.size())), -1);
+    // Zero bits to the end: the readers stop at the end of the data instead of running on.
+    Bytes zeros{0, 0, 0, 1, 0x65, 0, 0, 0, 0, 0, 0, 0};
+    EXPECT_EQ(h264::dumpSliceHeaders(zeros.data(), int(zeros.size())), 0);
+
+    const Bytes bits{0x38, 0x80};  // 00111 -> 6, then 000 and 100
+    h264::BitReader reader(bits.data(), 2);
+    EXPECT_EQ(reader.readUE(), 6u);
+    EXPECT_EQ(reader.readBits(3), 0u);
+    EXPECT_EQ(reader.readBits(3), 4u);
+    EXPECT_EQ(reader.readBits(32), 0u);  // past the end reads zeros
 }

@@ -17,8 +17,7 @@ using namespace orvo::test;
 
 namespace {
 
-constexpr int kWidth = 320;
-constexpr int kHeight = 240;
+constexpr int kWidth = 320, kHeight = 240;
 constexpr size_t kWritten = 2;  // an early picture that the following P pictures predict from
 
 struct WriteCase {
@@ -27,17 +26,6 @@ struct WriteCase {
 };
 
 std::ostream& operator<<(std::ostream& os, const WriteCase& c) { return os << c.name; }
-
-VideoFrame opaqueOverlay()
-{
-    VideoFrame overlay(64, 48, VideoFrame::Format_YUV420P, BufferProperties());
-    EXPECT_TRUE(overlay.map(QAbstractVideoBuffer::ReadWrite));
-    overlay.fillYuv(0xEB8080, Rect{0, 0, 0, 0});
-    for (int row = 0; row < overlay.heightA(); ++row)
-        memset(overlay.bitsA() + row * overlay.bytesPerLineA(), 255, size_t(overlay.widthA()));
-    overlay.unmap();
-    return overlay;
-}
 
 const WriteCase kWrites[] = {
     // A fill writes into whatever the frame maps, even a read-only mapping.
@@ -49,7 +37,11 @@ const WriteCase kWrites[] = {
      }},
     {"blend",
      [](VideoFrame& f) {
-         const VideoFrame overlay = opaqueOverlay();
+         VideoFrame overlay(64, 48, VideoFrame::Format_YUV420P, BufferProperties());
+         ASSERT_TRUE(overlay.map(QAbstractVideoBuffer::ReadWrite));
+         overlay.fillYuv(0xEB8080, Rect{0, 0, 0, 0});
+         memset(overlay.bitsA(), 255, size_t(overlay.bytesPerLineA()) * size_t(overlay.heightA()));  // opaque
+         overlay.unmap();
          ASSERT_TRUE(f.blend(overlay, 10, 20));
      }},
     {"write_mapping",

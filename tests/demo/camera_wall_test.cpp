@@ -1,4 +1,6 @@
 // The demo end to end: a short camera wall, checked with ffprobe and by loading its PNG.
+#include "common/support.h"
+
 #include <QImage>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -22,11 +24,9 @@ TEST(CameraWall, RecordsMosaicWithSoundAndSnapshot)
     EXPECT_TRUE(log.contains("camera_wall summary")) << log.toStdString();
     EXPECT_TRUE(log.contains("decode errors      0\n")) << log.toStdString();
 
-    QProcess probe;
-    probe.start(QStringLiteral("ffprobe"), {"-v", "error", "-show_streams", "-of", "json",
-                                            out.filePath(QStringLiteral("camera_wall.mp4"))});
-    ASSERT_TRUE(probe.waitForFinished(60000));
-    const QJsonArray streams = QJsonDocument::fromJson(probe.readAllStandardOutput()).object()["streams"].toArray();
+    const QByteArray probe = orvo::test::runProgram(
+        "ffprobe", {"-v", "error", "-show_streams", "-of", "json", out.filePath(QStringLiteral("camera_wall.mp4"))});
+    const QJsonArray streams = QJsonDocument::fromJson(probe).object()["streams"].toArray();
     ASSERT_EQ(streams.size(), 2);
     QSet<QString> codecs;
     for (const auto& s : streams) {

@@ -1,21 +1,16 @@
 #pragma once
-// Helpers of the encoder tests: synthetic pictures and tones, stdout/stderr capture,
-// ffprobe and ffmpeg as independent readers of the files written.
+// Helpers of the encoder tests: synthetic pictures and tones, ffprobe and ffmpeg as
+// independent readers of the files written, a recording backend.
 #include "common/test_streams.h"
 #include "orvo/encoder.h"
 
-#include <QByteArray>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
-#include <QString>
-#include <QStringList>
 
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
-#include <cstdio>
-#include <string>
 #include <vector>
 
 namespace orvo::test {
@@ -44,24 +39,23 @@ inline std::vector<unsigned char> makePicture(int width, int height, int index)
     return p;
 }
 
-inline int encodePicture(Encoder& enc, std::vector<unsigned char>& p, int width, int height)
+// Encodes a picture made by makePicture through an Encoder or a backend.
+template <typename E>
+int encodePicture(E& enc, std::vector<unsigned char>& p, int width, int height, unsigned char* out = nullptr,
+                  int outSize = 0)
 {
     const int cw = (width + 1) / 2, ch = (height + 1) / 2;
     unsigned char* y = p.data();
-    return enc.encode(y, y + width * height, y + width * height + cw * ch, width, cw, cw, nullptr, 0);
+    return enc.encode(y, y + width * height, y + width * height + cw * ch, width, cw, cw, out, outSize);
 }
 
 // PSNR of the luma planes of two packed 4:2:0 pictures (99 when identical).
 inline double psnrY(const unsigned char* a, const unsigned char* b, int width, int height)
 {
     double se = 0;
-    for (int i = 0; i < width * height; ++i) {
-        const double d = double(a[i]) - double(b[i]);
-        se += d * d;
-    }
-    if (se == 0)
-        return 99;
-    return 10 * std::log10(255.0 * 255.0 / (se / (width * height)));
+    for (int i = 0; i < width * height; ++i)
+        se += (double(a[i]) - b[i]) * (double(a[i]) - b[i]);
+    return se == 0 ? 99 : 10 * std::log10(255.0 * 255.0 / (se / (width * height)));
 }
 
 // Interleaved S16 sines of `channels` channels, continuing at sample `first`: channel c
@@ -125,5 +119,64 @@ inline std::vector<short> ffmpegAudio(const QString& path, int channel = 0)
     std::memcpy(s.data(), raw.constData(), s.size() * 2);
     return s;
 }
+
+// A backend that records what the facade and the audio buffer ask of it. Track ends are
+// counted in samples at `rate`: the video end is set by the test, the audio end grows by
+// one frame per encode_audio.
+class FakeBackend : public AbstractEncoder {
+public:
+    FakeBackend(int frameSize, int rate, int* destroyed = nullptr, int engine = 1)
+        : frameSize(frameSize), rate(rate), destroyed(destroyed), engine(engine) {}
+    ~FakeBackend() override
+    {
+        if (destroyed)
+            ++*destroyed;
+    }
+
+    bool open(const std::string&, const std::string&, unsigned int, int, int, int, int, int, int, int, int, int,
+              unsigned int, int, int, int, void*, EncoderError&, bool) override
+    {
+        return false;
+    }
+    int compareAudioVideoPTS(int& whole, int& num, int& den, bool& exact) const override
+    {
+        const qint64 diff = audioEnd - videoEnd;
+        whole = static_cast<int>(diff / rate);
+        num = static_cast<int>(diff % rate);
+        den = rate;
+        exact = true;
+        return diff == 0 ? 0 : diff > 0 ? static_cast<int>(std::abs(whole)) + 1 : -(std::abs(whole) + 1);
+    }
+    bool hasVideo() const override { return true; }
+    bool hasAudio() const override { return audio; }
+    int getAudioInputFrameSize() const override { return frameSize; }
+    int getAudioSampleRate() const override { return rate; }
+    qint64 behindAudioSamples() const override { return videoEnd - audioEnd; }
+    int encode(unsigned char*, unsigned char*, unsigned char*, unsigned int, unsigned int, unsigned int,
+               unsigned char*, int) override
+    {
+        return 0;
+    }
+    int output_encoded_video(unsigned char*, int size) override { return size; }
+    int encode_audio(short* samples, unsigned char*, int) override
+    {
+        frames.push_back(samples);
+        contents.emplace_back(samples, samples + frameSize);
+        audioEnd += frameSize;
+        return 10;
+    }
+    void close() override {}
+    int engine_id() const override { return engine; }
+
+    int frameSize;
+    int rate;
+    int* destroyed;
+    int engine;
+    bool audio = true;
+    qint64 videoEnd = 0;
+    qint64 audioEnd = 0;
+    std::vector<const short*> frames;
+    std::vector<std::vector<short>> contents;
+};
 
 }  // namespace orvo::test

@@ -11,9 +11,6 @@ using namespace orvo::test;
 using orvo::VideoFrame;
 using Sample = std::function<int(int x, int y)>;
 
-inline int chromaW(VideoFrame::OrvoPixelFormat f, int w) { return orvo::VideoFrameQt::planeUVWidth(f, w); }
-inline int chromaH(VideoFrame::OrvoPixelFormat f, int h) { return orvo::VideoFrameQt::planeUVHeight(f, h); }
-
 // A split frame whose planes hold y(x, y), u(x, y), v(x, y) (chroma coordinates for u and v).
 inline VideoFrame makeFrame(int w, int h, VideoFrame::OrvoPixelFormat f, const Sample& ys, const Sample& us,
                             const Sample& vs, const orvo::BufferProperties& p = orvo::defaultBufferProperties)
@@ -24,8 +21,8 @@ inline VideoFrame makeFrame(int w, int h, VideoFrame::OrvoPixelFormat f, const S
     for (int j = 0; j < h; ++j)
         for (int i = 0; i < w; ++i)
             frame.lineY(j)[i] = uchar(ys(i, j));
-    for (int j = 0; j < chromaH(f, h); ++j)
-        for (int i = 0; i < chromaW(f, w); ++i) {
+    for (int j = 0; j < frame.heightU(); ++j)
+        for (int i = 0; i < frame.widthU(); ++i) {
             frame.lineU(j)[i] = uchar(us(i, j));
             frame.lineV(j)[i] = uchar(vs(i, j));
         }
@@ -36,23 +33,18 @@ inline VideoFrame makeFrame(int w, int h, VideoFrame::OrvoPixelFormat f, const S
     return frame;
 }
 
-inline Sample constant(int v)
-{
-    return [v](int, int) { return v; };
-}
+inline Sample constant(int v) { return [v](int, int) { return v; }; }
 
 // A frame from packed planar bytes (Y, then U, then V; chroma per the format's rules).
 inline VideoFrame frameFromPlanar(const QByteArray& data, int w, int h, VideoFrame::OrvoPixelFormat f)
 {
-    const int cw = chromaW(f, w), ch = chromaH(f, h);
+    const int cw = orvo::VideoFrameQt::planeUVWidth(f, w), ch = orvo::VideoFrameQt::planeUVHeight(f, h);
     if (data.size() != w * h + 2 * cw * ch)
         return VideoFrame();
-    const uchar* p = reinterpret_cast<const uchar*>(data.constData());
-    const uchar* u = p + w * h;
-    const uchar* v = u + cw * ch;
+    const auto* y = reinterpret_cast<const uchar*>(data.constData()), *u = y + w * h, *v = u + cw * ch;
     return makeFrame(
-        w, h, f, [&](int x, int y) { return p[y * w + x]; }, [&](int x, int y) { return u[y * cw + x]; },
-        [&](int x, int y) { return v[y * cw + x]; });
+        w, h, f, [&](int i, int j) { return y[j * w + i]; }, [&](int i, int j) { return u[j * cw + i]; },
+        [&](int i, int j) { return v[j * cw + i]; });
 }
 
 inline int at(const QByteArray& plane, int w, int x, int y) { return uchar(plane[y * w + x]); }

@@ -1,5 +1,6 @@
-// Geometry users hit: clipped fills, import positions and enlarging, 4:2:2 chroma rows,
-// regions cut at edges, copies with black fill, blending at a corner partly outside.
+// Geometry and colours users hit: clipped fills and their BT.601 colours, import positions,
+// enlarging and alpha, 4:2:2 chroma rows, regions cut at edges, copies with black fill,
+// blending at a corner partly outside.
 #include "frameops_util.h"
 #include "orvo/qimage_import.h"
 #include "orvo/scale_context.h"
@@ -29,6 +30,19 @@ void expectRect(const QByteArray& plane, int w, int h, const std::function<bool(
 auto box(int x0, int y0, int x1, int y1)  // half-open
 {
     return [=](int x, int y) { return x >= x0 && x < x1 && y >= y0 && y < y1; };
+}
+struct Colour {
+    const char* name;
+    QRgb rgb;
+    int y, u, v;  // BT.601 studio range, truncated as the fills compute it
+};
+const Colour kColours[] = {
+    {"red", 0xFFFF0000, 81, 90, 239},     {"green", 0xFF00FF00, 144, 53, 34},  {"blue", 0xFF0000FF, 40, 239, 109},
+    {"white", 0xFFFFFFFF, 235, 128, 128}, {"black", 0xFF000000, 16, 128, 128},
+};
+int channelDiff(QRgb a, QRgb b)
+{
+    return qMax(qAbs(qRed(a) - qRed(b)), qMax(qAbs(qGreen(a) - qGreen(b)), qAbs(qBlue(a) - qBlue(b))));
 }
 QImage solid(int w, int h, QRgb c, QImage::Format f = QImage::Format_RGB32)
 {
@@ -76,25 +90,13 @@ TEST(FrameGeometry, FillsClipAtTheEdges)
     EXPECT_EQ(at(u, 4, 3, 2), kBg);  // the fill at (6, 5) starts at chroma (3, 3): row 2 untouched
     EXPECT_EQ(at(u, 4, 0, 0), 1);
 
-    // 4:2:2 keeps chroma rows; a padded stride is never written past the width.
-    orvo::BufferProperties padded;
-    padded.minBytesPerLineY = 24;
-    padded.minBytesPerLineU = 24;
-    VideoFrame g = makeFrame(8, 6, VideoFrame::Format_YUV422P, constant(kBg), constant(kBg), constant(kBg), padded);
+    // 4:2:2 keeps chroma rows.
+    VideoFrame g = background(8, 6, VideoFrame::Format_YUV422P);
     ASSERT_TRUE(g.map(QAbstractVideoBuffer::ReadWrite));
-    memset(g.bitsY(), 0xEE, g.bytesPerLineY() * 6);
-    memset(g.bitsU(), 0xEE, g.bytesPerLineU() * 6);
-    g.body()->fill(7, 8, 9, 0, 0, -1, -1);
     g.body()->fill(1, 2, 3, 2, 3, 4, 2);
-    for (int j = 0; j < 6; ++j) {
-        for (int i = 8; i < int(g.bytesPerLineY()); ++i)
-            ASSERT_EQ(g.lineY(j)[i], 0xEE);
-        for (int i = 4; i < int(g.bytesPerLineU()); ++i)
-            ASSERT_EQ(g.lineU(j)[i], 0xEE);
-        for (int i = 0; i < 4; ++i)
-            ASSERT_EQ(g.lineU(j)[i], (j == 3 || j == 4) && (i == 1 || i == 2) ? 2 : 8) << i << "," << j;
-    }
     g.unmap();
+    expectRect(planeBytes(g, Plane::U), 4, 6, box(1, 3, 3, 5), 2);
+    expectRect(planeBytes(g, Plane::V), 4, 6, box(1, 3, 3, 5), 3);
 
     // Unmapped or null frames are left alone.
     VideoFrame h = background(8, 8);
@@ -229,15 +231,10 @@ TEST(FrameGeometry, ScaleToRegions)
     }
     wide.unmap();
 
-    // Null and planeless destinations.
+    // A null destination stays null (planeless ones: the bad-input tests).
     VideoFrame null;
     EXPECT_FALSE(src.scaleTo(null, 0, 0, -1, -1));
     EXPECT_TRUE(null.isNull());
-    VideoFrame planeless;
-    planeless.setId(1);
-    EXPECT_FALSE(src.scaleTo(planeless, 0, 0, -1, -1));
-    EXPECT_EQ(planeless.id(), 5u);  // metadata copied before the failure
-    src.unmap();
     EXPECT_FALSE(src.scaleTo(one, -200, 0, -1, -1));
     src.unmap();
     one.unmap();
@@ -327,4 +324,53 @@ TEST(FrameGeometry, BlendAtAPartlyOutsideCorner)
     EXPECT_FALSE(frame.blend(opaque, 0, 0));
     EXPECT_FALSE(frame.blend(frame, 0, 0));
     EXPECT_FALSE(frame.blend(VideoFrame(), 0, 0));
+}
+
+// The fill colours are the truncated BT.601 studio-range values, on every plane and through
+// every fill entry point; imported alpha is kept byte for byte.
+TEST(FrameColours, FillsWriteBt601Values)
+{
+    for (const Colour& c : kColours) {
+        SCOPED_TRACE(c.name);
+        for (int entry = 0; entry < 3; ++entry) {
+            VideoFrame frame = makeFrame(8, 8, VideoFrame::Format_YUV420P, constant(1), constant(2), constant(3));
+            ASSERT_TRUE(frame.map(QAbstractVideoBuffer::ReadWrite));
+            if (entry == 0)
+                frame.fillRgb(c.rgb, Rect(0, 0, 8, 8));
+            else if (entry == 1)
+                frame.body()->fill(c.rgb, QRect(0, 0, 8, 8));
+            else
+                frame.body()->fill(QColor::fromRgb(c.rgb), QRect(0, 0, 8, 8));
+            frame.unmap();
+            for (char s : planeBytes(frame, Plane::Y))
+                ASSERT_EQ(uchar(s), c.y);
+            for (char s : planeBytes(frame, Plane::U))
+                ASSERT_EQ(uchar(s), c.u);
+            for (char s : planeBytes(frame, Plane::V))
+                ASSERT_EQ(uchar(s), c.v);
+            // And the filled colour reads back as itself (within the truncation of the fill values).
+            const QImage back = frame.convertToQImage(VideoFrame::Format_RGB32, 0, 0, -1, -1, 0, 0, 0, 0, 0, 0);
+            EXPECT_LE(channelDiff(back.pixel(4, 4), c.rgb), 6);
+        }
+    }
+    VideoFrame frame = makeFrame(8, 8, VideoFrame::Format_YUV420P, constant(1), constant(2), constant(3));
+    ASSERT_TRUE(frame.map(QAbstractVideoBuffer::ReadWrite));
+    frame.fillYuv(0xAA108090, Rect(0, 0, 8, 8));
+    frame.unmap();
+    EXPECT_EQ(planeBytes(frame, Plane::Y), QByteArray(64, char(0x10)));
+    EXPECT_EQ(planeBytes(frame, Plane::U), QByteArray(16, char(0x80)));
+    EXPECT_EQ(planeBytes(frame, Plane::V), QByteArray(16, char(0x90)));
+    // The alpha channel of an ARGB32 image lands byte for byte in the alpha plane.
+    QImage image(13, 7, QImage::Format_ARGB32);
+    for (int j = 0; j < 7; ++j)
+        for (int i = 0; i < 13; ++i)
+            image.setPixel(i, j, qRgba(i * 3, 40, 200, (i * 19 + j * 7) & 255));
+    VideoFrame withAlpha = makeFrame(13, 7, VideoFrame::Format_YUV420P, constant(0), constant(0), constant(0));
+    ASSERT_TRUE(orvo::qImageAlphaChannel2videoFrame(image, withAlpha));
+    EXPECT_FALSE(withAlpha.isMapped());
+    const QByteArray a = planeBytes(withAlpha, Plane::A);
+    ASSERT_EQ(a.size(), 13 * 7);
+    for (int j = 0; j < 7; ++j)
+        for (int i = 0; i < 13; ++i)
+            EXPECT_EQ(at(a, 13, i, j), (i * 19 + j * 7) & 255);
 }

@@ -1,15 +1,21 @@
-// Frame handles, shared bodies, mapping rules, snapshots and deep copies.
+// Plane geometry, plane buffers and frame allocation; frame handles, shared bodies, mapping
+// rules, snapshots and deep copies.
+#include "common/support.h"
 #include "orvo/video_frame_helper.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <vector>
 
 using orvo::BufferProperties;
 using orvo::Image;
 using orvo::MemoryVideoBuffer;
 using orvo::VideoFrame;
 using orvo::VideoFrameHelper;
+using orvo::VideoFrameQt;
+using orvo::test::Plane;
+using orvo::test::planeBytes;
 
 namespace {
 
@@ -34,26 +40,18 @@ VideoFrame patterned(int w, int h, const BufferProperties& props = orvo::default
 
 void expectSamePixels(const VideoFrame& a, const VideoFrame& b)
 {
-    ASSERT_TRUE(a.map());
-    ASSERT_TRUE(b.map());
-    ASSERT_EQ(a.widthY(), b.widthY());
-    ASSERT_EQ(a.heightU(), b.heightU());
-    for (int y = 0; y < a.heightY(); ++y)
-        ASSERT_EQ(std::memcmp(a.lineY(y), b.lineY(y), size_t(a.widthY())), 0) << "Y row " << y;
-    for (int y = 0; y < a.heightU(); ++y) {
-        ASSERT_EQ(std::memcmp(a.lineU(y), b.lineU(y), size_t(a.widthU())), 0) << "U row " << y;
-        ASSERT_EQ(std::memcmp(a.lineV(y), b.lineV(y), size_t(a.widthV())), 0) << "V row " << y;
-    }
-    a.unmap();
-    b.unmap();
+    for (Plane p : {Plane::Y, Plane::U, Plane::V})
+        EXPECT_EQ(planeBytes(a, p), planeBytes(b, p)) << int(p);
 }
 
 }  // namespace
 
+// Copies share one body: a setter or a pixel written through one is seen through all.
+// Clones copy pixels and metadata (the view name only with buffer properties) into planes of
+// their own, with the strides asked for.
 TEST(VideoFrame, CopiesShareTheBodyClonesDoNot)
 {
-    VideoFrame f = patterned(17, 9);
-    f.setId(42);
+    VideoFrame f = patterned(100, 10);
     f.setStreamId(7);
     f.setScale(2, 1);
     f.setViewName(QByteArray("left"));
@@ -62,17 +60,15 @@ TEST(VideoFrame, CopiesShareTheBodyClonesDoNot)
     VideoFrame copy = f;
     EXPECT_TRUE(copy == f);
     copy.setId(43);
-    EXPECT_EQ(f.id(), 43u) << "a setter through one copy is seen through all";
+    EXPECT_EQ(f.id(), 43u);
     ASSERT_TRUE(copy.map(QAbstractVideoBuffer::ReadWrite));
     copy.lineY(0)[0] = 99;
     copy.unmap();
-    ASSERT_TRUE(f.map());
-    EXPECT_EQ(f.lineY(0)[0], 99);
-    f.unmap();
+    EXPECT_EQ(planeBytes(f, Plane::Y)[0], char(99));
 
-    VideoFrame byProps = f.clone(orvo::defaultBufferProperties);
-    VideoFrame byAlign = f.clone(16, false);
-    for (const VideoFrame& c : {byProps, byAlign}) {
+    for (const auto& [align, bpl] : {std::pair{16, 112u}, {0, 100u}, {24, 128u}, {1, 100u}, {-1, 104u}}) {
+        SCOPED_TRACE(align);
+        const VideoFrame c = align < 0 ? f.clone(orvo::defaultBufferProperties) : f.clone(align, false);
         EXPECT_FALSE(c == f);
         EXPECT_EQ(c.id(), 43u);
         EXPECT_EQ(c.streamId(), 7u);
@@ -80,56 +76,29 @@ TEST(VideoFrame, CopiesShareTheBodyClonesDoNot)
         EXPECT_EQ(c.attachedData(), QByteArray("meta"));
         EXPECT_TRUE(c.image().sharesDataWith(f.image()));
         EXPECT_EQ(c.pixelFormat(), VideoFrame::Format_YUV420P);
+        EXPECT_EQ(c.viewName(), align < 0 ? QByteArray("left") : QByteArray());
+        ASSERT_TRUE(c.map());
+        EXPECT_EQ(c.bytesPerLineY(), bpl);
+        EXPECT_EQ(c.bitsA(), nullptr);
+        c.unmap();
         expectSamePixels(c, f);
     }
-    EXPECT_EQ(byProps.viewName(), QByteArray("left"));
-    EXPECT_TRUE(byAlign.viewName().isEmpty());
-}
 
-TEST(VideoFrame, CloneStridesAlphaAndSourceMapState)
-{
-    VideoFrame f = patterned(100, 10);
-    struct Case {
-        int align;
-        unsigned bpl;
-    };
-    for (Case c : {Case{16, 112}, Case{0, 100}, Case{24, 128}, Case{1, 100}}) {
-        VideoFrame clone = f.clone(c.align, false);
-        ASSERT_TRUE(clone.map());
-        EXPECT_EQ(clone.bytesPerLineY(), c.bpl) << c.align;
-        EXPECT_EQ(clone.bitsA(), nullptr);
-        clone.unmap();
-        expectSamePixels(clone, f);
-    }
-
-    // Default properties skip alpha; asking for it copies the alpha plane too.
+    // Default properties skip alpha (above); asking for it copies the alpha plane too. clone(align,
+    // true) copies alpha only when the source is mapped at that moment, and leaves it unmapped.
     BufferProperties withAlpha;
     withAlpha.skipAlpha = false;
     withAlpha.minBytesPerLineA = 256;
-    VideoFrame a = f.clone(withAlpha);
-    VideoFrame noA = f.clone(orvo::defaultBufferProperties);
-    ASSERT_TRUE(a.map());
-    ASSERT_NE(a.bitsA(), nullptr);
-    EXPECT_EQ(a.bytesPerLineA(), 256u);
-    EXPECT_EQ(a.bitsA()[3], 252);
-    a.unmap();
-    ASSERT_TRUE(noA.map());
-    EXPECT_EQ(noA.bitsA(), nullptr);
-    noA.unmap();
-
-    // clone(align, true) copies alpha only when it is mapped at that moment.
-    VideoFrame unmappedAlpha = f.clone(8, true);
-    ASSERT_TRUE(unmappedAlpha.map());
-    EXPECT_EQ(unmappedAlpha.bitsA(), nullptr);
-    unmappedAlpha.unmap();
-
-    // The source ends unmapped even when the caller had mapped it.
+    const VideoFrame a = f.clone(withAlpha), unmapped = f.clone(8, true);
     ASSERT_TRUE(f.map());
-    VideoFrame mappedAlpha = f.clone(8, true);
+    const VideoFrame mapped = f.clone(8, true);
     EXPECT_FALSE(f.isMapped());
-    ASSERT_TRUE(mappedAlpha.map());
-    EXPECT_NE(mappedAlpha.bitsA(), nullptr);
-    mappedAlpha.unmap();
+    EXPECT_EQ(planeBytes(a, Plane::A), planeBytes(f, Plane::A));
+    ASSERT_TRUE(a.map());
+    EXPECT_EQ(a.bytesPerLineA(), 256u);
+    a.unmap();
+    EXPECT_TRUE(planeBytes(unmapped, Plane::A).isEmpty());
+    EXPECT_EQ(planeBytes(mapped, Plane::A), planeBytes(f, Plane::A));
 
     EXPECT_TRUE(VideoFrame().clone(8, false).isNull());
     EXPECT_TRUE(VideoFrame().clone(orvo::defaultBufferProperties).isNull());
@@ -216,4 +185,125 @@ TEST(VideoFrameHelper, SnapshotsReadGeometryOnce)
     VideoFrameHelper invalid(empty);
     EXPECT_FALSE(invalid.isValid());
     EXPECT_EQ(invalid.width(true), 0u);
+}
+
+TEST(PlaneGeometry, OddSizesRoundSizesUpAndPositionsDown)
+{
+    struct Case {
+        VideoFrame::OrvoPixelFormat f;
+        int side, chromaW, chromaH, xPos, yPos;
+    };
+    for (Case c : {Case{VideoFrame::Format_YUV420P, 5, 3, 3, 2, 2}, Case{VideoFrame::Format_YUV422P, 5, 3, 5, 2, 5},
+                   Case{VideoFrame::Format_YUV444P, 5, 5, 5, 5, 5}}) {
+        EXPECT_EQ(VideoFrameQt::planeUVWidth(c.f, c.side), c.chromaW) << c.f;
+        EXPECT_EQ(VideoFrameQt::planeUVHeight(c.f, c.side), c.chromaH) << c.f;
+        EXPECT_EQ(VideoFrameQt::xPosPlaneUV(c.f, c.side), c.xPos) << c.f;
+        EXPECT_EQ(VideoFrameQt::yPosPlaneUV(c.f, c.side), c.yPos) << c.f;
+    }
+    EXPECT_EQ(VideoFrame::planeUVSize(QSize(641, 361), VideoFrame::Format_YUV420P), QSize(321, 181));
+
+    int n = 15, w = 5, h = 3, bpl = 5;
+    VideoFrame::OrvoPixelFormat f = VideoFrame::Format_YUV420P;
+    ASSERT_TRUE(VideoFrame::planeUVGeometry(n, w, h, bpl, f));
+    EXPECT_EQ(std::vector<int>({n, w, h, bpl}), std::vector<int>({3, 2, 1, 2}));
+    EXPECT_EQ(f, VideoFrame::Format_Y8);
+    n = 15, w = 5, h = 3, bpl = 5, f = VideoFrame::Format_YUV422P;
+    EXPECT_FALSE(VideoFrame::planeUVGeometry(n, w, h, bpl, f));
+    EXPECT_EQ(std::vector<int>({n, w, h, bpl}), std::vector<int>({15, 5, 3, 5}));
+    EXPECT_EQ(VideoFrame::pixelFormatName(VideoFrame::Format_YUV420P), "Format_YUV420P");
+}
+
+TEST(MemoryVideoBuffer, WrappedMemoryAndDeleterRunsOnceOnLastRelease)
+{
+    auto* storage = new unsigned char[64];
+    {
+        MemoryVideoBuffer wrapped(storage + 8, 32, 8, storage, 0, true);
+        EXPECT_EQ(wrapped.offset(), 8);
+        EXPECT_EQ(wrapped.allocatedSize(), 40);
+        EXPECT_EQ(wrapped.map(QAbstractVideoBuffer::ReadOnly, nullptr, nullptr), storage + 8);
+        wrapped.unmap();
+    }  // freed with delete[] (ASan checks the pairing)
+
+    unsigned char plain[16];
+    MemoryVideoBuffer view(plain, 16, 4, nullptr, 0, false);
+    EXPECT_EQ(view.allocatedSize(), 16);
+    EXPECT_EQ(view.offset(), 0);
+
+    int released = 0;
+    unsigned char* seen = nullptr;
+    static unsigned char foreign[48];
+    {
+        VideoFrame outer;
+        {
+            auto* buffer = new MemoryVideoBuffer(foreign, 48, 8, [&](unsigned char* p) {
+                ++released;
+                seen = p;
+            });
+            QVideoFrame plane(buffer, QSize(8, 6), QVideoFrame::Format_Y8);
+            VideoFrame frame(plane, plane, plane, VideoFrame::Format_YUV444P);
+            outer = frame;  // a copy outlives the frame that made it
+        }
+        EXPECT_EQ(released, 0);
+    }
+    EXPECT_EQ(released, 1);
+    EXPECT_EQ(seen, foreign);
+}
+
+TEST(FrameAllocation, PlanesFollowBufferProperties)
+{
+    struct Case {
+        int w, h;
+        VideoFrame::OrvoPixelFormat format;
+        BufferProperties props;
+    };
+    BufferProperties padded;
+    padded.minBytesPerLineY = 128;
+    padded.minBytesPerLineU = 80;
+    padded.minBytesPerLineV = 999;  // ignored by allocation
+    padded.alignY = 64;
+    padded.alignU = 32;
+    padded.alignV = 16;
+    padded.alignA = 128;
+    const Case cases[] = {
+        {5, 3, VideoFrame::Format_YUV420P, orvo::defaultBufferProperties},
+        {641, 361, VideoFrame::Format_YUV420P, padded},
+        {99, 7, VideoFrame::Format_YUV422P, BufferProperties(32)},
+        {33, 9, VideoFrame::Format_YUV444P, padded},
+    };
+    for (const Case& c : cases) {
+        VideoFrame frame(c.w, c.h, c.format, c.props);
+        ASSERT_TRUE(frame.map(QAbstractVideoBuffer::ReadWrite));
+        const int L = std::max(c.w, c.props.minBytesPerLineY);
+        const bool sub = c.format != VideoFrame::Format_YUV444P;
+        const int bplUV =
+            sub ? std::max((L + 1) / 2, c.props.minBytesPerLineU) : std::max(c.w, c.props.minBytesPerLineU);
+        EXPECT_EQ(int(frame.bytesPerLineY()), L);
+        EXPECT_EQ(int(frame.bytesPerLineU()), bplUV);
+        EXPECT_EQ(int(frame.bytesPerLineV()), bplUV);
+        EXPECT_EQ(int(frame.bytesPerLineA()), L);
+        EXPECT_EQ(quintptr(frame.bitsY()) % quintptr(c.props.alignY), 0u);
+        EXPECT_EQ(quintptr(frame.bitsU()) % quintptr(c.props.alignU), 0u);
+        EXPECT_EQ(quintptr(frame.bitsV()) % quintptr(c.props.alignV), 0u);
+        EXPECT_EQ(quintptr(frame.bitsA()) % quintptr(c.props.alignA), 0u);
+        EXPECT_EQ(frame.widthU(), VideoFrameQt::planeUVWidth(c.format, c.w));
+        EXPECT_EQ(frame.heightU(), VideoFrameQt::planeUVHeight(c.format, c.h));
+        const int rowsUV = c.format == VideoFrame::Format_YUV420P ? (c.h + 1) / 2 : c.h;
+        EXPECT_EQ(frame.mappedBytesU(), bplUV * rowsUV);
+        // Every row of every plane is writable up to its bytes per line (ASan watches).
+        for (int y = 0; y < frame.heightY(); ++y)
+            std::memset(frame.lineY(y), 1, frame.bytesPerLineY());
+        for (int y = 0; y < frame.heightU(); ++y) {
+            std::memset(frame.lineU(y), 2, frame.bytesPerLineU());
+            std::memset(frame.lineV(y), 3, frame.bytesPerLineV());
+        }
+        EXPECT_TRUE(frame.isMapped());
+        frame.unmap();
+        EXPECT_FALSE(frame.isMapped());
+    }
+    // An impossible size gives planes that hold no memory: mapping fails cleanly.
+    VideoFrame huge(100000, 100000, VideoFrame::Format_YUV420P, orvo::defaultBufferProperties);
+    EXPECT_TRUE(huge.isValid());
+    EXPECT_FALSE(huge.map(QAbstractVideoBuffer::ReadWrite));
+    EXPECT_FALSE(huge.isMapped());
+    EXPECT_EQ(huge.bitsY(), nullptr);
 }

@@ -55,30 +55,24 @@ void decodeOnThePool(const std::vector<Image>& clip)
     ConcurrentDecoder decoder;
     Recorder rec;
     rec.attach(decoder.getInterface());
-    std::vector<Image> images = clip;
-    images.push_back(Image('h', QByteArray(), 100));
-    images.push_back(Image('R', QByteArray(16, 'x'), 101));
-    images.push_back(Image('h', QByteArray(64, 'x'), 102));
-    size_t accepted = 0;
-    for (const Image& image : images)
-        accepted += decoder.decode(image) > 0 ? 1 : 0;
-    EXPECT_EQ(accepted, clip.size() + 1);
-    ASSERT_TRUE(waitUntil([&] { return rec.frames.size() + rec.errors.size() == accepted; }));
+    for (const Image& image : clip)
+        ASSERT_EQ(decoder.decode(image), 1);
+    EXPECT_EQ(decoder.decode(Image('h', QByteArray(), 100)), 0);
+    EXPECT_EQ(decoder.decode(Image('R', QByteArray(16, 'x'), 101)), 0);
+    EXPECT_EQ(decoder.decode(Image('h', QByteArray(64, 'x'), 102)), 1);
+    ASSERT_TRUE(waitUntil([&] { return rec.frames.size() + rec.errors.size() == clip.size() + 1; }));
     EXPECT_EQ(rec.frames.size(), clip.size());
 }
 
 // The JPEG 2000 box listing, a line per box on Qt's debug stream.
 void listJpeg2000Boxes()
 {
-    DecoderPreferences* prefs = DecoderPreferences::instance();
-    prefs->setJpeg2000passthrough(false);
-    prefs->setJpeg2000display_atoms(true);
-    QByteArray boxes("\x00\x00\x00\x0cjP  \x0d\x0a\x87\x0a\x00\x00\x00\x10jp2c0123456789", 28);
-    Decoder decoder;
+    PreferencesGuard guard;
+    DecoderPreferences::instance()->setJpeg2000passthrough(false);
+    DecoderPreferences::instance()->setJpeg2000display_atoms(true);
+    Decoder decoder('h', 0);
     VideoFrame frame;
-    decoder.decode('h', reinterpret_cast<unsigned char*>(boxes.data()), boxes.size(), frame, 0, true);
-    prefs->setJpeg2000display_atoms(false);
-    prefs->setJpeg2000passthrough(true);
+    decodeBytes(decoder, QByteArray("\0\0\0\x0cjP  \x0d\x0a\x87\x0a\0\0\0\x10jp2c0123456789", 28), frame, true);
 }
 
 // FFmpeg's log callback is global: the test's own records what reaches it.
@@ -97,14 +91,9 @@ TEST(FFmpegLog, UntouchedLeavesTheHostsCallbackInPlace)
     av_log_set_callback(hostCallback);
     av_log_set_level(AV_LOG_INFO);
 
-    Decoder sync;
-    ASSERT_TRUE(sync.init('h', 0));
-    QByteArray corrupt(4000, '\0');
-    for (int i = 0; i < corrupt.size(); ++i)
-        corrupt[i] = char((i * 77 + 13) & 0xff);
-    corrupt.replace(0, 5, QByteArray("\x00\x00\x00\x01\x65", 5));
+    Decoder sync('h', 0);
     VideoFrame frame;
-    sync.decode(reinterpret_cast<const unsigned char*>(corrupt.constData()), corrupt.size(), frame, true);
+    decodeBytes(sync, QByteArray("\0\0\0\1\x65", 5) + QByteArray(4000, '\x5a'), frame, true);  // a corrupt slice
     decodeOnThePool(clip);
     recordClip(dataDir() + QStringLiteral("/host_untouched.mp4"));
 
@@ -211,13 +200,12 @@ TEST(MissingCodec, FailsTheDecoderNotTheProcess)
     DecoderAV direct(FormatIn_H264);
     EXPECT_TRUE(direct.fail());
     VideoFrame frame;
-    QByteArray payload(reinterpret_cast<const char*>(clip[0].payloadData()), int(clip[0].payloadSize()));
-    EXPECT_FALSE(direct.decode(reinterpret_cast<unsigned char*>(payload.data()), payload.size(), frame, true));
+    EXPECT_FALSE(decodeBytes(direct, clip[0].payload(), frame, true));
 
     Decoder sync;
     EXPECT_FALSE(sync.init('h', 0));
     EXPECT_FALSE(sync.isInitialized());
-    EXPECT_FALSE(sync.decode('h', reinterpret_cast<unsigned char*>(payload.data()), payload.size(), frame, 0, true));
+    EXPECT_NE(sync.decodeImage(clip[0], frame), Decoder::ImageResult::Picture);
 
     ConcurrentDecoder pooled;
     Recorder rec;

@@ -8,7 +8,6 @@
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
-#include <QFile>
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -25,9 +24,10 @@
 #define ORVO_SOAK_SANITIZED 1
 #endif
 
-namespace {
+using namespace orvo;
+using namespace test;
 
-using orvo::Image;
+namespace {
 
 struct Account {
     quint64 fed = 0, frames = 0, errors = 0, cleared = 0, duplicates = 0, strangers = 0, damaged = 0;
@@ -35,7 +35,7 @@ struct Account {
 };
 
 struct Slot {
-    std::unique_ptr<orvo::ConcurrentDecoder> decoder;
+    std::unique_ptr<ConcurrentDecoder> decoder;
     std::shared_ptr<Account> account;  // outlives the decoder: late signals land here
     size_t stream = 0;
     size_t next = 0;
@@ -45,21 +45,17 @@ struct Slot {
 
 long residentKiB()
 {
-    QFile f(QStringLiteral("/proc/self/statm"));
-    if (!f.open(QIODevice::ReadOnly))
-        return 0;
-    const QList<QByteArray> parts = f.readAll().split(' ');
-    return parts.size() > 1 ? parts[1].toLong() * (sysconf(_SC_PAGESIZE) / 1024) : 0;
+    const QList<QByteArray> statm = readFile(QStringLiteral("/proc/self/statm")).split(' ');
+    return statm.size() > 1 ? statm[1].toLong() * (sysconf(_SC_PAGESIZE) / 1024) : 0;
 }
 
-std::vector<std::vector<orvo::test::Packet>> soakStreams()
+std::vector<std::vector<Packet>> soakStreams()
 {
-    using orvo::test::ffmpegFile;
     const QString src = QStringLiteral("-f lavfi -i testsrc2=size=176x144:rate=25 -frames:v 48");
     return {
-        orvo::test::demuxVideo(ffmpegFile("soak_h264.h264", src + " -c:v libx264 -profile:v baseline -g 12 -bf 0 -f h264")),
-        orvo::test::demuxVideo(ffmpegFile("soak_mjpeg.avi", src + " -c:v mjpeg -pix_fmt yuvj420p")),
-        orvo::test::demuxVideo(ffmpegFile("soak_mpeg4.m4v", src + " -c:v mpeg4 -g 12 -bf 0 -f m4v")),
+        demuxVideo(ffmpegFile("soak_h264.h264", src + " -c:v libx264 -profile:v baseline -g 12 -bf 0 -f h264")),
+        demuxVideo(ffmpegFile("soak_mjpeg.avi", src + " -c:v mjpeg -pix_fmt yuvj420p")),
+        demuxVideo(ffmpegFile("soak_mpeg4.m4v", src + " -c:v mpeg4 -g 12 -bf 0 -f m4v")),
     };
 }
 
@@ -71,13 +67,15 @@ TEST(Soak, SixtyFourStreamsAccountForEveryImage)
     const quint8 codes[] = {'h', 'j', 'm'};
     for (const auto& s : streams)
         ASSERT_GE(s.size(), 40u);
-    const int seconds = qEnvironmentVariableIsSet("ORVO_SOAK_SECONDS") ? qEnvironmentVariableIntValue("ORVO_SOAK_SECONDS") : 8;
+    bool set = false;
+    const int given = qEnvironmentVariableIntValue("ORVO_SOAK_SECONDS", &set);
+    const int seconds = set ? given : 8;
 
     std::mt19937 rng(20261123);
     std::vector<std::shared_ptr<Account>> accounts;
     std::vector<Slot> lanes(64);
     auto create = [&](Slot& slot, size_t index) {
-        slot.decoder = std::make_unique<orvo::ConcurrentDecoder>(nullptr);
+        slot.decoder = std::make_unique<ConcurrentDecoder>(nullptr);
         slot.account = std::make_shared<Account>();
         accounts.push_back(slot.account);
         slot.clearing = index % 2 == 0;
@@ -85,23 +83,22 @@ TEST(Soak, SixtyFourStreamsAccountForEveryImage)
             slot.decoder->clearInputQueueOnIFrames();
         slot.stream = index % streams.size();
         slot.next = 0;
-        std::weak_ptr<Account> weak = slot.account;
         auto account = slot.account;
-        QObject::connect(slot.decoder.get(), &orvo::ConcurrentDecoder::frameDecoded, [account](const orvo::VideoFrame& f) {
+        QObject::connect(slot.decoder.get(), &ConcurrentDecoder::frameDecoded, [account](const VideoFrame& f) {
             ++account->frames;
             if (!account->fedIds.count(f.id()))
                 ++account->strangers;
             if (!account->frameIds.insert(f.id()).second)
                 ++account->duplicates;
         });
-        QObject::connect(slot.decoder->getInterface(), &orvo::DecoderInterfaceSignals::error,
-                         [account](const orvo::DecoderError&) { ++account->errors; });
+        QObject::connect(slot.decoder->getInterface(), &DecoderInterfaceSignals::error,
+                         [account](const DecoderError&) { ++account->errors; });
     };
     for (size_t i = 0; i < lanes.size(); ++i)
         create(lanes[i], i);
 
     auto backlog = [](Slot& slot) -> quint64 {
-        auto* impl = qobject_cast<orvo::ConcurrentDecoderImpl*>(slot.decoder->getInterface());
+        auto* impl = qobject_cast<ConcurrentDecoderImpl*>(slot.decoder->getInterface());
         if (!impl || impl->isBacklogEmpty())
             return 0;
         return impl->lastBacklogImageId() - impl->oldestBacklogImageId() + 1;
@@ -117,7 +114,7 @@ TEST(Soak, SixtyFourStreamsAccountForEveryImage)
             if (backlog(slot) >= 6)
                 continue;
             const auto& packets = streams[slot.stream];
-            const orvo::test::Packet& p = packets[slot.next++ % packets.size()];
+            const Packet& p = packets[slot.next++ % packets.size()];
             QByteArray payload = p.data;
             quint8 code = codes[slot.stream];
             const unsigned damage = rng() % 300;

@@ -1,11 +1,15 @@
 // Destroying decoders while jobs run and images wait: no job outlives its decoder, no
-// result reaches a destroyed object, and the other streams carry on.
+// result reaches a destroyed object, and the other streams carry on. The ordered decoder:
+// reordering rule, gaps bridged by the reorder limit, and the real pool path with images fed
+// out of id order.
 #include "async/async_test_util.h"
 #include "async/decode_scheduler.h"
 #include "orvo/concurrent_decoder.h"
 
 #include <QPointer>
 #include <gtest/gtest.h>
+
+#include <limits>
 
 using namespace orvo;
 using namespace orvo::test;
@@ -18,9 +22,11 @@ const std::vector<Image>& clip()
     return images;
 }
 
-int inFlight()
+// Nothing left running or scheduled in the shared pool.
+void expectPoolIdle()
 {
-    return DecodeScheduler::instance()->inFlight();
+    EXPECT_EQ(DecodeScheduler::instance()->inFlight(), 0);
+    EXPECT_EQ(DecodeScheduler::instance()->scheduledCount(), 0);
 }
 
 }  // namespace
@@ -61,8 +67,7 @@ TEST(Lifetime, DestroyingBusyDecodersLeavesTheOthersRunning)
     for (int s = 0; s < kStreams; ++s)
         EXPECT_EQ(recs[s]->frames.size(), counts[s]) << "late frame on stream " << s;
     EXPECT_TRUE(recs[0]->frames.empty());
-    EXPECT_EQ(inFlight(), 0);
-    EXPECT_EQ(DecodeScheduler::instance()->scheduledCount(), 0);
+    expectPoolIdle();
 }
 
 TEST(Lifetime, HandleDestroyedFromItsOwnSignal)
@@ -88,7 +93,7 @@ TEST(Lifetime, HandleDestroyedFromItsOwnSignal)
     spin(30);
     EXPECT_EQ(decoder, nullptr);
     EXPECT_EQ(rec.ids(), (std::vector<quint64>{1, 2, 3}));
-    EXPECT_EQ(inFlight(), 0);
+    expectPoolIdle();
 }
 
 TEST(Lifetime, ParentOwnsTheHandleAndImplementationOutlivesIt)
@@ -103,7 +108,7 @@ TEST(Lifetime, ParentOwnsTheHandleAndImplementationOutlivesIt)
         EXPECT_TRUE(decoder.isNull());
     }
     spin(20);
-    EXPECT_EQ(inFlight(), 0);
+    expectPoolIdle();
 
     // A client that kept the implementation keeps a working decoder after the handle is gone.
     QSharedPointer<SignaledAsyncDecoderInterface> kept;
@@ -122,8 +127,7 @@ TEST(Lifetime, ParentOwnsTheHandleAndImplementationOutlivesIt)
     kept.reset();
     spin(30);
     EXPECT_EQ(rec.frames.size(), images.size());
-    EXPECT_EQ(inFlight(), 0);
-    EXPECT_EQ(DecodeScheduler::instance()->scheduledCount(), 0);
+    expectPoolIdle();
 }
 
 TEST(Lifetime, OrderedHandleDestroyedFromItsSignalInSynchronousMode)
@@ -146,4 +150,98 @@ TEST(Lifetime, OrderedHandleDestroyedFromItsSignalInSynchronousMode)
     EXPECT_EQ(decoder->decode(Image('y', rawYuv(16, 8, 2), 2)), 3);
     EXPECT_EQ(decoder, nullptr);
     EXPECT_EQ(rec.ids(), (std::vector<quint64>{1, 2}));
+}
+
+TEST(OrderedRule, RestoresOrderAndFlushesAcrossGaps)
+{
+    using Ids = std::vector<quint64>;
+    auto join = [](Ids a, const Ids& b) {
+        a.insert(a.end(), b.begin(), b.end());
+        return a;
+    };
+    const quint64 top = std::numeric_limits<quint64>::max();
+    struct Step {
+        Ids finished;
+        Ids emitted;     // all emitted so far
+        int waiting;     // -1: not checked
+        int limit = 0;   // a reorder limit set before the step
+    };
+    const std::vector<std::pair<const char*, std::vector<Step>>> cases = {
+        {"reordered", {{{1, 3, 4, 2}, {1, 2, 3, 4}, 0}}},
+        // The first frame is emitted whatever its id; 7 and 8 wait behind the missing 6;
+        // 40 lies beyond 5 + 24 and flushes them.
+        {"first and beyond the limit", {{{5, 7, 8}, {5}, 2}, {{40}, {5, 7, 8, 40}, 0}}},
+        // A missing id: the successors wait (without spinning) until the gap exceeds the
+        // limit, then everything comes out in order.
+        {"gap", {{join({1, 2}, idRange(4, 26)), {1, 2}, 23}, {{27, 28}, join({1, 2}, idRange(4, 28)), 0}}},
+        // A frame not newer than the last emitted one waits for a later flush; equal ids
+        // keep their arrival order.
+        {"old frame",
+         {{{10, 11, 4}, {10, 11}, 1}, {{12}, {10, 11, 12}, -1}, {{20}, {10, 11, 12, 4, 20}, -1, 2}}},
+        // Ids near the top of the range do not wrap the window.
+        {"top of the range", {{{top - 3, top - 1, top - 2}, {top - 3, top - 2, top - 1}, 0}}},
+    };
+    for (const auto& [name, steps] : cases) {
+        SCOPED_TRACE(name);
+        OrderedConcurrentDecoderImpl impl;
+        Recorder rec;
+        rec.attach(&impl);
+        for (const Step& step : steps) {
+            if (step.limit)
+                impl.setReorderLimit(step.limit);
+            for (quint64 id : step.finished) {
+                VideoFrame f;
+                f.setId(id);
+                impl.frameFinished(f);
+            }
+            EXPECT_EQ(rec.ids(), step.emitted);
+            if (step.waiting >= 0)
+                EXPECT_EQ(impl.waitingFrameCount(), step.waiting);
+        }
+        EXPECT_EQ(impl.lastEmittedId(), steps.back().emitted.back());
+    }
+}
+
+TEST(OrderedDecoder, PoolPathEmitsInIdOrderAndBridgesFailedImages)
+{
+    const QString clip = ffmpegFile(QStringLiteral("async_mjpeg_40.avi"),
+                                    QStringLiteral("-f lavfi -i testsrc2=size=176x144:rate=25 -frames:v 40 -c:v mjpeg "
+                                                   "-pix_fmt yuvj420p -q:v 4"));
+    const auto images = toImages(demuxVideo(clip), 'j');
+    ASSERT_EQ(images.size(), 40u);
+    const auto reference = syncDecode(images);
+
+    OrderedConcurrentDecoder decoder;
+    EXPECT_EQ(decoder.generateNextFrameId(), 1u);
+    EXPECT_EQ(decoder.generateNextFrameId(), 2u);
+    EXPECT_EQ(decoder.generateNextFrameId(), 3u);
+    Recorder rec, implRec;
+    rec.attach(&decoder);
+    implRec.attach(decoder.getInterface());
+
+    // Fed (and therefore finished) in the order 1, 3, 4, 2, ...
+    const std::vector<size_t> order = {0, 2, 3, 1, 4, 5};
+    for (size_t i : order)
+        ASSERT_EQ(decoder.decode(images[i]), 1);
+    ASSERT_TRUE(waitUntil([&] { return rec.frames.size() == order.size(); }));
+    EXPECT_EQ(rec.ids(), idRange(1, 6));
+    for (const VideoFrame& f : rec.frames)
+        EXPECT_EQ(packYuv420p(f), reference[f.id() - 1]) << f.id();
+
+    // Image 8 fails: the error comes at once; 9.. wait until an id lies beyond 7 + 24,
+    // which flushes them.
+    for (size_t i = 6; i < images.size(); ++i) {
+        Image image = images[i];
+        if (image.id() == 8)
+            image.setPayload(QByteArray(64, '\x5a'));
+        ASSERT_EQ(decoder.decode(image), 1);
+    }
+    ASSERT_TRUE(waitUntil([&] { return rec.frames.size() == images.size() - 1; }));
+    spin(30);
+    std::vector<quint64> expected = idRange(1, 7);
+    for (quint64 id = 9; id <= 40; ++id)
+        expected.push_back(id);
+    EXPECT_EQ(rec.ids(), expected);
+    EXPECT_EQ(implRec.errors, std::vector<quint32>{1});
+    EXPECT_EQ(DecodeScheduler::instance()->inFlight(), 0);
 }

@@ -1,7 +1,8 @@
-// Streams cut the way camera network layers cut them (whole access units, one NAL unit
-// per image, one NAL unit plus the next start code for the repairing H.264 path), decoded
-// through every decoder and facade, compared byte for byte with the ffmpeg command line,
-// and checked for the identity each picture carries.
+// orvo::StreamReader on containers and raw elementary streams, from files and memory; and
+// streams cut the way camera network layers cut them (whole access units, one NAL unit per
+// image, one NAL unit plus the next start code for the repairing H.264 path), decoded through
+// every decoder and facade, compared byte for byte with the ffmpeg command line, and checked
+// for the identity each picture carries.
 #include "async/async_test_util.h"
 #include "common/test_streams.h"
 #include "orvo/concurrent_decoder.h"
@@ -10,8 +11,7 @@
 #include "orvo/single_threaded_decoder.h"
 #include "orvo/stream_reader.h"
 
-#include <QFile>
-#include <QProcess>
+#include <QFileInfo>
 #include <gtest/gtest.h>
 
 #include <map>
@@ -62,14 +62,11 @@ std::vector<Case> allCases()
     for (const Clip& clip : kClips)
         for (Cut cut : {Cut::AccessUnit, Cut::NalUnit, Cut::NalPlusStartCode})
             for (Path path : {Path::Decoder, Path::DecoderZeroCopy, Path::Concurrent, Path::Ordered,
-                              Path::SingleThreaded}) {
-                const bool h264 = clip.code == 'h' || clip.code == 'H';
-                if (cut == Cut::NalUnit && clip.code == 'M')
-                    continue;  // no NAL units
-                if (cut == Cut::NalPlusStartCode && !h264)
-                    continue;  // the repairing path is H.264's
-                out.push_back({&clip, cut, path});
-            }
+                              Path::SingleThreaded})
+                // MPEG-2 has no NAL units; the repairing path is H.264's.
+                if ((cut != Cut::NalUnit || clip.code != 'M') &&
+                    (cut != Cut::NalPlusStartCode || clip.code == 'h' || clip.code == 'H'))
+                    out.push_back({&clip, cut, path});
     return out;
 }
 
@@ -125,15 +122,12 @@ const ClipData& clipData(const Clip& clip)
         data.units.push_back(image.payload());
         data.keys.push_back(image.iframe());
     }
-    QFile file(data.path);
-    EXPECT_TRUE(file.open(QIODevice::ReadOnly));
-    EXPECT_EQ(position, file.size()) << "a raw stream is cut without losing a byte";
+    EXPECT_EQ(position, QFileInfo(data.path).size()) << "a raw stream is cut without losing a byte";
     data.reference = ffmpegFrames(data.path, 320, 256);
-    QProcess probe;
-    probe.start(QStringLiteral("ffprobe"), {"-v", "error", "-select_streams", "v:0", "-show_entries", "frame=pkt_pos",
-                                            "-of", "csv=p=0", data.path});
-    EXPECT_TRUE(probe.waitForFinished(60000));
-    for (const QByteArray& line : probe.readAllStandardOutput().split('\n')) {
+    const QByteArray positions = runProgram(QStringLiteral("ffprobe"), {"-v", "error", "-select_streams", "v:0",
+                                                                       "-show_entries", "frame=pkt_pos", "-of",
+                                                                       "csv=p=0", data.path});
+    for (const QByteArray& line : positions.split('\n')) {
         const QByteArray pos = line.split(',').front().trimmed();  // side data may follow
         if (pos.isEmpty())
             continue;
@@ -188,20 +182,10 @@ Outcome decodeThrough(Path path, const std::vector<Image>& images)
 {
     Outcome out;
     if (path == Path::Decoder || path == Path::DecoderZeroCopy) {
-        Decoder decoder;
-        for (const Image& image : images) {
-            VideoFrame frame;
-            const Decoder::ImageResult r = decoder.decodeImage(image, frame);
-            if (r == Decoder::ImageResult::Picture)
-                out.frames.push_back(frame);
-            else if (r == Decoder::ImageResult::Failed)
-                out.errors.push_back(DecoderError(1, image.id()));
-        }
-        VideoFrame frame;
-        while (decoder.drain(frame)) {
-            out.frames.push_back(frame);
-            frame = VideoFrame();
-        }
+        std::vector<quint64> failed;
+        out.frames = decodeImages(images, &failed);
+        for (quint64 id : failed)
+            out.errors.push_back(DecoderError(1, id));
         return out;
     }
     QObject context;
@@ -277,6 +261,88 @@ TEST(CameraCuts, LostSliceCostsAtMostItsGroupOfPictures)
     // Pictures 8.. (the second group) come out exactly, in order, at the end.
     for (size_t k = 0; k < 6; ++k)
         EXPECT_EQ(maxDiffYuv420p(out.frames[out.frames.size() - 6 + k], data.reference[8 + k], 320, 256), 0) << k;
+}
+
+#define SRC "-f lavfi -i testsrc2=size=208x120:rate=25 -frames:v 12 -pix_fmt yuv420p "
+
+struct ReaderCase {
+    const char* file;
+    const char* encode;
+    quint8 code;
+    const char* rawFormat;  // demuxer name for the in-memory run; null for containers
+    const char* referenceArgs;
+};
+
+const ReaderCase kReaderCases[] = {
+    {"reader_h264_b.mp4", SRC "-c:v libx264 -bf 2 -g 6", 'h', nullptr, ""},
+    {"reader_hevc.mkv", SRC "-c:v libx265 -x265-params log-level=error:bframes=2:keyint=6", 'e', nullptr, ""},
+    {"reader_h264.h264", SRC "-c:v libx264 -bf 2 -g 6 -f h264", 'h', "h264", ""},
+    {"reader_hevc.hevc", SRC "-c:v libx265 -x265-params log-level=error:bframes=0:keyint=6 -f hevc", 'e', "hevc", ""},
+    {"reader_mpeg2.m2v", SRC "-c:v mpeg2video -bf 2 -g 6 -q:v 3 -f mpeg2video", 'M', "mpegvideo", ""},
+    {"reader_mpeg4.m4v", SRC "-c:v mpeg4 -bf 1 -g 6 -q:v 3 -f m4v", 'm', "m4v", ""},
+    {"reader_mjpeg.mjpeg", SRC "-c:v mjpeg -q:v 3 -pix_fmt yuvj420p -f mjpeg", 'j', "mjpeg", "-sws_flags bilinear"},
+};
+
+// The reader's images, checked for their code, ids and first I-frame.
+std::vector<Image> readAll(StreamReader& reader, quint8 code)
+{
+    std::vector<Image> images;
+    Image image;
+    while (reader.read(image) == StreamReader::Result::Image) {
+        EXPECT_EQ(image.type(), code);
+        EXPECT_EQ(image.id(), images.size() + 1);
+        EXPECT_TRUE(image.iframe() || !images.empty());
+        images.push_back(image);
+    }
+    return images;
+}
+
+// From the file, and for raw streams from memory, with the demuxer named and (H.264) probed.
+TEST(StreamReaderTest, YieldsTheSamePicturesAsFFmpegFromFilesAndMemory)
+{
+    for (const ReaderCase& c : kReaderCases) {
+        SCOPED_TRACE(c.file);
+        const QString path = ffmpegFile(QString::fromLatin1(c.file), QString::fromLatin1(c.encode));
+        const std::vector<QByteArray> reference =
+            ffmpegFrames(path, 208, 120, QStringLiteral("yuv420p"), QString::fromLatin1(c.referenceArgs));
+        ASSERT_EQ(reference.size(), 12u);
+        const QByteArray bytes = readFile(path);
+        for (const char* demuxer : {"", c.rawFormat, c.code == 'h' && c.rawFormat ? "probe" : nullptr}) {
+            if (!demuxer)
+                continue;
+            SCOPED_TRACE(*demuxer ? demuxer : "file");
+            StreamReader reader;
+            ASSERT_TRUE(!*demuxer ? reader.open(path)
+                                  : reader.openData(bytes, demuxer == QLatin1String("probe") ? QString() : demuxer))
+                << reader.errorString().toStdString();
+            EXPECT_EQ(reader.formatCode(), c.code);
+            EXPECT_EQ(reader.width(), 208);
+            std::vector<quint64> failed;
+            const std::vector<VideoFrame> frames = decodeImages(readAll(reader, c.code), &failed);
+            EXPECT_TRUE(failed.empty());
+            ASSERT_EQ(frames.size(), reference.size());
+            for (size_t k = 0; k < frames.size(); ++k)
+                EXPECT_EQ(maxDiffYuv420p(frames[k], reference[k], 208, 120), 0) << k;
+            Image last;
+            EXPECT_EQ(reader.read(last), StreamReader::Result::End);
+        }
+    }
+}
+
+TEST(StreamReaderTest, ErrorsAreResults)
+{
+    StreamReader reader;
+    Image image;
+    EXPECT_EQ(reader.read(image), StreamReader::Result::Error);
+    EXPECT_FALSE(reader.open(dataDir() + QStringLiteral("/no such file.mp4")));
+    EXPECT_FALSE(reader.errorString().isEmpty());
+    EXPECT_FALSE(reader.openData(QByteArray()));
+    EXPECT_FALSE(reader.openData(QByteArray(100, 'x'), QStringLiteral("no-such-demuxer")));
+    EXPECT_FALSE(reader.isOpen());
+    // Audio only: no video stream.
+    EXPECT_FALSE(
+        reader.open(ffmpegFile(QStringLiteral("reader_audio.wav"), QStringLiteral("-f lavfi -i sine -t 0.2"))));
+    EXPECT_EQ(reader.formatCode(), 0);
 }
 
 }  // namespace
