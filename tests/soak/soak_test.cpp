@@ -25,7 +25,7 @@
 #endif
 
 using namespace orvo;
-using namespace test;
+using namespace orvo::test;
 
 namespace {
 
