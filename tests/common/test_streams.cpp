@@ -16,6 +16,7 @@ extern "C" {
 #include <libavutil/pixdesc.h>
 }
 
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <utility>
@@ -45,8 +46,10 @@ QString ffmpegFile(const QString& name, const QString& args)
         QFile::remove(tmp);
         return QString();
     }
-    QFile::remove(path);
-    QFile::rename(tmp, path);
+    // rename() replaces atomically: another suite that made the same file meanwhile may be
+    // reading it (removing it first, as QFile::rename needs, would pull it away).
+    if (std::rename(QFile::encodeName(tmp).constData(), QFile::encodeName(path).constData()) != 0)
+        QFile::remove(tmp);
     return path;
 }
 
