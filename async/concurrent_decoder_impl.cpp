@@ -270,6 +270,9 @@ DecodingSlot* ConcurrentDecoderImpl::idleSlot(quint64 imageId, qint64 imageTime,
     DecodingSlot* slot = slots_.last();
     if (slot->isRunning())
         return nullptr;
+    // Orders the finished job's last writes (into its decoder) before the next job is handed
+    // that decoder here, also when the finish itself has not been handled yet.
+    (void)slot->lastError();
     slot->imageId = imageId;
     slot->imageTime = imageTime;
     slot->drainJob = drainJob;
