@@ -30,8 +30,7 @@ class ConcurrentDecoderImpl::Relay final : public JobRelay {
 public:
     struct Result {
         quint64 epoch = 0, serial = 0, imageId = 0;
-        VideoFrame frame;
-        quint32 errorCode = 0;
+        ImageOutcome outcome;
     };
 
     explicit Relay(ConcurrentDecoderImpl* owner) : owner_(owner) {}
@@ -44,7 +43,7 @@ public:
         return owner_->backlog_->takeNext(image, serial);
     }
 
-    void relay(quint64 epoch, quint64 serial, quint64 imageId, const VideoFrame& frame, quint32 errorCode) override
+    void relay(quint64 epoch, quint64 serial, quint64 imageId, ImageOutcome outcome) override
     {
         bool wasEmpty = false;
         {
@@ -52,7 +51,7 @@ public:
             // queue locks inside Qt, where they cannot see).
             const std::lock_guard<std::mutex> lock(mutex_);
             wasEmpty = results_.empty();
-            results_.push_back({epoch, serial, imageId, frame, errorCode});
+            results_.push_back({epoch, serial, imageId, std::move(outcome)});
         }
         // One wake-up per batch: the owner takes results until the queue is empty, so a
         // result that finds it non-empty is taken by the wake-up already on its way. Dropped
@@ -172,24 +171,29 @@ int ConcurrentDecoderImpl::decode(const Image& image, bool clearOnIFrame, int ma
         VideoFrame frame;
         bool ok = false;
         bool pending = false;
+        ImageOutcome outcome;
         try {
             ok = slot->decodeInto(image, frame, 0);
             pending = !ok && slot->wasPending();
+            outcome = slot->takeOutcome();
         } catch (...) {
             // No exception leaves the library; the failure is reported by the result.
             ok = false;
         }
+        for (const DecoderError& ended : qAsConst(outcome.ended))
+            decodingError(ended);
         if (pending) {
             // Taken; its picture comes out with a later image or the drain.
-            imageDone(image.id(), VideoFrame());
+            imageDone(image.id(), {});
             return 3;
         }
         if (!ok) {
             frameFinished(frame);
             return -1;
         }
-        ++decodedFrames_;
-        imageDone(image.id(), frame);
+        outcome.frames.prepend(frame);
+        decodedFrames_ += quint64(outcome.frames.size());
+        imageDone(image.id(), outcome.frames);
         return 3;
     }
 
@@ -224,17 +228,21 @@ int ConcurrentDecoderImpl::drain()
         DecodingSlot* slot = slots_.last();
         slot->future.waitForFinished();
         QList<VideoFrame> frames;
+        QList<Decoder::EndedImage> ended;
         try {
             VideoFrame frame;
             while (slot->drain(frame)) {
                 frames.append(frame);
                 frame = VideoFrame();
             }
+            ended = slot->takeImagesWithoutPicture();
         } catch (...) {
             // No exception leaves the library: what was drained is delivered.
         }
         decodedFrames_ += quint64(frames.size());
         drainDone(frames);
+        for (const Decoder::EndedImage& e : qAsConst(ended))
+            decodingError(DecoderError(1, e.image.id(), e.reason));
         return 3;
     }
     // A distinct record, so that the scheduler's weak reference to it stays valid while
@@ -366,8 +374,7 @@ int ConcurrentDecoderImpl::emitFinishedImages()
             continue;
         }
         const DecoderError error = slot->lastError();
-        const VideoFrame frame = slot->takeResult();
-        const QList<VideoFrame> drained = slot->takeDrained();
+        const ImageOutcome outcome = slot->takeOutcome();
         const bool drainJob = slot->drainJob;
         // A job that went on with further images ends with the last of them.
         const quint64 imageId = drainJob ? slot->imageId : slot->jobImageId();
@@ -387,26 +394,30 @@ int ConcurrentDecoderImpl::emitFinishedImages()
             // A drain that failed half-way still delivers what it got.
             if (error.isError())
                 decodingError(error);
-            decodedFrames_ += quint64(drained.size());
-            drainDone(drained);
+            decodedFrames_ += quint64(outcome.frames.size());
+            drainDone(outcome.frames);
+            for (const DecoderError& ended : outcome.ended)
+                decodingError(ended);
         } else if (!(serial && backlog_->wasRemoved(serial))) {
-            emitResult(imageId, frame, error.code());
+            emitResult(imageId, outcome);
         }
         ++count;
     }
     return count;
 }
 
-void ConcurrentDecoderImpl::emitResult(quint64 imageId, const VideoFrame& frame, quint32 errorCode)
+void ConcurrentDecoderImpl::emitResult(quint64 imageId, const ImageOutcome& outcome)
 {
-    if (errorCode) {
-        decodingError(DecoderError(errorCode, imageId));
-        imageDone(imageId, VideoFrame());
+    // Earlier images that will never give a picture are answered first.
+    for (const DecoderError& ended : outcome.ended)
+        decodingError(ended);
+    if (outcome.errorCode) {
+        decodingError(DecoderError(outcome.errorCode, imageId, outcome.reason));
+        imageDone(imageId, {});
         return;
     }
-    if (!frame.isNull())
-        ++decodedFrames_;
-    imageDone(imageId, frame);
+    decodedFrames_ += quint64(outcome.frames.size());
+    imageDone(imageId, outcome.frames);
 }
 
 void ConcurrentDecoderImpl::takeRelayed()
@@ -422,7 +433,7 @@ void ConcurrentDecoderImpl::takeRelayed()
         advanceBacklog(slot, r.serial);
         // A handler that destroys the handle cancels the job: later results are dropped above.
         if (!backlog_->wasRemoved(r.serial))
-            emitResult(r.imageId, r.frame, r.errorCode);
+            emitResult(r.imageId, r.outcome);
     }
 }
 
@@ -438,9 +449,9 @@ void ConcurrentDecoderImpl::advanceBacklog(DecodingSlot* slot, quint64 doneSeria
     forgetScheduled(removed);
 }
 
-void ConcurrentDecoderImpl::imageDone(quint64, const VideoFrame& frame)
+void ConcurrentDecoderImpl::imageDone(quint64, const QList<VideoFrame>& frames)
 {
-    if (!frame.isNull())
+    for (const VideoFrame& frame : frames)
         frameFinished(frame);
 }
 

@@ -20,11 +20,15 @@ unsigned long long threadIdNumber()
 
 ImageDecoder::~ImageDecoder() = default;
 
-VideoFrame ImageDecoder::takeResult()
+ImageOutcome ImageDecoder::takeOutcome()
 {
-    VideoFrame frame = result_;
+    ImageOutcome outcome;
+    std::swap(outcome, outcome_);
+    if (!result_.isNull())
+        outcome.frames.prepend(result_);
     result_ = VideoFrame();
-    return frame;
+    outcome.errorCode = errorCode_.load(std::memory_order_acquire);
+    return outcome;
 }
 
 QFuture<VideoFrame> ImageDecoder::startJob(const Image& image, QSharedPointer<AbstractDecoder> keep, int scale,
@@ -74,7 +78,7 @@ VideoFrame ImageDecoder::runJob()
         quint64 nextSerial = 0;
         if (!jobRelay_ || !jobRelay_->takeNext(jobEpoch_, next, nextSerial, jobScale_))
             return frame;
-        jobRelay_->relay(jobEpoch_, jobSerial_, image.id(), takeResult(), lastError().code());
+        jobRelay_->relay(jobEpoch_, jobSerial_, image.id(), takeOutcome());
         image = std::move(next);
         jobSerial_ = nextSerial;
     }
@@ -92,11 +96,13 @@ VideoFrame ImageDecoder::decode(const Image& image, QSharedPointer<AbstractDecod
     VideoFrame frame;
     bool r = false;
     quint32 code = 1;
+    outcome_ = ImageOutcome();
     try {
         r = decodeInto(image, frame, scale);
         code = (r || pending_) ? 0 : 1;
     } catch (...) {
         code = currentExceptionErrorCode();
+        outcome_.reason.clear();
         r = false;
         if (code == kErrorOutOfMemory)
             oprint(LogStream::StandardOutput,
@@ -132,12 +138,23 @@ bool ImageDecoder::decodeInto(const Image& image, VideoFrame& frame, int scale)
     olog(jobLog, LOG_DEBUG, "orvo::ImageDecoder::decode", "Decode.");
     pending_ = false;
     bool r = false;
+    outcome_ = ImageOutcome();
     if (image.payloadSize() == 0) {
         oprint(LogStream::StandardOutput, "ImageDecoder::decode, payload size=0\n");
+        outcome_.reason = QStringLiteral("empty payload");
     } else {
         const ImageResult result = decodeImage(image, frame, scale);
         r = result == ImageResult::Picture;
         pending_ = result == ImageResult::Pending;
+        if (result == ImageResult::Failed)
+            outcome_.reason = failureReason();
+        VideoFrame more;
+        while (takePicture(more)) {
+            outcome_.frames.append(more);
+            more = VideoFrame();
+        }
+        for (const EndedImage& ended : takeImagesWithoutPicture())
+            outcome_.ended.append(DecoderError(1, ended.image.id(), ended.reason));
     }
     if (!r) {
         if (image.isNull())
@@ -148,10 +165,14 @@ bool ImageDecoder::decodeInto(const Image& image, VideoFrame& frame, int scale)
         frame.setImage(image);
     }
     // A field of an interlaced picture: half the height (by the image the picture came from).
-    const Image source = r ? frame.image() : image;
-    const quint8 type = source.type();
-    if (type != 'a' && type != 'n' && type != 'p' && (source.flags() & 7) == 2)
-        frame.setScale(1, 2);
+    auto scaleField = [](VideoFrame& f, const Image& source) {
+        const quint8 type = source.type();
+        if (type != 'a' && type != 'n' && type != 'p' && (source.flags() & 7) == 2)
+            f.setScale(1, 2);
+    };
+    scaleField(frame, r ? frame.image() : image);
+    for (VideoFrame& more : outcome_.frames)
+        scaleField(more, more.image());
     return r;
 }
 
@@ -160,13 +181,15 @@ VideoFrame ImageDecoder::drainAll(QSharedPointer<AbstractDecoder> keep)
     (void)handoff_.load(std::memory_order_acquire);
     workerThread_ = QThread::currentThread();
     quint32 code = 0;
-    drained_.clear();
+    outcome_ = ImageOutcome();
     try {
         VideoFrame frame;
         while (drain(frame)) {
-            drained_.append(frame);
+            outcome_.frames.append(frame);
             frame = VideoFrame();
         }
+        for (const EndedImage& ended : takeImagesWithoutPicture())
+            outcome_.ended.append(DecoderError(1, ended.image.id(), ended.reason));
     } catch (...) {
         code = currentExceptionErrorCode();
     }
@@ -176,10 +199,4 @@ VideoFrame ImageDecoder::drainAll(QSharedPointer<AbstractDecoder> keep)
     return VideoFrame();
 }
 
-QList<VideoFrame> ImageDecoder::takeDrained()
-{
-    QList<VideoFrame> frames;
-    frames.swap(drained_);
-    return frames;
-}
 }  // namespace orvo

@@ -14,6 +14,14 @@ class QThread;
 
 namespace orvo {
 
+// What decoding one image came to.
+struct ImageOutcome {
+    QList<VideoFrame> frames;    // pictures that came out, in output order (maybe of earlier images)
+    QList<DecoderError> ended;   // earlier images that will never give a picture (code 1, with reason)
+    quint32 errorCode = 0;       // the image's own failure, as DecoderError's codes
+    QString reason;              // why it failed
+};
+
 // How a job goes on with its stream's next image instead of returning to the owner thread
 // (implemented by the pooled decoder, which outlives its jobs). Pool thread only.
 class JobRelay {
@@ -25,8 +33,7 @@ public:
     virtual bool takeNext(quint64 epoch, Image& image, quint64& serial, int& scale) = 0;
     // Hands one finished image to the owner thread, in order: `frame` is its picture (null
     // when none came out), `errorCode` as DecoderError's.
-    virtual void relay(quint64 epoch, quint64 serial, quint64 imageId, const VideoFrame& frame,
-                       quint32 errorCode) = 0;
+    virtual void relay(quint64 epoch, quint64 serial, quint64 imageId, ImageOutcome outcome) = 0;
 
 protected:
     ~JobRelay() = default;
@@ -57,15 +64,19 @@ public:
     // decodes `image` into `frame`. A picture carries the identity of the image it came
     // from (an earlier one when the decoder held it back); without a picture the frame
     // is stamped with `image`'s identity. False without a picture; wasPending() then
-    // tells whether the image was taken all the same (not an error). May throw
-    // (std::bad_alloc from allocations).
+    // tells whether the image was taken all the same (not an error). Further pictures of
+    // the call and the earlier images that ended without one wait in takeOutcome().
+    // May throw (std::bad_alloc from allocations).
     virtual bool decodeInto(const Image& image, VideoFrame& frame, int scale);
     bool wasPending() const { return pending_; }
+    // The last image's (or drain's) outcome: `frame`'s picture first when there was one,
+    // then the further pictures, the ended images and the image's own error code.
+    ImageOutcome takeOutcome();
 
     // The drain job (runs on a pool thread): collects every picture the decoder still
-    // holds, with its identity, for takeDrained(); returns a null frame.
+    // holds, with its identity, and the images that ended without one, for takeOutcome();
+    // returns a null frame.
     VideoFrame drainAll(QSharedPointer<AbstractDecoder> keep);
-    QList<VideoFrame> takeDrained();
 
     // Starts one job on the global pool: decode(image, keep, nullptr, scale), then, while
     // `relay` (may be null) hands it further images, those in turn. The job's inputs
@@ -80,7 +91,6 @@ public:
     DecoderError lastError() const { return DecoderError(errorCode_.load(std::memory_order_acquire)); }
     void clearError() { errorCode_.store(0, std::memory_order_relaxed); }
     QThread* workerThread() const { return workerThread_; }
-    VideoFrame takeResult();
     // The last image of the finished job (read after it finished, as lastError()).
     quint64 jobSerial() const { return jobSerial_; }
     quint64 jobImageId() const { return jobImageId_; }
@@ -93,6 +103,7 @@ private:
     std::atomic<quint32> errorCode_{0};
     QThread* workerThread_ = nullptr;
     VideoFrame result_;
+    ImageOutcome outcome_;  // result_ aside
     Image jobImage_;
     QSharedPointer<AbstractDecoder> jobKeep_;
     int jobScale_ = 0;
@@ -100,7 +111,6 @@ private:
     quint64 jobEpoch_ = 0;
     quint64 jobSerial_ = 0;
     quint64 jobImageId_ = 0;
-    QList<VideoFrame> drained_;
     bool pending_ = false;
 };
 

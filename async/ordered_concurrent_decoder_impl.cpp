@@ -10,12 +10,12 @@ OrderedConcurrentDecoderImpl::~OrderedConcurrentDecoderImpl() = default;
 
 void OrderedConcurrentDecoderImpl::frameFinished(const VideoFrame& frame)
 {
-    place({frame.id(), frame, true});
+    place({frame.id(), {frame}});
 }
 
-void OrderedConcurrentDecoderImpl::imageDone(quint64 imageId, const VideoFrame& frame)
+void OrderedConcurrentDecoderImpl::imageDone(quint64 imageId, const QList<VideoFrame>& frames)
 {
-    place({imageId, frame, !frame.isNull()});
+    place({imageId, frames});
 }
 
 void OrderedConcurrentDecoderImpl::drainDone(const QList<VideoFrame>& frames)
@@ -29,8 +29,8 @@ void OrderedConcurrentDecoderImpl::drainDone(const QList<VideoFrame>& frames)
 void OrderedConcurrentDecoderImpl::release(const Waiting& entry)
 {
     lastEmittedId_ = entry.id;
-    if (entry.hasFrame)
-        emitFrame(entry.frame);
+    for (const VideoFrame& frame : entry.frames)
+        emitFrame(frame);
 }
 
 void OrderedConcurrentDecoderImpl::flushWaiting()

@@ -14,21 +14,33 @@ int SingleThreadedDecoderImpl::decode(const Image& image)
     VideoFrame frame;
     Decoder::ImageResult result = Decoder::ImageResult::Failed;
     quint32 code = 0;
+    QList<VideoFrame> more;
+    QList<Decoder::EndedImage> ended;
     try {
         result = decoder_.decodeImage(image, frame);
         if (result == Decoder::ImageResult::Failed)
             code = 1;
+        VideoFrame next;
+        while (decoder_.takePicture(next)) {
+            more.append(next);
+            next = VideoFrame();
+        }
+        ended = decoder_.takeImagesWithoutPicture();
     } catch (...) {
         code = currentExceptionErrorCode();
     }
+    for (const Decoder::EndedImage& e : qAsConst(ended))
+        decodingError(DecoderError(1, e.image.id(), e.reason));
     if (code != 0) {
-        decodingError(DecoderError(code, image.id()));
+        decodingError(DecoderError(code, image.id(), code == 1 ? decoder_.failureReason() : QString()));
         return 0;
     }
     // A picture carries the identity of its own image, maybe an earlier one; an image
     // whose picture is held back (or that carries none) is taken without a frame.
     if (result == Decoder::ImageResult::Picture)
         frameFinished(frame);
+    for (const VideoFrame& f : qAsConst(more))
+        frameFinished(f);
     return 1;
 }
 
@@ -40,6 +52,8 @@ void SingleThreadedDecoderImpl::drain()
             frameFinished(frame);
             frame = VideoFrame();
         }
+        for (const Decoder::EndedImage& e : decoder_.takeImagesWithoutPicture())
+            decodingError(DecoderError(1, e.image.id(), e.reason));
     } catch (...) {
         // No exception leaves the library.
     }

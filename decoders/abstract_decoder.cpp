@@ -6,3 +6,5 @@ bool AbstractDecoder::fail() const { return false; }
 bool AbstractDecoder::is_stream_based() const { return true; }
 bool AbstractDecoder::produces_shallow_images() const { return true; }
 bool AbstractDecoder::drain(orvo::VideoFrame&) { return false; }
+bool AbstractDecoder::nextPicture(orvo::VideoFrame&) { return false; }
+bool AbstractDecoder::takeEndedPayload(qint64*, QString*) { return false; }

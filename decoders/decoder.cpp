@@ -81,7 +81,9 @@ void noDelete(AbstractDecoder*) {}
 // Images kept for pictures still inside a decoder. Beyond the deepest reordering of
 // H.264/H.265 (16 pictures) even with several images per picture; older ones go first,
 // so images that never give a picture (parameter sets, later slices) do not pile up.
-constexpr int kMaxHeldImages = 64;
+constexpr int kMaxHeldImages = 256;
+// Ended images a client never takes are kept up to this many.
+constexpr int kMaxEndedImages = 1024;
 
 // Payload tags are unique in the process, so copies of a Decoder never mix them up.
 qint64 nextPayloadTag()
@@ -112,6 +114,7 @@ bool Decoder::init(unsigned char type, int param)
                 jpeg2000->setScaleLevel(param);
         return true;
     }
+    retire();
     decoder_.reset();
     held_.clear();
     if (type == 'Y' || type == 0) {
@@ -213,34 +216,132 @@ void Decoder::swap(Decoder& other)
 {
     decoder_.swap(other.decoder_);
     held_.swap(other.held_);
+    pictures_.swap(other.pictures_);
+    ended_.swap(other.ended_);
+    std::swap(failure_, other.failure_);
 }
 
 Decoder::ImageResult Decoder::decodeImage(const orvo::Image& image, orvo::VideoFrame& frame, int param)
 {
-    if (image.isNull() || image.payloadSize() == 0 || !init(image.type(), param) || !decoder_)
+    pictures_.clear();
+    failure_.clear();
+    if (image.isNull() || image.payloadSize() == 0) {
+        failure_ = image.isNull() ? QStringLiteral("null image") : QStringLiteral("empty payload");
         return ImageResult::Failed;
+    }
+    if (!init(image.type(), param) || !decoder_) {
+        failure_ = isKnownCode(image.type())
+                       ? QStringLiteral("the decoder for format code %1 could not be opened").arg(image.type())
+                       : QStringLiteral("unknown format code %1").arg(image.type());
+        return ImageResult::Failed;
+    }
     const qint64 tag = nextPayloadTag();
     held_.append(qMakePair(tag, image));
     if (held_.size() > kMaxHeldImages)
         held_.removeFirst();
-    decoder_->setPayloadTag(tag);
-    if (run(image.payloadData(), int(image.payloadSize()), frame, image.iframe())) {
-        stamp(frame, decoder_->pictureTag(), image);
+    decoder_->setPayloadTag(tag, image.isAccessUnitEnd());
+    orvo::VideoFrame first;
+    const bool got = run(image.payloadData(), int(image.payloadSize()), first, image.iframe());
+    const bool accepted = got || decoder_->isPayloadAccepted();
+    if (got) {
+        stamp(first, decoder_->pictureTag(), image);
+        pictures_.append(first);
+    }
+    QString reason;
+    const bool ownEnded = collectAnswers(tag, &reason);
+    if (!pictures_.isEmpty()) {
+        frame = pictures_.takeFirst();
+        if (ownEnded)
+            ended_.append({image, reason});
         return ImageResult::Picture;
     }
-    if (decoder_->isPayloadAccepted())
+    if (ownEnded) {
+        failure_ = reason;
+        return ImageResult::Failed;
+    }
+    if (accepted)
         return ImageResult::Pending;
-    if (!held_.isEmpty() && held_.last().first == tag)
-        held_.removeLast();
+    for (int i = held_.size() - 1; i >= 0; --i) {
+        if (held_.at(i).first == tag) {
+            held_.removeAt(i);
+            break;
+        }
+    }
+    failure_ = decoder_->payloadFailure();
+    if (failure_.isEmpty())
+        failure_ = QStringLiteral("the payload could not be decoded");
     return ImageResult::Failed;
+}
+
+bool Decoder::takePicture(orvo::VideoFrame& frame)
+{
+    if (pictures_.isEmpty())
+        return false;
+    frame = pictures_.takeFirst();
+    return true;
+}
+
+QList<Decoder::EndedImage> Decoder::takeImagesWithoutPicture()
+{
+    QList<EndedImage> out;
+    out.swap(ended_);
+    return out;
+}
+
+bool Decoder::collectAnswers(qint64 currentTag, QString* reason)
+{
+    orvo::VideoFrame frame;
+    while (decoder_->nextPicture(frame)) {
+        stamp(frame, decoder_->pictureTag(), orvo::Image());
+        pictures_.append(frame);
+        frame = orvo::VideoFrame();
+    }
+    bool own = false;
+    qint64 tag = 0;
+    QString why;
+    while (decoder_->takeEndedPayload(&tag, &why)) {
+        for (int i = 0; i < held_.size(); ++i) {
+            if (held_.at(i).first != tag)
+                continue;
+            const orvo::Image image = held_.takeAt(i).second;
+            if (tag == currentTag && reason) {
+                own = true;
+                *reason = why;
+            } else {
+                ended_.append({image, why});
+                if (ended_.size() > kMaxEndedImages)
+                    ended_.removeFirst();
+            }
+            break;
+        }
+    }
+    return own;
+}
+
+void Decoder::retire()
+{
+    if (!decoder_)
+        return;
+    // The pictures the old format decoder holds come out before the new format's.
+    orvo::VideoFrame frame;
+    while (decoder_->drain(frame)) {
+        stamp(frame, decoder_->pictureTag(), orvo::Image());
+        pictures_.append(frame);
+        frame = orvo::VideoFrame();
+    }
+    collectAnswers(0, nullptr);
 }
 
 bool Decoder::drain(orvo::VideoFrame& frame)
 {
+    if (takePicture(frame))
+        return true;
     if (decoder_ && decoder_->drain(frame)) {
         stamp(frame, decoder_->pictureTag(), orvo::Image());
         return true;
     }
+    if (decoder_)
+        collectAnswers(0, nullptr);
     held_.clear();
     return false;
 }

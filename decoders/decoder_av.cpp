@@ -43,16 +43,29 @@ bool DecoderAV::decodeTagged(const unsigned char* data, int size, orvo::VideoFra
     FFmpegModule::PayloadResult result = FFmpegModule::PayloadResult::Rejected;
     qint64 tag = -1;
     try {
-        result = module_.decodePayload(data, size, payloadTag(), frame, &tag);
+        result = module_.decodePayload(data, size, payloadTag(), frame, &tag, payloadEndsUnit());
     } catch (const std::bad_alloc&) {
         result = FFmpegModule::PayloadResult::Rejected;
     }
     setPayloadAccepted(result == FFmpegModule::PayloadResult::Accepted);
+    if (result == FFmpegModule::PayloadResult::Rejected)
+        setPayloadFailure(module_.rejectReason());
     if (result != FFmpegModule::PayloadResult::Picture)
         return false;
     setPictureTag(tag);
     return true;
 }
+
+bool DecoderAV::nextPicture(orvo::VideoFrame& frame)
+{
+    qint64 tag = -1;
+    if (!module_.nextPicture(frame, &tag))
+        return false;
+    setPictureTag(tag);
+    return true;
+}
+
+bool DecoderAV::takeEndedPayload(qint64* tag, QString* reason) { return module_.takeEnded(tag, reason); }
 
 bool DecoderAV::drain(orvo::VideoFrame& frame)
 {

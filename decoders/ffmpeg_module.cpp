@@ -159,7 +159,9 @@ FFmpegModule::FFmpegModule(const DecodeContext& context) : d(new State)
         return;
     }
     codecContext->get_format = defaultGetFormat;
-    d->feeder = new PacketFeeder(codecContext);
+    const bool wait = DecoderPreferences::instance()->damagedPictures() == DamagedPictures::WaitForKeyFrame;
+    d->feeder = new PacketFeeder(codecContext, wait ? PacketFeeder::DamagePolicy::WaitForKeyFrame
+                                                    : PacketFeeder::DamagePolicy::Show);
     d->ok = true;
 }
 
@@ -183,19 +185,36 @@ bool FFmpegModule::decode(QByteArray& packet, VideoFrame& frame)
 }
 
 FFmpegModule::PayloadResult FFmpegModule::decodePayload(const unsigned char* data, int size, qint64 tag,
-                                                        VideoFrame& frame, qint64* pictureTag)
+                                                        VideoFrame& frame, qint64* pictureTag, bool endsUnit)
 {
     if (!d->ok)
         return PayloadResult::Rejected;
-    const PacketFeeder::Result result = d->feeder->feed(data, size, tag);
+    const PacketFeeder::Result result = d->feeder->feed(data, size, tag, endsUnit);
     if (result == PacketFeeder::Result::Rejected) {
         if (ffmpegCategory.isTraceEnabled())
             olog(ffmpegCategory, LOG_TRACE, "orvo::FFmpegModule::decode", "payload of %d bytes rejected", size);
         return PayloadResult::Rejected;
     }
-    if (result == PacketFeeder::Result::Accepted || !d->feeder->takePicture(d->decoder.picture, pictureTag))
-        return PayloadResult::Accepted;
-    return d->handOut(frame) ? PayloadResult::Picture : PayloadResult::Rejected;
+    return nextPicture(frame, pictureTag) ? PayloadResult::Picture : PayloadResult::Accepted;
+}
+
+bool FFmpegModule::nextPicture(VideoFrame& frame, qint64* pictureTag)
+{
+    if (!d->ok)
+        return false;
+    // A picture whose frame cannot be allocated is skipped.
+    while (d->feeder->takePicture(d->decoder.picture, pictureTag)) {
+        if (d->handOut(frame))
+            return true;
+    }
+    return false;
+}
+
+bool FFmpegModule::takeEnded(qint64* tag, QString* reason) { return d->ok && d->feeder->takeEnded(tag, reason); }
+
+QString FFmpegModule::rejectReason() const
+{
+    return d->ok ? d->feeder->rejectReason() : QStringLiteral("the codec could not be opened");
 }
 
 bool FFmpegModule::drain(VideoFrame& frame, qint64* pictureTag)
@@ -216,6 +235,10 @@ bool FFmpegModule::State::handOut(VideoFrame& frame)
     bool converted = true;
     try {
         convert(frame);
+        // FFmpeg concealed errors in it, or it predicts from such a picture.
+        if (!frame.isNull())
+            frame.setDamaged(decoder.picture->decode_error_flags != 0 ||
+                             (decoder.picture->flags & AV_FRAME_FLAG_CORRUPT));
     } catch (const std::bad_alloc&) {
         converted = false;
     }

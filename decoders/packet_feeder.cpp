@@ -1,16 +1,21 @@
 #include "decoders/packet_feeder.h"
 
-#include <cstring>
+extern "C" {
+#include <libavutil/error.h>
+}
+
+#include <algorithm>
 
 namespace orvo {
 namespace {
 
 // Ready pictures beyond this are dropped, oldest first: a payload that packs many
-// pictures must not make the queue grow without bound.
-constexpr size_t kMaxReady = 16;
-// An H.265 access unit that never ends (a hostile stream of continuation slices) is
-// sent as it is once it reaches this size.
-constexpr int kMaxUnitBytes = 32 << 20;
+// pictures must not make the queue grow without bound. Above the deepest reordering.
+constexpr size_t kMaxReady = 32;
+// A tag is given up once this many units beyond the reordering depth were sent after it
+// without its picture: no decoder holds a picture that long.
+constexpr quint64 kMaxWaitingUnits = 32;
+constexpr size_t kRecentlyEnded = 64;
 
 bool usesStartCodes(AVCodecID id)
 {
@@ -18,98 +23,37 @@ bool usesStartCodes(AVCodecID id)
            id == AV_CODEC_ID_MPEG4;
 }
 
-// Offset of the next 00 00 01 at or after `from`, or -1.
-int findStartCode(const uint8_t* data, int size, int from)
+QString ffmpegReason(int error)
 {
-    for (int i = from; i + 3 <= size; ++i) {
-        if (data[i + 2] > 1) {
-            i += 2;  // none of the next two positions can start a start code
-            continue;
-        }
-        if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1)
-            return i;
-    }
-    return -1;
+    char text[AV_ERROR_MAX_STRING_SIZE] = {};
+    av_strerror(error, text, sizeof text);
+    return QString::fromUtf8(text);
 }
 
-// Does this H.265 NAL unit (header at `nal`, `length` bytes) begin a new access unit?
-// Parameter sets, access unit delimiters and prefix SEI come before the first slice of
-// a picture; a slice begins one when its first_slice_segment_in_pic_flag is set.
-bool beginsHevcAccessUnit(const uint8_t* nal, int length, bool* isSlice)
+const char* codecName(AVCodecID id)
 {
-    if (length < 2) {
-        *isSlice = false;
-        return false;
-    }
-    const int type = (nal[0] >> 1) & 0x3f;
-    *isSlice = type < 32;
-    if (*isSlice)
-        return length >= 3 && (nal[2] & 0x80) != 0;
-    return (type >= 32 && type <= 35) || type == 39 || (type >= 41 && type <= 44) || (type >= 48 && type <= 55);
+    return id == AV_CODEC_ID_H264 ? "H.264" : id == AV_CODEC_ID_HEVC ? "H.265" : "this codec";
 }
 
 }  // namespace
 
-void PacketFeeder::configure(AVCodecContext* codec)
+void PacketFeeder::configure(AVCodecContext*)
 {
-    // Chunk mode: a payload may end anywhere between NAL units, and a picture is handed
-    // out as soon as its last slice has been decoded.
-    if (codec->codec_id == AV_CODEC_ID_H264)
-        codec->flags2 |= AV_CODEC_FLAG2_CHUNKS;
+    // Whole access units are sent, so FFmpeg needs no chunk mode: a picture missing its
+    // last slices is finished and concealed when its packet ends.
 }
 
-int PacketFeeder::getBuffer(AVCodecContext* codec, AVFrame* frame, int flags)
+PacketFeeder::PacketFeeder(AVCodecContext* codec, DamagePolicy policy)
+    : codec_(codec), policy_(policy), packet_(av_packet_alloc()), received_(av_frame_alloc())
 {
-    auto* self = static_cast<PacketFeeder*>(codec->opaque);
-    if (!self)
-        return avcodec_default_get_buffer2(codec, frame, flags);
-    self->pictureOpen_ = true;
-    return self->nextGetBuffer_(codec, frame, flags);
-}
-
-void PacketFeeder::pictureBand(AVCodecContext* codec, const AVFrame*, int*, int y, int, int height)
-{
-    auto* self = static_cast<PacketFeeder*>(codec->opaque);
-    if (self && y + height >= codec->height)
-        self->pictureOpen_ = false;
-}
-
-bool PacketFeeder::leavesPictureUnfinished(const uint8_t* data, int size) const
-{
-    if (!pictureOpen_)
-        return false;
-    // The first slice of the payload: first_mb_in_slice 0 (its ue(v) code is a single 1 bit)
-    // begins a new picture.
-    for (int start = findStartCode(data, size, 0); start >= 0; start = findStartCode(data, size, start + 3)) {
-        if (start + 4 >= size)
-            return false;
-        const int type = data[start + 3] & 0x1f;
-        if (type == 1 || type == 5)
-            return (data[start + 4] & 0x80) != 0;
-    }
-    return false;
-}
-
-PacketFeeder::PacketFeeder(AVCodecContext* codec)
-    : codec_(codec), packet_(av_packet_alloc()), received_(av_frame_alloc())
-{
-    if (!codec_ || codec_->codec_id != AV_CODEC_ID_H264)
-        return;
-    // In chunk mode a picture that never gets its last slice (a slice lost on the network)
-    // stays open, and FFmpeg then refuses every later picture. The feeder follows each
-    // picture from its allocation (passed on to whichever allocator was set) to its last
-    // decoded rows to notice that.
-    codec_->opaque = this;
-    nextGetBuffer_ = codec_->get_buffer2 ? codec_->get_buffer2 : &avcodec_default_get_buffer2;
-    codec_->get_buffer2 = &PacketFeeder::getBuffer;
-    codec_->draw_horiz_band = &PacketFeeder::pictureBand;
-    codec_->slice_flags |= SLICE_FLAG_ALLOW_FIELD;
+    if (codec_ && codec_->codec_id == AV_CODEC_ID_H264)
+        splitter_ = std::make_unique<AccessUnitSplitter>(AccessUnitSplitter::Codec::H264);
+    else if (codec_ && codec_->codec_id == AV_CODEC_ID_HEVC)
+        splitter_ = std::make_unique<AccessUnitSplitter>(AccessUnitSplitter::Codec::Hevc);
 }
 
 PacketFeeder::~PacketFeeder()
 {
-    if (codec_ && codec_->opaque == this)
-        codec_->opaque = nullptr;
     for (AVFrame* f : ready_)
         av_frame_free(&f);
     for (AVFrame* f : spare_)
@@ -118,32 +62,44 @@ PacketFeeder::~PacketFeeder()
     av_packet_free(&packet_);
 }
 
-PacketFeeder::Result PacketFeeder::feed(const uint8_t* data, int size, qint64 tag)
+PacketFeeder::Result PacketFeeder::feed(const uint8_t* data, int size, qint64 tag, bool endsUnit)
 {
+    rejectReason_.clear();
     // An empty packet would switch the decoder into draining.
-    if (!codec_ || !packet_ || !received_ || !data || size <= 0)
+    if (!codec_ || !packet_ || !received_ || !data || size <= 0) {
+        rejectReason_ = QStringLiteral("empty payload");
         return Result::Rejected;
-    if (usesStartCodes(codec_->codec_id) && findStartCode(data, size, 0) < 0)
+    }
+    if (usesStartCodes(codec_->codec_id) && AccessUnitSplitter::findStartCode(data, size, 0) < 0) {
+        rejectReason_ = QStringLiteral("no start code: the payload is not a byte stream with start codes "
+                                       "(length-prefixed NAL units must be converted first)");
         return Result::Rejected;
+    }
     if (draining_)
         restart();  // a new stream after a partial drain
-    if (codec_->codec_id == AV_CODEC_ID_H264 && leavesPictureUnfinished(data, size)) {
-        // Give up the unfinished picture (and what the decoder held back with it); the
-        // stream goes on from here and is whole again at its next I-frame at the latest.
-        avcodec_flush_buffers(codec_);
-        pictureOpen_ = false;
+    if (!splitter_) {
+        int result = 0;
+        send(data, size, tag, false, &result);
+    } else {
+        const AccessUnitSplitter::Payload payload =
+            splitter_->push(data, size, tag, endsUnit, [this](const AccessUnitSplitter::Unit& unit) {
+                int result = 0;
+                send(unit.data, unit.size, unit.tag, unit.key, &result);
+            });
+        if (payload.nalUnits == 0) {
+            rejectReason_ = QStringLiteral("no %1 NAL unit in the payload (is the format code right?)")
+                                .arg(QLatin1String(codecName(codec_->codec_id)));
+            return Result::Rejected;
+        }
     }
-    if (codec_->codec_id == AV_CODEC_ID_HEVC)
-        return feedHevc(data, size, tag);
-    int result = 0;
-    send(data, size, tag, &result);
-    if (result < 0)
-        return Result::Rejected;
     return ready_.empty() ? Result::Accepted : Result::Picture;
 }
 
-void PacketFeeder::send(const uint8_t* data, int size, qint64 tag, int* result)
+void PacketFeeder::send(const uint8_t* data, int size, qint64 tag, bool, int* result)
 {
+    const quint64 serial = nextSerial_++;
+    if (tag > 0)
+        sent_.push_back({tag, serial});
     // Not reference-counted: FFmpeg copies the bytes into a padded buffer of its own.
     packet_->data = const_cast<uint8_t*>(data);
     packet_->size = size;
@@ -157,68 +113,102 @@ void PacketFeeder::send(const uint8_t* data, int size, qint64 tag, int* result)
     }
     packet_->data = nullptr;
     packet_->size = 0;
+    if (ret < 0 && tag > 0) {
+        const auto it = std::find_if(sent_.begin(), sent_.end(), [&](const Sent& s) { return s.serial == serial; });
+        if (it != sent_.end()) {
+            sent_.erase(it);
+            end(tag, QStringLiteral("FFmpeg refused it: %1").arg(ffmpegReason(ret)));
+        }
+    }
     collect();
+    // Nothing holds a picture this long: what still waits gave none.
+    const quint64 depth = quint64(std::max(0, codec_->has_b_frames)) + kMaxWaitingUnits;
+    while (!sent_.empty() && sent_.front().serial + depth < nextSerial_) {
+        end(sent_.front().tag, QStringLiteral("no picture came out for it"));
+        sent_.pop_front();
+    }
     *result = ret;
 }
 
 void PacketFeeder::collect()
 {
-    while (avcodec_receive_frame(codec_, received_) >= 0) {
-        AVFrame* f = nullptr;
-        if (!spare_.empty()) {
-            f = spare_.back();
-            spare_.pop_back();
+    while (avcodec_receive_frame(codec_, received_) >= 0)
+        accept(received_);
+}
+
+void PacketFeeder::accept(AVFrame* picture)
+{
+    const qint64 tag = picture->pts == AV_NOPTS_VALUE ? -1 : picture->pts;
+    const auto it = std::find_if(sent_.begin(), sent_.end(), [&](const Sent& s) { return s.tag == tag; });
+    if (it != sent_.end()) {
+        const quint64 serial = it->serial;
+        sent_.erase(it);
+        settleBefore(serial, picture->key_frame != 0);
+    } else if (tag > 0 && std::find(recentlyEnded_.begin(), recentlyEnded_.end(), tag) != recentlyEnded_.end()) {
+        av_frame_unref(picture);  // its payload was answered already
+        return;
+    }
+    const bool damaged = picture->decode_error_flags != 0 || (picture->flags & AV_FRAME_FLAG_CORRUPT);
+    if (policy_ == DamagePolicy::WaitForKeyFrame) {
+        if (damaged)
+            waitingForKey_ = true;
+        else if (picture->key_frame)
+            waitingForKey_ = false;
+        if (waitingForKey_) {
+            av_frame_unref(picture);
+            if (tag > 0)
+                end(tag, QStringLiteral("damaged picture not shown: waiting for the next key frame"));
+            return;
+        }
+    }
+    AVFrame* f = nullptr;
+    if (!spare_.empty()) {
+        f = spare_.back();
+        spare_.pop_back();
+    } else {
+        f = av_frame_alloc();
+    }
+    if (!f) {
+        av_frame_unref(picture);
+        if (tag > 0)
+            end(tag, QStringLiteral("out of memory"));
+        return;
+    }
+    av_frame_move_ref(f, picture);
+    ready_.push_back(f);
+    if (ready_.size() > kMaxReady) {
+        AVFrame* oldest = ready_.front();
+        ready_.pop_front();
+        if (oldest->pts > 0)
+            end(oldest->pts, QStringLiteral("too many pictures at once: the oldest was dropped"));
+        av_frame_unref(oldest);
+        spare_.push_back(oldest);
+    }
+}
+
+void PacketFeeder::settleBefore(quint64 serial, bool key)
+{
+    // Pictures leave the decoder in display order. Without reordering a unit sent earlier
+    // cannot come after this one; with it, a picture may be overtaken by as many
+    // B-pictures as follow it, but not by a key picture.
+    const bool reorders = codec_->has_b_frames > 0;
+    for (auto it = sent_.begin(); it != sent_.end() && it->serial < serial;) {
+        if (key || !reorders) {
+            end(it->tag, QStringLiteral("the decoder gave no picture for it (a reference was missing, or the "
+                                        "picture was damaged beyond use)"));
+            it = sent_.erase(it);
         } else {
-            f = av_frame_alloc();
-        }
-        if (!f) {
-            av_frame_unref(received_);
-            continue;
-        }
-        av_frame_move_ref(f, received_);
-        ready_.push_back(f);
-        if (ready_.size() > kMaxReady) {
-            av_frame_unref(ready_.front());
-            spare_.push_back(ready_.front());
-            ready_.pop_front();
+            ++it;
         }
     }
 }
 
-PacketFeeder::Result PacketFeeder::feedHevc(const uint8_t* data, int size, qint64 tag)
+void PacketFeeder::end(qint64 tag, const QString& reason)
 {
-    int start = findStartCode(data, size, 0);
-    while (start >= 0) {
-        const int header = start + 3;
-        const int next = findStartCode(data, size, header);
-        // The zero in front of a four-byte start code belongs to the next unit.
-        const int nalEnd = next < 0 ? size : (data[next - 1] == 0 ? next - 1 : next);
-        bool isSlice = false;
-        if (beginsHevcAccessUnit(data + header, nalEnd - header, &isSlice) && unitHasSlice_) {
-            int ignored = 0;  // a refusal belongs to the payloads already accepted
-            flushHevcUnit(&ignored);
-        }
-        if (unit_.size() > kMaxUnitBytes) {
-            int ignored = 0;
-            flushHevcUnit(&ignored);
-        }
-        unit_.append(reinterpret_cast<const char*>(data + start), nalEnd - start);
-        if (isSlice && !unitHasSlice_) {
-            unitHasSlice_ = true;
-            unitTag_ = tag;
-        }
-        start = next;
-    }
-    return ready_.empty() ? Result::Accepted : Result::Picture;
-}
-
-void PacketFeeder::flushHevcUnit(int* result)
-{
-    if (!unit_.isEmpty())
-        send(reinterpret_cast<const uint8_t*>(unit_.constData()), unit_.size(), unitTag_, result);
-    unit_.clear();
-    unitHasSlice_ = false;
-    unitTag_ = -1;
+    ended_.emplace_back(tag, reason);
+    recentlyEnded_.push_back(tag);
+    if (recentlyEnded_.size() > kRecentlyEnded)
+        recentlyEnded_.pop_front();
 }
 
 bool PacketFeeder::takePicture(AVFrame* out, qint64* tag)
@@ -234,14 +224,26 @@ bool PacketFeeder::takePicture(AVFrame* out, qint64* tag)
     return true;
 }
 
+bool PacketFeeder::takeEnded(qint64* tag, QString* reason)
+{
+    if (ended_.empty())
+        return false;
+    *tag = ended_.front().first;
+    *reason = ended_.front().second;
+    ended_.pop_front();
+    return true;
+}
+
 bool PacketFeeder::drain(AVFrame* out, qint64* tag)
 {
     if (!codec_ || !packet_ || !received_)
         return false;
     if (!draining_) {
-        if (unitHasSlice_) {
-            int ignored = 0;
-            flushHevcUnit(&ignored);
+        if (splitter_) {
+            splitter_->flush([this](const AccessUnitSplitter::Unit& unit) {
+                int result = 0;
+                send(unit.data, unit.size, unit.tag, unit.key, &result);
+            });
         }
         if (takePicture(out, tag))
             return true;
@@ -250,11 +252,9 @@ bool PacketFeeder::drain(AVFrame* out, qint64* tag)
     }
     if (takePicture(out, tag))
         return true;
-    av_frame_unref(out);
-    if (avcodec_receive_frame(codec_, out) >= 0) {
-        *tag = out->pts == AV_NOPTS_VALUE ? -1 : out->pts;
+    collect();
+    if (takePicture(out, tag))
         return true;
-    }
     restart();
     return false;
 }
@@ -263,13 +263,19 @@ void PacketFeeder::restart()
 {
     avcodec_flush_buffers(codec_);
     draining_ = false;
-    pictureOpen_ = false;
-    for (AVFrame* f : ready_)
+    waitingForKey_ = false;
+    // Pictures a partial drain left, and units that never gave one, are answered here.
+    for (AVFrame* f : ready_) {
+        if (f->pts > 0)
+            end(f->pts, QStringLiteral("dropped: a new stream began before the drain finished"));
         av_frame_free(&f);
+    }
     ready_.clear();
-    unit_.clear();
-    unitHasSlice_ = false;
-    unitTag_ = -1;
+    for (const Sent& s : sent_)
+        end(s.tag, QStringLiteral("the stream ended without a picture for it"));
+    sent_.clear();
+    if (splitter_)
+        splitter_->reset();
 }
 
 }  // namespace orvo

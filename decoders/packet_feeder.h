@@ -1,20 +1,29 @@
 #pragma once
 // PacketFeeder: hands camera payloads to one FFmpeg decoder and collects its pictures,
-// each with the tag of the payload it came from.
+// each with the tag of the payload it came from, and tells which payloads will never
+// give one.
 //
 // Cameras cut streams anywhere between NAL units: a payload may hold a whole access
 // unit, one NAL unit (a parameter set, SEI, one slice of a multi-slice picture) or any
-// run of them. H.264 is decoded in chunk mode, so a picture comes out with the payload
-// that completes it. FFmpeg's H.265 decoder wants whole access units: the feeder
-// assembles them and sends one when the next picture's first slice (or the NAL units
-// in front of it) arrives, so an H.265 picture comes out one payload later. Decoders that
-// hold pictures back (B-frames, MPEG-2) return them later; the tag travels with the
-// picture through FFmpeg's packet time stamps.
+// run of them. For H.264 and H.265 the feeder assembles whole access units
+// (AccessUnitSplitter) and sends each as one packet, so a picture whose slices were lost
+// is decoded and concealed as FFmpeg does, and a picture comes out in the call of the
+// payload that completes it whenever that can be known. Decoders that hold pictures back
+// (B-frames, MPEG-2) return them later; the tag travels with the picture through
+// FFmpeg's packet time stamps.
+//
+// Every unit sent is answered once: by its picture, or as ended (takeEnded) when FFmpeg
+// refused it, when a later unit's picture came out in a stream without reordering, when a
+// key picture sent after it came out, when far more units followed than any decoder
+// holds, or at the drain.
 //
 // One feeder per decoder, used from one thread at a time.
-#include <QByteArray>
+#include "decoders/access_unit_splitter.h"
+
+#include <QString>
 #include <QtGlobal>
 #include <deque>
+#include <memory>
 #include <vector>
 
 extern "C" {
@@ -28,54 +37,61 @@ public:
     enum class Result {
         Picture,   // a picture is ready (takePicture)
         Accepted,  // taken without a picture coming out: not an error
-        Rejected,  // not decodable: no NAL unit / start code, or refused by FFmpeg
+        Rejected,  // not decodable (rejectReason says why)
     };
+    // What to do with pictures FFmpeg decoded with errors (concealed).
+    enum class DamagePolicy { Show, WaitForKeyFrame };
 
-    // Options that must be set before the codec is opened (H.264 chunk mode).
+    // Options that must be set before the codec is opened.
     static void configure(AVCodecContext* codec);
 
-    // For an opened codec. For H.264 the feeder takes the codec's opaque field and
-    // watches picture allocation (chaining the allocator already set) and decoded rows.
-    explicit PacketFeeder(AVCodecContext* codec);
+    explicit PacketFeeder(AVCodecContext* codec, DamagePolicy policy = DamagePolicy::Show);
     ~PacketFeeder();
     PacketFeeder(const PacketFeeder&) = delete;
     PacketFeeder& operator=(const PacketFeeder&) = delete;
 
     // Decodes one payload tagged `tag` (> 0). The bytes are copied; they need no padding.
-    Result feed(const uint8_t* data, int size, qint64 tag);
+    // `endsUnit`: the payload is the last of its access unit (RTP's marker bit).
+    Result feed(const uint8_t* data, int size, qint64 tag, bool endsUnit = false);
+    QString rejectReason() const { return rejectReason_; }
     // Moves the oldest ready picture into `out` (unreferenced first); `tag` receives the
     // tag of its payload, or -1 when FFmpeg lost it. False when none is ready.
     bool takePicture(AVFrame* out, qint64* tag);
+    // The oldest tag that will never give a picture, with the reason. False when none.
+    bool takeEnded(qint64* tag, QString* reason);
     // End of stream: the next picture the decoder still holds, one per call; false once
-    // none is left, and the decoder is then ready for a new stream.
+    // none is left (every tag still waiting is then ended), and the decoder is then ready
+    // for a new stream.
     bool drain(AVFrame* out, qint64* tag);
 
 private:
-    void send(const uint8_t* data, int size, qint64 tag, int* result);
+    struct Sent {
+        qint64 tag;
+        quint64 serial;
+    };
+    void send(const uint8_t* data, int size, qint64 tag, bool key, int* result);
     void collect();
-    Result feedHevc(const uint8_t* data, int size, qint64 tag);
-    void flushHevcUnit(int* result);
+    void accept(AVFrame* frame);
+    void end(qint64 tag, const QString& reason);
+    // Tags sent before `serial` that can no longer give a picture, after a picture of `serial`.
+    void settleBefore(quint64 serial, bool key);
     void restart();
-    // H.264: does this payload begin a new picture while FFmpeg still holds an unfinished one?
-    bool leavesPictureUnfinished(const uint8_t* data, int size) const;
-    static int getBuffer(AVCodecContext* codec, AVFrame* frame, int flags);
-    static void pictureBand(AVCodecContext* codec, const AVFrame* frame, int offset[AV_NUM_DATA_POINTERS], int y,
-                            int type, int height);
 
     AVCodecContext* codec_;
+    DamagePolicy policy_;
     AVPacket* packet_;
     AVFrame* received_;
+    std::unique_ptr<AccessUnitSplitter> splitter_;  // H.264 and H.265 only
     std::deque<AVFrame*> ready_;
     // Empty frame shells for ready_, so that a picture costs no allocation of its own.
     std::vector<AVFrame*> spare_;
+    std::deque<Sent> sent_;  // tags sent whose picture has not come out, in sending order
+    quint64 nextSerial_ = 1;
+    std::deque<std::pair<qint64, QString>> ended_;
+    std::deque<qint64> recentlyEnded_;  // a late picture of one of these is not shown twice
+    bool waitingForKey_ = false;
     bool draining_ = false;
-    // H.264: a picture was started and its last rows have not been decoded yet.
-    bool pictureOpen_ = false;
-    int (*nextGetBuffer_)(AVCodecContext*, AVFrame*, int) = nullptr;
-    // H.265 access unit being assembled, and the tag of its first slice.
-    QByteArray unit_;
-    qint64 unitTag_ = -1;
-    bool unitHasSlice_ = false;
+    QString rejectReason_;
 };
 
 }  // namespace orvo

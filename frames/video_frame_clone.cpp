@@ -67,6 +67,7 @@ void VideoFrameQt::copyCloneMetadataTo(VideoFrameQt& out) const
     out.streamId_ = streamId_;
     out.image_ = image_;
     out.decodingDurationNanoSecs_ = decodingDurationNanoSecs_;
+    out.damaged_ = damaged_;
     out.hasImage_ = true;
 }
 

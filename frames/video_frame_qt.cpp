@@ -139,6 +139,7 @@ VideoFrameQt::VideoFrameQt(const VideoFrameQt& o)
       image_(o.image_),
       hasImage_(false),
       decodingDurationNanoSecs_(o.decodingDurationNanoSecs_),
+      damaged_(o.damaged_),
       viewName_(o.viewName_),
       maximalWidth_(o.maximalWidth_),
       maximalHeight_(o.maximalHeight_)

@@ -28,6 +28,7 @@ namespace orvo {
 
 class DecodingSlot;
 class DecodeScheduler;
+struct ImageOutcome;
 class StreamBacklog;
 
 class ORVO_EXPORT ConcurrentDecoderImpl : public ScheduledAsyncDecoderInterface {
@@ -116,10 +117,11 @@ protected:
     // `serial`: the image's place in the backlog (0 for an image that never was in it).
     int decode_async(const Image& image, quint64 serial = 0);
     int drain_async();
-    // One image's job is done: `frame` is the picture that came out (carrying the
-    // identity of its own image, maybe an earlier one), null when none did. The base
-    // hands a picture to frameFinished(); the ordered decoder keys its order on `imageId`.
-    virtual void imageDone(quint64 imageId, const VideoFrame& frame);
+    // One image's job is done: `frames` are the pictures that came out (each carrying the
+    // identity of its own image, maybe an earlier one), in output order; none when none
+    // did. The base hands each to frameFinished(); the ordered decoder keys its order on
+    // `imageId`.
+    virtual void imageDone(quint64 imageId, const QList<VideoFrame>& frames);
     // A drain job is done: the held pictures in output order.
     virtual void drainDone(const QList<VideoFrame>& frames);
     // The work of slotFinished(), shared with overrides.
@@ -142,7 +144,7 @@ private:
     // running one now).
     void advanceBacklog(DecodingSlot* slot, quint64 doneSerial);
     void forgetScheduled(const QVarLengthArray<quint64, 4>& serials);
-    void emitResult(quint64 imageId, const VideoFrame& frame, quint32 errorCode);
+    void emitResult(quint64 imageId, const ImageOutcome& outcome);
     class Relay;
     friend class Relay;
     // Drain requests wait in the backlog as images with an empty payload, which decode()
@@ -191,14 +193,13 @@ protected:
     // Pooled results take their place by the id of the image whose job made them, so that
     // held-back pictures (which carry an earlier image's id) keep the decoder's output
     // order, and images without a picture (parameter sets, failures) leave no gap.
-    void imageDone(quint64 imageId, const VideoFrame& frame) override;
+    void imageDone(quint64 imageId, const QList<VideoFrame>& frames) override;
     void drainDone(const QList<VideoFrame>& frames) override;
 
 private:
     struct Waiting {
         quint64 id;
-        VideoFrame frame;
-        bool hasFrame;  // false: an image without a picture, which only moves the position on
+        QList<VideoFrame> frames;  // none: an image without a picture, which only moves the position on
     };
     void place(const Waiting& entry);
     void release(const Waiting& entry);

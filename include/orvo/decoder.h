@@ -37,13 +37,26 @@ public:
     // taken all the same (parameter sets, SEI, part of a picture, a held-back picture)
     // rather than refused. Decoders without delay keep the defaults: each picture is its
     // own payload's, and false means refused.
-    void setPayloadTag(qint64 tag)
+    // `endsUnit`: the payload is the last of its access unit (Image::isAccessUnitEnd()).
+    void setPayloadTag(qint64 tag, bool endsUnit = false)
     {
         payloadTag_ = pictureTag_ = tag;
         payloadAccepted_ = false;
+        payloadEndsUnit_ = endsUnit;
+        payloadFailure_.clear();
     }
     qint64 pictureTag() const { return pictureTag_; }
     bool isPayloadAccepted() const { return payloadAccepted_; }
+    // Why the last payload was refused; empty where nothing more is known.
+    QString payloadFailure() const { return payloadFailure_; }
+    // After a decode() that filled a frame: a further picture the payload completed (a
+    // payload holding several access units), one per call in output order, with its tag
+    // in pictureTag(); false once none is left.
+    virtual bool nextPicture(orvo::VideoFrame& frame);
+    // A tag of an earlier payload (or this one) that will never give a picture: refused
+    // by the codec, a reference missing, a damaged picture skipped, the stream ended.
+    // One per call, with the reason; false once none is left.
+    virtual bool takeEndedPayload(qint64* tag, QString* reason);
     // End of stream: fills `frame` with one picture the decoder still holds; false once
     // none is left, after which a stream decoder takes a new stream from its next I-frame.
     virtual bool drain(orvo::VideoFrame& frame);
@@ -53,13 +66,17 @@ public:
 
 protected:
     qint64 payloadTag() const { return payloadTag_; }
+    bool payloadEndsUnit() const { return payloadEndsUnit_; }
     void setPictureTag(qint64 tag) { pictureTag_ = tag; }
     void setPayloadAccepted(bool accepted) { payloadAccepted_ = accepted; }
+    void setPayloadFailure(const QString& reason) { payloadFailure_ = reason; }
 
 private:
     qint64 payloadTag_ = 0;
     qint64 pictureTag_ = 0;
     bool payloadAccepted_ = false;
+    bool payloadEndsUnit_ = false;
+    QString payloadFailure_;
 };
 
 class ORVO_EXPORT Decoder {
@@ -85,9 +102,11 @@ public:
 
     // --- whole images, with their identity ---
     enum class ImageResult {
-        Picture,  // `frame` holds a picture
-        Pending,  // the image was taken without a picture coming out: not an error
-        Failed,   // refused (null image, empty payload, unknown format code) or undecodable
+        Picture,  // `frame` holds a picture (takePicture() gives any further ones)
+        Pending,  // the image was taken without a picture coming out yet: not an error
+                  // (takeImagesWithoutPicture() later names it if none ever comes)
+        Failed,   // refused (null image, empty payload, unknown format code) or
+                  // undecodable; failureReason() says why
     };
     // Decodes `image` with the format decoder for its code (`param` as for init). A
     // picture is stamped with the id, stream id, image record (hence time) and attached
@@ -95,7 +114,29 @@ public:
     // MPEG-2) an earlier image, for a picture spread over several images (one slice
     // each) the image of its first slice. Images holding only parameter sets or SEI,
     // slices of a picture not yet complete and pictures held back give Pending.
+    // H.264 and H.265 are decoded in whole access units: a picture comes out with the
+    // image that completes it when that can be known (an image flagged
+    // Image::isAccessUnitEnd(), or a stream that sends one whole access unit per image),
+    // else with the image that begins the next access unit.
     ImageResult decodeImage(const orvo::Image& image, orvo::VideoFrame& frame, int param = 0);
+    // After decodeImage() returned Picture: the further pictures that came out in the same
+    // call, one per call in output order (an image holding several access units, or the
+    // pictures the previous format decoder still held when the format code changed).
+    // Take them before the next decodeImage(), which drops those left.
+    bool takePicture(orvo::VideoFrame& frame);
+    // Images that were answered Pending and will never give a picture (a reference
+    // missing, a picture the codec discarded or refused, a damaged picture skipped while
+    // waiting for a key frame, the stream's end at drain()), oldest first, with FFmpeg's
+    // reason where it gives one; also the current image when a picture of an earlier one
+    // came out in its call. Each accepted image holding a slice (every image, for whole
+    // access units) ends exactly once: in a picture, in Failed, or here.
+    struct EndedImage {
+        orvo::Image image;
+        QString reason;
+    };
+    QList<EndedImage> takeImagesWithoutPicture();
+    // Why the last decodeImage() returned Failed.
+    QString failureReason() const { return failure_; }
     // End of stream: one picture the format decoder still holds per call, stamped as
     // above; false once none is left, after which the decoder takes a new stream from its
     // next I-frame.
@@ -107,8 +148,16 @@ public:
 private:
     bool run(const unsigned char* data, int size, orvo::VideoFrame& frame, bool iframe);
     void stamp(orvo::VideoFrame& frame, qint64 tag, const orvo::Image& fallback);
+    // The format decoder's further pictures and ended payloads after a decode or drain;
+    // true when `currentTag` itself ended (`reason` receives why).
+    bool collectAnswers(qint64 currentTag, QString* reason);
+    // A format switch: the old decoder's held pictures become pictures_, its waiting images ended_.
+    void retire();
 
     QSharedPointer<AbstractDecoder> decoder_;
     // Images whose pictures may still come out, by payload tag, oldest first.
     QList<QPair<qint64, orvo::Image>> held_;
+    QList<orvo::VideoFrame> pictures_;
+    QList<EndedImage> ended_;
+    QString failure_;
 };

@@ -22,6 +22,8 @@ public:
     // with isPayloadAccepted() means it was taken without a picture coming out.
     bool decode(unsigned char* data, int size, orvo::VideoFrame& frame, bool iframe) override;
     bool drain(orvo::VideoFrame& frame) override;
+    bool nextPicture(orvo::VideoFrame& frame) override;
+    bool takeEndedPayload(qint64* tag, QString* reason) override;
     // 'h', 'r', 'j', 'M', 'm', 'X', 'e' by format, '?' for an unknown one.
     unsigned char getFormat() const override;
     bool is_stream_based() const override { return true; }

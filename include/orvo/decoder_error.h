@@ -26,6 +26,11 @@ public:
     explicit DecoderError(quint32 code) : code_(code) {}
     // `imageId`: the id of the image that failed, for clients with many images in flight.
     DecoderError(quint32 code, quint64 imageId) : code_(code), imageId_(imageId) {}
+    // `reason`: why, in words (FFmpeg's own where it gives one); not translated.
+    DecoderError(quint32 code, quint64 imageId, const QString& reason)
+        : code_(code), imageId_(imageId), reason_(reason)
+    {
+    }
     DecoderError(const DecoderError&) = default;
     DecoderError& operator=(const DecoderError&) = default;
     ~DecoderError() override;
@@ -37,10 +42,13 @@ public:
     bool isError() const override { return code_ != 0; }
     // The id of the image that failed; 0 where no image applies.
     quint64 imageId() const { return imageId_; }
+    // Why the image failed or gave no picture; empty where nothing more is known.
+    QString reason() const { return reason_; }
 
 private:
     quint32 code_ = 0;
     quint64 imageId_ = 0;
+    QString reason_;
 };
 
 // Registers orvo::VideoFrame and DecoderError (under both spellings that signal

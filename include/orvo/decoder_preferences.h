@@ -8,6 +8,14 @@
 
 namespace orvo {
 
+// What a stream decoder (H.264, H.265, MPEG-2/4) does with a picture that FFmpeg decoded
+// with errors (a lost or corrupt slice, concealed from its neighbours and references).
+enum class DamagedPictures {
+    Show,             // hand it out as FFmpeg shows it, marked VideoFrame::isDamaged()
+    WaitForKeyFrame,  // drop it and every picture up to the next undamaged key picture;
+                      // each image dropped is answered by an error
+};
+
 class ORVO_EXPORT DecoderPreferences {
 public:
     static DecoderPreferences* instance();
@@ -61,6 +69,10 @@ public:
     bool isZeroCopyDecoding() const { return zeroCopyDecoding_.get(); }
     void setZeroCopyDecoding(bool on) { zeroCopyDecoding_.set(on); }
 
+    // Concealed pictures are shown by default. Read when a format decoder is created.
+    DamagedPictures damagedPictures() const { return damagedPictures_.get(); }
+    void setDamagedPictures(DamagedPictures policy) { damagedPictures_.set(policy); }
+
 private:
     // One switch: an atomic that copies by value (the preferences can be assigned whole).
     template <typename T>
@@ -102,6 +114,7 @@ private:
     Relaxed<bool> panningDowngradesResolution_{true};
     Relaxed<int> badCastFrom_{0};
     Relaxed<bool> zeroCopyDecoding_{true};
+    Relaxed<DamagedPictures> damagedPictures_{DamagedPictures::Show};
 };
 
 }  // namespace orvo

@@ -57,13 +57,21 @@ public:
         Rejected,  // not decodable
     };
     // Decodes one payload of any cut (a whole access unit, one NAL unit or a run of
-    // them; the bytes need no padding) tagged `tag`. On Picture, `pictureTag` receives
-    // the tag of the payload the picture came from (an earlier one when the decoder held
-    // it back; -1 when unknown). H.264 pictures come out with the payload that completes
-    // them; H.265 pictures one payload later (access units are assembled up to the next
-    // picture's first slice).
+    // them; the bytes need no padding) tagged `tag`; `endsUnit` says that the payload is
+    // the last of its access unit (RTP's marker bit). On Picture, `frame` holds the first
+    // picture that came out and `pictureTag` the tag of the payload it came from (an
+    // earlier one when the decoder held it back; -1 when unknown); nextPicture() gives
+    // the others. H.264 and H.265 are assembled into whole access units: a picture comes
+    // out with the payload that completes it where that can be known (the marker, a
+    // stream of whole access units), else with the payload that begins the next one.
     PayloadResult decodePayload(const unsigned char* data, int size, qint64 tag, VideoFrame& frame,
-                                qint64* pictureTag);
+                                qint64* pictureTag, bool endsUnit = false);
+    // A further picture of the last decodePayload, in output order; false once none is left.
+    bool nextPicture(VideoFrame& frame, qint64* pictureTag);
+    // A payload tag that will never give a picture, with the reason; false once none is left.
+    bool takeEnded(qint64* tag, QString* reason);
+    // Why the last payload was rejected.
+    QString rejectReason() const;
     // End of stream: one picture the decoder still holds per call, with its tag; false
     // once none is left, and the decoder then takes a new stream from its next I-frame.
     bool drain(VideoFrame& frame, qint64* pictureTag);

@@ -71,6 +71,11 @@ public:
     quint8 type() const;
     quint8 flags() const;
     bool iframe() const;
+    // Flag bit: the payload is the last of its access unit (H.264/H.265; RTP's marker
+    // bit). The decoder then hands the access unit on at once instead of waiting for the
+    // next one to begin. The low three bits are the field kind.
+    static constexpr quint8 kAccessUnitEnd = 0x08;
+    bool isAccessUnitEnd() const { return (flags() & kAccessUnitEnd) != 0; }
     // The payload bytes; null for a null image. Non-const because decoders may repair
     // a payload in place (H.264): such repairs are seen by every copy.
     unsigned char* payloadData() const;
@@ -88,6 +93,7 @@ public:
     Image& setType(quint8 type);
     Image& setFlags(quint8 flags);
     Image& setIFrame(bool iframe);
+    Image& setAccessUnitEnd(bool end) { return setFlags(end ? flags() | kAccessUnitEnd : flags() & ~kAccessUnitEnd); }
     Image& setPayload(const QByteArray& payload);
     Image& setAttachedData(const QByteArray& data);
 

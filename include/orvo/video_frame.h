@@ -108,6 +108,10 @@ public:
     void setMaximalHeight(int h) { body_()->setMaximalHeight(h); }
     qint64 decodingDurationNanoSecs() const { return d ? d->decodingDurationNanoSecs() : 0; }
     void setDecodingDurationNanoSecs(qint64 ns) { body_()->setDecodingDurationNanoSecs(ns); }
+    // FFmpeg concealed errors in this picture (a slice lost or corrupt), or it predicts from
+    // such a picture. See DecoderPreferences::setDamagedPictures.
+    bool isDamaged() const { return d && d->isDamaged(); }
+    void setDamaged(bool damaged) { body_()->setDamaged(damaged); }
     Image image() const { return d ? d->image() : Image(); }
     const Image& imageRef() const;
     void setImage(const Image& image) { body_()->setImage(image); }

@@ -109,6 +109,8 @@ public:
     void setMaximalHeight(int h) { maximalHeight_ = h; }
     qint64 decodingDurationNanoSecs() const { return decodingDurationNanoSecs_; }
     void setDecodingDurationNanoSecs(qint64 ns) { decodingDurationNanoSecs_ = ns; }
+    bool isDamaged() const { return damaged_; }
+    void setDamaged(bool damaged) { damaged_ = damaged; }
     Image image() const { return image_; }
     const Image& imageRef() const { return image_; }
     void setImage(const Image& image) { image_ = image; hasImage_ = true; }
@@ -206,6 +208,7 @@ private:
     Image image_;
     bool hasImage_ = false;
     qint64 decodingDurationNanoSecs_ = 0;
+    bool damaged_ = false;
     ElapsedTimer elapsedTimerSinceImageLoad_;
     qint64 imageClientSystemLoadTimeMSecsSinceEpoch_ = 0;
     QByteArray viewName_;

@@ -53,15 +53,16 @@ const StreamCase kCases[] = {
      "mpeg2_low_delay_642x362.m2v", 'M', 642, 362, true, ""},
     {"mpeg4", TESTSRC("642x362", "30") "-c:v mpeg4 -bf 0 -g 10 -q:v 3 -pix_fmt yuv420p", "mpeg4_642x362.avi", 'm',
      642, 362, true, ""},
-    // H.265 as cameras send it (no B-frames, closed GOPs); a picture comes out with the next image.
+    // H.265 as cameras send it (no B-frames, closed GOPs); whole access units, so each
+    // picture comes out with its own image.
     {"hevc_main", TESTSRC("1366x768", "12") "-pix_fmt yuv420p -c:v libx265 -preset ultrafast -x265-params "
      "log-level=error:bframes=0:keyint=5:min-keyint=5:scenecut=0:open-gop=0", "hevc_main_1366x768.mkv", 'e', 1366,
-     768, true, "", 1},
+     768, true, ""},
     // Main 10 arrives as 8-bit 4:2:0, converted as FFmpeg's own bilinear swscale does it;
     // zero-copy only ever wraps 8-bit pictures.
     {"hevc_main10", TESTSRC("640x360", "10") "-pix_fmt yuv420p10le -c:v libx265 -preset ultrafast -x265-params "
      "log-level=error:bframes=0:keyint=5:min-keyint=5:scenecut=0:open-gop=0", "hevc_main10_640x360.mkv", 'E', 640,
-     360, false, "-sws_flags bilinear", 1},
+     360, false, "-sws_flags bilinear"},
 };
 
 struct StreamData {
