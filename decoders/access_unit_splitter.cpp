@@ -106,7 +106,7 @@ AccessUnitSplitter::Payload AccessUnitSplitter::push(const uint8_t* data, int si
             first = false;
             beganUnit = kind == Kind::Head || kind == Kind::FirstSlice;
             beganWithHead = kind == Kind::Head;
-            if (beganUnit && lastBeganUnitWithSlice_)
+            if (beganUnit && lastHeldHeadAndSlice_)
                 alignment_ = Alignment::WholeUnits;
             else if (kind == Kind::Slice)
                 alignment_ = Alignment::Split;  // the slices of an unfinished picture go on here
@@ -149,7 +149,7 @@ AccessUnitSplitter::Payload AccessUnitSplitter::push(const uint8_t* data, int si
     if (pendingSlice_ && (endsUnit || (beganUnit && info.hasSlice && wholeUnits)))
         complete(sink);
     if (info.nalUnits > 0)
-        lastBeganUnitWithSlice_ = beganUnit && info.hasSlice;
+        lastHeldHeadAndSlice_ = beganWithHead && info.hasSlice;
     if (borrowedSize_ > 0)
         owned_.insert(owned_.end(), borrowed_, borrowed_ + borrowedSize_);
     borrowed_ = nullptr;
@@ -198,7 +198,7 @@ void AccessUnitSplitter::reset()
 {
     dropPending();
     alignment_ = Alignment::Unknown;
-    lastBeganUnitWithSlice_ = false;
+    lastHeldHeadAndSlice_ = false;
 }
 
 }  // namespace orvo

@@ -5,10 +5,11 @@
 // An access unit ends where the next one begins (an access unit delimiter, parameter
 // sets or SEI after a slice, the first slice of a new picture), after an end of sequence,
 // or where the client says so (the RTP marker bit). Cameras that send one whole access
-// unit per payload are recognised from the stream: once a payload that began an access
-// unit is followed by another that begins one, every payload that begins an access unit
-// is taken to end it too, so its picture comes out in the same call. A payload that goes
-// on with the slices of an unfinished picture switches that off again.
+// unit per payload are recognised from the stream: once a payload that held an access
+// unit's head and slices is followed by one that begins an access unit, every payload
+// that begins an access unit is taken to end it too, so its picture comes out in the same
+// call. The first payload of a stream is taken so when it holds a head and slices. A
+// payload that goes on with the slices of an unfinished picture switches that off again.
 //
 // Each unit carries the tag of the payload that held its first slice: that payload's
 // identity is the picture's. A plain byte parser: no FFmpeg, no allocation per NAL unit.
@@ -70,7 +71,9 @@ private:
     // The cut of the stream as seen so far.
     enum class Alignment { Unknown, WholeUnits, Split };
     Alignment alignment_ = Alignment::Unknown;
-    bool lastBeganUnitWithSlice_ = false;
+    // The last payload began with the head of an access unit (delimiter, parameter sets,
+    // SEI) and held its slices: a stream cut between NAL units never sends that.
+    bool lastHeldHeadAndSlice_ = false;
 };
 
 }  // namespace orvo

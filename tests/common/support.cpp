@@ -94,12 +94,14 @@ PreferencesGuard::PreferencesGuard()
 {
     for (size_t i = 0; i < std::size(kSwitches); ++i)
         saved_[i] = kSwitches[i].first(Prefs::instance());
+    damaged_ = int(Prefs::instance()->damagedPictures());
 }
 
 PreferencesGuard::~PreferencesGuard()
 {
     for (size_t i = 0; i < std::size(kSwitches); ++i)
         (Prefs::instance()->*kSwitches[i].second)(saved_[i]);
+    Prefs::instance()->setDamagedPictures(DamagedPictures(damaged_));
 }
 
 namespace {

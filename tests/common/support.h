@@ -45,6 +45,7 @@ public:
 
 private:
     bool saved_[10];
+    int damaged_;
 };
 
 // Collects Qt debug messages while alive.

@@ -81,24 +81,35 @@ std::vector<VideoFrame> decodeImages(const std::vector<Image>& images, std::vect
     std::vector<VideoFrame> frames;
     Decoder decoder;
     VideoFrame frame;
+    auto ended = [&] {
+        for (const Decoder::EndedImage& e : decoder.takeImagesWithoutPicture())
+            if (failed)
+                failed->push_back(e.image.id());
+    };
     for (const Image& image : images) {
         const Decoder::ImageResult r = decoder.decodeImage(image, frame);
         if (r == Decoder::ImageResult::Picture)
             frames.push_back(std::exchange(frame, VideoFrame()));
         else if (r == Decoder::ImageResult::Failed && failed)
             failed->push_back(image.id());
+        while (decoder.takePicture(frame))
+            frames.push_back(std::exchange(frame, VideoFrame()));
+        ended();
     }
     while (decoder.drain(frame))
         frames.push_back(std::exchange(frame, VideoFrame()));
+    ended();
     return frames;
 }
 
 std::vector<QByteArray> ffmpegFrames(const QString& path, int width, int height, const QString& pixFmt,
-                                     const QString& extraArgs)
+                                     const QString& extraArgs, const QString& inputArgs)
 {
     std::vector<QByteArray> frames;
     const QByteArray all =
-        runProgram(QStringLiteral("ffmpeg"), QStringList{"-nostdin", "-loglevel", "error", "-i", path} +
+        runProgram(QStringLiteral("ffmpeg"), QStringList{"-nostdin", "-loglevel", "error"} +
+                                                 inputArgs.split(QLatin1Char(' '), Qt::SkipEmptyParts) +
+                                                 QStringList{"-i", path} +
                                                  extraArgs.split(QLatin1Char(' '), Qt::SkipEmptyParts) +
                                                  QStringList{"-f", "rawvideo", "-pix_fmt", pixFmt, "-"});
     // Frame size from the format's own layout: ask FFmpeg rather than assuming 4:2:0.

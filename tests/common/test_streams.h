@@ -33,15 +33,17 @@ std::vector<Packet> demuxVideo(const QString& path);
 // I-frame flag from the packet.
 std::vector<Image> toImages(const std::vector<Packet>& packets, quint8 type, quint64 firstId = 1);
 
-// Every image through one orvo::Decoder (decodeImage), then its drain: the pictures in output
-// order. The ids of images that failed go to `failed` when given.
+// Every image through one orvo::Decoder (decodeImage and takePicture), then its drain: the
+// pictures in output order. The ids of images that failed or ended without a picture go to
+// `failed` when given.
 std::vector<VideoFrame> decodeImages(const std::vector<Image>& images, std::vector<quint64>* failed = nullptr);
 
 // Every picture of `path` decoded by the ffmpeg command line into raw `pixFmt` frames of
-// width x height; `extraArgs` go before the output (e.g. "-sws_flags bilinear").
+// width x height; `extraArgs` go before the output (e.g. "-sws_flags bilinear"),
+// `inputArgs` before the input (decoder options such as "-threads 1").
 std::vector<QByteArray> ffmpegFrames(const QString& path, int width, int height,
                                      const QString& pixFmt = QStringLiteral("yuv420p"),
-                                     const QString& extraArgs = QString());
+                                     const QString& extraArgs = QString(), const QString& inputArgs = QString());
 
 // A smooth colour picture (red along x, blue along y) saved as JPEG by Qt's libjpeg.
 QByteArray qtJpeg(int width, int height, int quality = 95);
