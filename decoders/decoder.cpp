@@ -117,6 +117,7 @@ bool Decoder::init(unsigned char type, int param)
     retire();
     decoder_.reset();
     held_.clear();
+    lastStamped_ = {};
     if (type == 'Y' || type == 0) {
         // The process-wide null decoder must never be freed.
         decoder_ = QSharedPointer<AbstractDecoder>(DecoderNULL::instance(), noDelete);
@@ -217,6 +218,7 @@ void Decoder::swap(Decoder& other)
     decoder_.swap(other.decoder_);
     held_.swap(other.held_);
     pictures_.swap(other.pictures_);
+    std::swap(lastStamped_, other.lastStamped_);
     ended_.swap(other.ended_);
     std::swap(failure_, other.failure_);
 }
@@ -343,15 +345,19 @@ bool Decoder::drain(orvo::VideoFrame& frame)
     if (decoder_)
         collectAnswers(0, nullptr);
     held_.clear();
+    lastStamped_ = {};
     return false;
 }
 
 void Decoder::stamp(orvo::VideoFrame& frame, qint64 tag, const orvo::Image& fallback)
 {
     orvo::Image image = fallback;
+    if (tag == lastStamped_.first && !lastStamped_.second.isNull())
+        image = lastStamped_.second;  // an image holding several access units
     for (int i = 0; i < held_.size(); ++i) {
         if (held_.at(i).first == tag) {
             image = held_.takeAt(i).second;
+            lastStamped_ = qMakePair(tag, image);
             break;
         }
     }

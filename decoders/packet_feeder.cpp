@@ -86,7 +86,8 @@ PacketFeeder::Result PacketFeeder::feed(const uint8_t* data, int size, qint64 ta
                 int result = 0;
                 send(unit.data, unit.size, unit.tag, unit.key, &result);
             });
-        if (payload.nalUnits == 0) {
+        // Nothing to decode, or units of another format around no slice of this one.
+        if (payload.nalUnits == 0 || (payload.foreignUnits > 0 && !payload.hasSlice)) {
             rejectReason_ = QStringLiteral("no %1 NAL unit in the payload (is the format code right?)")
                                 .arg(QLatin1String(codecName(codec_->codec_id)));
             return Result::Rejected;

@@ -157,6 +157,7 @@ private:
     QSharedPointer<AbstractDecoder> decoder_;
     // Images whose pictures may still come out, by payload tag, oldest first.
     QList<QPair<qint64, orvo::Image>> held_;
+    QPair<qint64, orvo::Image> lastStamped_;
     QList<orvo::VideoFrame> pictures_;
     QList<EndedImage> ended_;
     QString failure_;
