@@ -106,7 +106,11 @@ AccessUnitSplitter::Payload AccessUnitSplitter::push(const uint8_t* data, int si
             first = false;
             beganUnit = kind == Kind::Head || kind == Kind::FirstSlice;
             beganWithHead = kind == Kind::Head;
-            if (beganUnit && lastHeldHeadAndSlice_)
+            // Whole units for sure after a payload with a head and slices; after payloads that
+            // began with a first slice only when it keeps happening (a picture that lost all
+            // but its first slice looks like one once).
+            wholeRun_ = beganUnit && lastBeganWithSlice_ ? wholeRun_ + 1 : 0;
+            if (beganUnit && (lastHeldHeadAndSlice_ || wholeRun_ >= 3))
                 alignment_ = Alignment::WholeUnits;
             else if (kind == Kind::Slice)
                 alignment_ = Alignment::Split;  // the slices of an unfinished picture go on here
@@ -148,8 +152,10 @@ AccessUnitSplitter::Payload AccessUnitSplitter::push(const uint8_t* data, int si
                             (alignment_ == Alignment::Unknown && beganWithHead);
     if (pendingSlice_ && (endsUnit || (beganUnit && info.hasSlice && wholeUnits)))
         complete(sink);
-    if (info.nalUnits > 0)
+    if (info.nalUnits > 0) {
         lastHeldHeadAndSlice_ = beganWithHead && info.hasSlice;
+        lastBeganWithSlice_ = beganUnit && info.hasSlice;
+    }
     if (borrowedSize_ > 0)
         owned_.insert(owned_.end(), borrowed_, borrowed_ + borrowedSize_);
     borrowed_ = nullptr;
@@ -199,6 +205,8 @@ void AccessUnitSplitter::reset()
     dropPending();
     alignment_ = Alignment::Unknown;
     lastHeldHeadAndSlice_ = false;
+    lastBeganWithSlice_ = false;
+    wholeRun_ = 0;
 }
 
 }  // namespace orvo

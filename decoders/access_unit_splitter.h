@@ -6,7 +6,8 @@
 // sets or SEI after a slice, the first slice of a new picture), after an end of sequence,
 // or where the client says so (the RTP marker bit). Cameras that send one whole access
 // unit per payload are recognised from the stream: once a payload that held an access
-// unit's head and slices is followed by one that begins an access unit, every payload
+// unit's head and slices is followed by one that begins an access unit (or three payloads
+// in a row began an access unit with its first slice and were followed so), every payload
 // that begins an access unit is taken to end it too, so its picture comes out in the same
 // call. The first payload of a stream is taken so when it holds a head and slices. A
 // payload that goes on with the slices of an unfinished picture switches that off again.
@@ -74,6 +75,10 @@ private:
     // The last payload began with the head of an access unit (delimiter, parameter sets,
     // SEI) and held its slices: a stream cut between NAL units never sends that.
     bool lastHeldHeadAndSlice_ = false;
+    // The last payload began an access unit and held a slice; how many such were followed
+    // by one that began the next access unit, in a row.
+    bool lastBeganWithSlice_ = false;
+    int wholeRun_ = 0;
 };
 
 }  // namespace orvo
