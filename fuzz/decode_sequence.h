@@ -1,12 +1,38 @@
 #pragma once
-// Feeds the chunks of one fuzz input, in a row, to one Decoder with one format code.
+// Feeds the chunks of one fuzz input, in a row, as images to one Decoder with one format
+// code, and checks that no image is answered twice (a picture naming it, its failure, or
+// its end without a picture). Option bit 0x80: the images are I-frames; 0x40: each ends
+// its access unit; 0x20: damaged pictures wait for the next key frame.
 #include "fuzz/fuzz_input.h"
 #include "fuzz/picture_check.h"
 #include "orvo/decoder.h"
+#include "orvo/decoder_preferences.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <vector>
 
 namespace orvo::fuzz {
 
-// Decodes one chunk with `decoder` and reads the whole picture that comes out.
+class AnswerCount {
+public:
+    void add(quint64 id, quint64 fed)
+    {
+        // An answer names an image that was given, once (0: a picture whose image is unknown).
+        if (id == 0)
+            return;
+        if (id > fed || ++count_[id] > 1) {
+            std::fprintf(stderr, "image %llu answered again or never given\n", static_cast<unsigned long long>(id));
+            std::abort();
+        }
+    }
+
+private:
+    std::map<quint64, int> count_;
+};
+
+// Decodes one chunk through the plain payload call and reads the whole picture that comes out.
 inline void decodeChunk(Decoder& decoder, const QByteArray& chunk, unsigned char type, int param, bool iframe)
 {
     // The decoder may repair its payload in place: give it a private, exactly sized copy.
@@ -17,12 +43,50 @@ inline void decodeChunk(Decoder& decoder, const QByteArray& chunk, unsigned char
         readWholePicture(frame);
 }
 
+inline void takeAnswers(Decoder& decoder, AnswerCount& answers, quint64 fed)
+{
+    orvo::VideoFrame frame;
+    while (decoder.takePicture(frame)) {
+        answers.add(frame.id(), fed);
+        if (frame.isValid())
+            readWholePicture(frame);
+    }
+    for (const Decoder::EndedImage& ended : decoder.takeImagesWithoutPicture())
+        answers.add(ended.image.id(), fed);
+}
+
 inline void decodeSequence(const Input& in, unsigned char type, int param)
 {
     silenceQtDebug();
+    DecoderPreferences::instance()->setDamagedPictures((in.options & 0x20) ? DamagedPictures::WaitForKeyFrame
+                                                                            : DamagedPictures::Show);
     Decoder decoder;
-    for (const QByteArray& chunk : in.chunks)
-        decodeChunk(decoder, chunk, type, param, (in.options & 0x80) != 0);
+    AnswerCount answers;
+    quint64 fed = 0;
+    for (const QByteArray& chunk : in.chunks) {
+        // The decoder may repair its payload in place: each image has a private copy.
+        orvo::Image image(type, QByteArray(chunk.constData(), chunk.size()), ++fed, qint64(fed) * 40,
+                          (in.options & 0x80) != 0);
+        image.setAccessUnitEnd((in.options & 0x40) != 0);
+        orvo::VideoFrame frame;
+        const Decoder::ImageResult result = decoder.decodeImage(image, frame, param);
+        if (result == Decoder::ImageResult::Picture) {
+            answers.add(frame.id(), fed);
+            if (frame.isValid())
+                readWholePicture(frame);
+        } else if (result == Decoder::ImageResult::Failed) {
+            answers.add(image.id(), fed);
+        }
+        takeAnswers(decoder, answers, fed);
+    }
+    orvo::VideoFrame frame;
+    while (decoder.drain(frame)) {
+        answers.add(frame.id(), fed);
+        if (frame.isValid())
+            readWholePicture(frame);
+        frame = orvo::VideoFrame();
+    }
+    takeAnswers(decoder, answers, fed);
 }
 
 }  // namespace orvo::fuzz
