@@ -22,12 +22,14 @@ ImageDecoder::~ImageDecoder() = default;
 
 ImageOutcome ImageDecoder::takeOutcome()
 {
+    // The job's last write publishes what it made: read it first.
+    const quint32 code = errorCode_.load(std::memory_order_acquire);
     ImageOutcome outcome;
     std::swap(outcome, outcome_);
     if (!result_.isNull())
         outcome.frames.prepend(result_);
     result_ = VideoFrame();
-    outcome.errorCode = errorCode_.load(std::memory_order_acquire);
+    outcome.errorCode = code;
     return outcome;
 }
 

@@ -17,7 +17,8 @@ struct Packet {
     bool key = false;
 };
 
-// `ffmpegArgs` are everything between "ffmpeg" and the output path (which ends in .h264).
+// `ffmpegArgs` are everything between "ffmpeg" and the output path (which ends in .h264
+// or .hevc, and names the raw format with -f).
 inline std::vector<Packet> annexBClip(const std::string& dirName, const std::string& fileName,
                                       const std::string& ffmpegArgs)
 {
@@ -27,7 +28,7 @@ inline std::vector<Packet> annexBClip(const std::string& dirName, const std::str
     const std::string path = (dir / fileName).string();
     if (!std::filesystem::exists(path)) {
         // Written under a temporary name so that an interrupted run leaves no half clip.
-        const std::string tmp = path + ".part.h264";
+        const std::string tmp = path + ".part" + std::filesystem::path(path).extension().string();
         const std::string cmd = "ffmpeg -nostdin -v error -y " + ffmpegArgs + " '" + tmp + "'";
         if (std::system(cmd.c_str()) != 0 || std::rename(tmp.c_str(), path.c_str()) != 0)
             return out;

@@ -2,10 +2,8 @@
 // DecoderAV: the generic FFmpeg decoder behind the codes 'h' (H.264), 'e' (H.265),
 // 'j' (Motion JPEG), 'M' (MPEG-2), 'm' (MPEG-4) and 'x' (MxPEG). Each instance owns one FFmpeg
 // decoder and its reference pictures: use one per stream, from one thread at a time.
-// Payloads may hold any cut of the stream between NAL units (see
-// FFmpegModule::decodePayload): H.264 pictures come out with the payload that completes
-// them; H.265 pictures one payload later, since access units are assembled up to the
-// next picture's first slice.
+// Payloads may hold any cut of the stream between NAL units: H.264 and H.265 are
+// assembled into whole access units (see FFmpegModule::decodePayload).
 #include "orvo/decoder.h"
 #include "orvo/ffmpeg_module.h"
 
