@@ -15,7 +15,7 @@ constexpr size_t kMaxReady = 32;
 // A tag is given up once this many units beyond the reordering depth were sent after it
 // without its picture: no decoder holds a picture that long.
 constexpr quint64 kMaxWaitingUnits = 32;
-constexpr size_t kRecentlyEnded = 64;
+constexpr size_t kRecentTags = 64;
 
 bool usesStartCodes(AVCodecID id)
 {
@@ -145,8 +145,9 @@ void PacketFeeder::accept(AVFrame* picture)
         const quint64 serial = it->serial;
         sent_.erase(it);
         settleBefore(serial, picture->key_frame != 0);
-    } else if (tag > 0 && std::find(recentlyEnded_.begin(), recentlyEnded_.end(), tag) != recentlyEnded_.end()) {
-        av_frame_unref(picture);  // its payload was answered already
+    }
+    if (tag > 0 && std::find(recentlyEnded_.begin(), recentlyEnded_.end(), tag) != recentlyEnded_.end()) {
+        av_frame_unref(picture);  // its payload was answered already, by an error
         return;
     }
     const bool damaged = picture->decode_error_flags != 0 || (picture->flags & AV_FRAME_FLAG_CORRUPT);
@@ -177,6 +178,8 @@ void PacketFeeder::accept(AVFrame* picture)
     }
     av_frame_move_ref(f, picture);
     ready_.push_back(f);
+    if (tag > 0)
+        remember(recentlyShown_, tag);
     if (ready_.size() > kMaxReady) {
         AVFrame* oldest = ready_.front();
         ready_.pop_front();
@@ -206,10 +209,22 @@ void PacketFeeder::settleBefore(quint64 serial, bool key)
 
 void PacketFeeder::end(qint64 tag, const QString& reason)
 {
+    // A payload holding several access units is answered once: by its pictures, or by
+    // one error.
+    if (std::find(recentlyEnded_.begin(), recentlyEnded_.end(), tag) != recentlyEnded_.end() ||
+        std::find(recentlyShown_.begin(), recentlyShown_.end(), tag) != recentlyShown_.end())
+        return;
     ended_.emplace_back(tag, reason);
-    recentlyEnded_.push_back(tag);
-    if (recentlyEnded_.size() > kRecentlyEnded)
-        recentlyEnded_.pop_front();
+    remember(recentlyEnded_, tag);
+}
+
+void PacketFeeder::remember(std::deque<qint64>& tags, qint64 tag)
+{
+    if (!tags.empty() && tags.back() == tag)
+        return;
+    tags.push_back(tag);
+    if (tags.size() > kRecentTags)
+        tags.pop_front();
 }
 
 bool PacketFeeder::takePicture(AVFrame* out, qint64* tag)

@@ -73,6 +73,7 @@ private:
     void collect();
     void accept(AVFrame* frame);
     void end(qint64 tag, const QString& reason);
+    static void remember(std::deque<qint64>& tags, qint64 tag);
     // Tags sent before `serial` that can no longer give a picture, after a picture of `serial`.
     void settleBefore(quint64 serial, bool key);
     void restart();
@@ -88,7 +89,10 @@ private:
     std::deque<Sent> sent_;  // tags sent whose picture has not come out, in sending order
     quint64 nextSerial_ = 1;
     std::deque<std::pair<qint64, QString>> ended_;
-    std::deque<qint64> recentlyEnded_;  // a late picture of one of these is not shown twice
+    // Tags answered lately: a late picture of an ended one is not shown, and a tag that has
+    // a picture or an error gets no further error.
+    std::deque<qint64> recentlyEnded_;
+    std::deque<qint64> recentlyShown_;
     bool waitingForKey_ = false;
     bool draining_ = false;
     QString rejectReason_;

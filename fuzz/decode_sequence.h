@@ -1,8 +1,9 @@
 #pragma once
 // Feeds the chunks of one fuzz input, in a row, as images to one Decoder with one format
-// code, and checks that no image is answered twice (a picture naming it, its failure, or
-// its end without a picture). Option bit 0x80: the images are I-frames; 0x40: each ends
-// its access unit; 0x20: damaged pictures wait for the next key frame.
+// code, and checks that each image is answered by its pictures (several when it holds
+// several access units) or by one failure, never both, and only images that were given.
+// Option bit 0x80: the images are I-frames; 0x40: each ends its access unit; 0x20:
+// damaged pictures wait for the next key frame.
 #include "fuzz/fuzz_input.h"
 #include "fuzz/picture_check.h"
 #include "orvo/decoder.h"
@@ -17,19 +18,23 @@ namespace orvo::fuzz {
 
 class AnswerCount {
 public:
-    void add(quint64 id, quint64 fed)
+    // A picture naming `id` (0: a picture whose image is unknown), or a failure.
+    void add(quint64 id, quint64 fed, bool failure = false)
     {
-        // An answer names an image that was given, once (0: a picture whose image is unknown).
-        if (id == 0)
+        if (id == 0 && !failure)
             return;
-        if (id > fed || ++count_[id] > 1) {
-            std::fprintf(stderr, "image %llu answered again or never given\n", static_cast<unsigned long long>(id));
+        int& pictures = pictures_[id];
+        int& failures = failures_[id];
+        (failure ? failures : pictures) += 1;
+        if (id == 0 || id > fed || failures > 1 || (failures > 0 && pictures > 0)) {
+            std::fprintf(stderr, "image %llu: %d pictures and %d failures (%llu given)\n",
+                         static_cast<unsigned long long>(id), pictures, failures, static_cast<unsigned long long>(fed));
             std::abort();
         }
     }
 
 private:
-    std::map<quint64, int> count_;
+    std::map<quint64, int> pictures_, failures_;
 };
 
 // Decodes one chunk through the plain payload call and reads the whole picture that comes out.
@@ -52,7 +57,7 @@ inline void takeAnswers(Decoder& decoder, AnswerCount& answers, quint64 fed)
             readWholePicture(frame);
     }
     for (const Decoder::EndedImage& ended : decoder.takeImagesWithoutPicture())
-        answers.add(ended.image.id(), fed);
+        answers.add(ended.image.id(), fed, true);
 }
 
 inline void decodeSequence(const Input& in, unsigned char type, int param)
@@ -75,7 +80,7 @@ inline void decodeSequence(const Input& in, unsigned char type, int param)
             if (frame.isValid())
                 readWholePicture(frame);
         } else if (result == Decoder::ImageResult::Failed) {
-            answers.add(image.id(), fed);
+            answers.add(image.id(), fed, true);
         }
         takeAnswers(decoder, answers, fed);
     }
