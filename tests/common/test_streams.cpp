@@ -76,6 +76,20 @@ std::vector<Image> toImages(const std::vector<Packet>& packets, quint8 type, qui
     return images;
 }
 
+std::vector<QByteArray> nalUnits(const QByteArray& au)
+{
+    std::vector<int> starts;
+    for (int i = 0; i + 3 <= au.size(); ++i)
+        if (au[i] == 0 && au[i + 1] == 0 && au[i + 2] == 1)
+            starts.push_back(i > 0 && au[i - 1] == 0 ? i - 1 : i);
+    std::vector<QByteArray> out;
+    for (size_t k = 0; k < starts.size(); ++k)
+        out.push_back(au.mid(starts[k], (k + 1 < starts.size() ? starts[k + 1] : au.size()) - starts[k]));
+    if (out.empty())
+        out.push_back(au);
+    return out;
+}
+
 std::vector<VideoFrame> decodeImages(const std::vector<Image>& images, std::vector<quint64>* failed)
 {
     std::vector<VideoFrame> frames;

@@ -29,6 +29,9 @@ struct Packet {
 // and H.265 in Annex B, the way cameras send them).
 std::vector<Packet> demuxVideo(const QString& path);
 
+// NAL units of an Annex B access unit, each with its own start code (the whole unit when
+// it has none).
+std::vector<QByteArray> nalUnits(const QByteArray& au);
 // Camera images from packets: format code, ids 1, 2, ... (or from firstId), time = index * 40,
 // I-frame flag from the packet.
 std::vector<Image> toImages(const std::vector<Packet>& packets, quint8 type, quint64 firstId = 1);

@@ -2,12 +2,8 @@
 // lost; at an I-frame, early and in the middle of a group of pictures), cut into whole
 // access units and into NAL units: the decoder shows what the ffmpeg command line shows of
 // the same bytes, and every image holding a slice ends in exactly one answer.
-#include "async/async_test_util.h"
 #include "common/test_streams.h"
-#include "orvo/concurrent_decoder.h"
 #include "orvo/decoder.h"
-#include "orvo/decoder_preferences.h"
-#include "orvo/single_threaded_decoder.h"
 
 #include <QFile>
 #include <gtest/gtest.h>
@@ -89,21 +85,6 @@ QByteArray garbage(int size, unsigned seed)
     return out;
 }
 
-// NAL units of an Annex B access unit, each with its own start code.
-std::vector<QByteArray> splitNalUnits(const QByteArray& au)
-{
-    std::vector<int> starts;
-    for (int i = 0; i + 3 <= au.size(); ++i)
-        if (au[i] == 0 && au[i + 1] == 0 && au[i + 2] == 1)
-            starts.push_back(i > 0 && au[i - 1] == 0 ? i - 1 : i);
-    std::vector<QByteArray> out;
-    for (size_t k = 0; k < starts.size(); ++k)
-        out.push_back(au.mid(starts[k], (k + 1 < starts.size() ? starts[k + 1] : au.size()) - starts[k]));
-    if (out.empty())
-        out.push_back(au);
-    return out;
-}
-
 struct Damaged {
     std::vector<QByteArray> units;  // the stream's access units after the damage
     std::vector<bool> keys;
@@ -129,7 +110,7 @@ std::vector<Image> toCameraImages(const Damaged& d, quint8 code, bool nalCut)
 {
     std::vector<Image> images;
     for (size_t k = 0; k < d.units.size(); ++k)
-        for (const QByteArray& payload : nalCut ? splitNalUnits(d.units[k]) : std::vector<QByteArray>{d.units[k]})
+        for (const QByteArray& payload : nalCut ? nalUnits(d.units[k]) : std::vector<QByteArray>{d.units[k]})
             images.emplace_back(code, payload, images.size() + 1, qint64(k) * 40, d.keys[k]);
     return images;
 }

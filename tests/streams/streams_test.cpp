@@ -3,19 +3,16 @@
 // image, one NAL unit plus the next start code for the repairing H.264 path), decoded through
 // every decoder and facade, compared byte for byte with the ffmpeg command line, and checked
 // for the identity each picture carries.
-#include "async/async_test_util.h"
 #include "common/test_streams.h"
-#include "orvo/concurrent_decoder.h"
 #include "orvo/decoder.h"
 #include "orvo/decoder_preferences.h"
-#include "orvo/single_threaded_decoder.h"
 #include "orvo/stream_reader.h"
+#include "streams/stream_paths.h"
 
 #include <QFileInfo>
 #include <gtest/gtest.h>
 
 #include <map>
-#include <memory>
 
 using namespace orvo;
 using namespace orvo::test;
@@ -41,7 +38,6 @@ const Clip kClips[] = {
 };
 
 enum class Cut { AccessUnit, NalUnit, NalPlusStartCode };
-enum class Path { Decoder, DecoderZeroCopy, Concurrent, Ordered, SingleThreaded };
 
 struct Case {
     const Clip* clip;
@@ -67,19 +63,6 @@ std::vector<Case> allCases()
                 if ((cut != Cut::NalUnit || clip.code != 'M') &&
                     (cut != Cut::NalPlusStartCode || clip.code == 'h' || clip.code == 'H'))
                     out.push_back({&clip, cut, path});
-    return out;
-}
-
-// NAL units of an Annex B access unit, each with its own start code.
-std::vector<QByteArray> nalUnits(const QByteArray& au)
-{
-    std::vector<int> starts;
-    for (int i = 0; i + 3 <= au.size(); ++i)
-        if (au[i] == 0 && au[i + 1] == 0 && au[i + 2] == 1)
-            starts.push_back(i > 0 && au[i - 1] == 0 ? i - 1 : i);
-    std::vector<QByteArray> out;
-    for (size_t k = 0; k < starts.size(); ++k)
-        out.push_back(au.mid(starts[k], (k + 1 < starts.size() ? starts[k + 1] : au.size()) - starts[k]));
     return out;
 }
 
@@ -169,49 +152,6 @@ CutImages cutClip(const Clip& clip, const ClipData& data, Cut cut)
         }
         out.unitIdentity.push_back(identity);
     }
-    return out;
-}
-
-struct Outcome {
-    std::vector<VideoFrame> frames;
-    std::vector<DecoderError> errors;
-};
-
-// Every image through the decoder or facade under test, then the drain.
-Outcome decodeThrough(Path path, const std::vector<Image>& images)
-{
-    Outcome out;
-    if (path == Path::Decoder || path == Path::DecoderZeroCopy) {
-        std::vector<quint64> failed;
-        out.frames = decodeImages(images, &failed);
-        for (quint64 id : failed)
-            out.errors.push_back(DecoderError(1, id));
-        return out;
-    }
-    QObject context;
-    auto record = [&](DecoderInterfaceSignals* source, DecoderInterfaceSignals* errors) {
-        QObject::connect(source, &DecoderInterfaceSignals::frameDecoded, &context,
-                         [&](const VideoFrame& f) { out.frames.push_back(f); });
-        QObject::connect(errors, &DecoderInterfaceSignals::error, &context,
-                         [&](DecoderError e) { out.errors.push_back(e); });
-    };
-    if (path == Path::SingleThreaded) {
-        SingleThreadedDecoder decoder;
-        record(&decoder, decoder.getInterface());
-        for (const Image& image : images)
-            EXPECT_EQ(decoder.decode(image), 1);
-        decoder.drain();
-        return out;
-    }
-    std::unique_ptr<ConcurrentDecoder> decoder(path == Path::Ordered ? new OrderedConcurrentDecoder
-                                                                     : new ConcurrentDecoder);
-    record(decoder.get(), decoder->getInterface());
-    for (const Image& image : images)
-        EXPECT_EQ(decoder->decode(image), 1);
-    EXPECT_EQ(decoder->drain(), 1);
-    auto* impl = static_cast<ConcurrentDecoderImpl*>(decoder->getInterface());
-    EXPECT_TRUE(waitUntil([&] { return impl->isBacklogEmpty() && !impl->isBusy(); }));
-    spin(5);
     return out;
 }
 
