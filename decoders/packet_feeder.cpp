@@ -141,12 +141,20 @@ void PacketFeeder::accept(AVFrame* picture)
 {
     const qint64 tag = picture->pts == AV_NOPTS_VALUE ? -1 : picture->pts;
     const auto it = std::find_if(sent_.begin(), sent_.end(), [&](const Sent& s) { return s.tag == tag; });
+    // Each unit sent gives at most one picture: one that belongs to no waiting unit (its
+    // unit was answered already, or FFmpeg lost its time stamp) could only answer an image
+    // twice, or the wrong one. Untagged payloads (tag 0) are not followed.
+    const bool followed = tag != 0;
+    if (followed && it == sent_.end()) {
+        av_frame_unref(picture);
+        return;
+    }
     if (it != sent_.end()) {
         const quint64 serial = it->serial;
         sent_.erase(it);
         settleBefore(serial, picture->key_frame != 0);
     }
-    if (tag > 0 && std::find(recentlyEnded_.begin(), recentlyEnded_.end(), tag) != recentlyEnded_.end()) {
+    if (followed && std::find(recentlyEnded_.begin(), recentlyEnded_.end(), tag) != recentlyEnded_.end()) {
         av_frame_unref(picture);  // its payload was answered already, by an error
         return;
     }

@@ -15,7 +15,7 @@
 #include <map>
 #include <memory>
 #include <random>
-#include <set>
+#include <vector>
 #include <unistd.h>
 
 #if defined(__has_feature)
@@ -32,15 +32,26 @@ using namespace orvo::test;
 
 namespace {
 
+// One byte per image id (ids count from 1 per decoder): bounded bookkeeping however long
+// the soak runs.
 struct Account {
+    static constexpr quint8 kFed = 0x80;
     quint64 fed = 0, frames = 0, errors = 0, refused = 0, strangers = 0;
-    std::set<quint64> fedIds;
-    std::map<quint64, int> answers;  // by image id
+    std::vector<quint8> images;  // kFed | number of answers
+    void given(quint64 id)
+    {
+        if (images.size() < id)
+            images.resize(id, 0);
+        images[id - 1] |= kFed;
+    }
     void answer(quint64 id)
     {
-        if (!fedIds.count(id))
+        if (id == 0 || id > images.size() || !(images[id - 1] & kFed)) {
             ++strangers;
-        ++answers[id];
+            return;
+        }
+        if ((images[id - 1] & 0x7f) < 0x7f)
+            ++images[id - 1];
     }
 };
 
@@ -162,7 +173,7 @@ TEST(Soak, SixtyFourStreamsAccountForEveryImage)
             Image image(code, payload, slot.nextId++, qint64(slot.next) * 40, p.key);
             if (slot.decoder->decode(image) > 0) {
                 ++slot.account->fed;
-                slot.account->fedIds.insert(image.id());
+                slot.account->given(image.id());
                 ++fedTotal;
             } else {
                 ++slot.account->refused;
@@ -197,9 +208,10 @@ TEST(Soak, SixtyFourStreamsAccountForEveryImage)
         frames += a->frames;
         errors += a->errors;
         quint64 once = 0;
-        for (const auto& entry : a->answers) {
-            EXPECT_EQ(entry.second, 1) << "image " << entry.first << " answered " << entry.second << " times";
-            once += entry.second == 1 ? 1 : 0;
+        for (size_t i = 0; i < a->images.size(); ++i) {
+            const int answers = a->images[i] & 0x7f;
+            EXPECT_LE(answers, 1) << "image " << i + 1 << " answered " << answers << " times";
+            once += answers == 1 ? 1 : 0;
         }
         auto it = live.find(a.get());
         if (it == live.end())
