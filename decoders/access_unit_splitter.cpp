@@ -7,6 +7,9 @@ namespace {
 
 // A unit that never ends (a hostile stream of continuation slices) is let go at this size.
 constexpr size_t kMaxUnitBytes = 32u << 20;
+// The buffer of split units is kept between units up to this size (a 4K I-frame), so that
+// one huge unit does not stay allocated for the stream's life.
+constexpr size_t kKeptCapacity = 4u << 20;
 
 bool onlyZeros(const uint8_t* from, const uint8_t* to)
 {
@@ -185,7 +188,10 @@ void AccessUnitSplitter::complete(const Sink& sink)
 
 void AccessUnitSplitter::dropPending()
 {
-    owned_.clear();  // keeps the allocation for the next unit
+    if (owned_.capacity() > kKeptCapacity)
+        std::vector<uint8_t>().swap(owned_);
+    else
+        owned_.clear();  // keeps the allocation for the next unit
     borrowed_ = nullptr;
     borrowedSize_ = 0;
     pendingSlice_ = false;
