@@ -36,18 +36,15 @@ int AccessUnitSplitter::findStartCode(const uint8_t* data, int size, int from)
     return -1;
 }
 
-AccessUnitSplitter::Kind AccessUnitSplitter::classify(const uint8_t* nal, int length, bool* key) const
+AccessUnitSplitter::Kind AccessUnitSplitter::classify(const uint8_t* nal, int length) const
 {
-    *key = false;
     if (length < 2 || (nal[0] & 0x80))
         return Kind::Foreign;
     if (codec_ == Codec::H264) {
         const int type = nal[0] & 0x1f;
         switch (type) {
-        case 5:
-            *key = true;
-            [[fallthrough]];
         case 1:
+        case 5:
             // first_mb_in_slice 0 (a ue(v) of one bit) begins a picture.
             return (nal[1] & 0x80) ? Kind::FirstSlice : Kind::Slice;
         case 6: case 7: case 8: case 9: case 14: case 15:
@@ -67,7 +64,6 @@ AccessUnitSplitter::Kind AccessUnitSplitter::classify(const uint8_t* nal, int le
     if (type <= 9 || (type >= 16 && type <= 21)) {
         if (length < 3)
             return Kind::Foreign;
-        *key = type >= 16;
         return (nal[2] & 0x80) ? Kind::FirstSlice : Kind::Slice;  // first_slice_segment_in_pic_flag
     }
     switch (type) {
@@ -97,8 +93,7 @@ AccessUnitSplitter::Payload AccessUnitSplitter::push(const uint8_t* data, int si
         // A NAL unit never ends in a zero byte: those belong to the next start code.
         while (end > header && data[end - 1] == 0)
             --end;
-        bool key = false;
-        const Kind kind = classify(data + header, end - header, &key);
+        const Kind kind = classify(data + header, end - header);
         start = next;
         if (kind == Kind::Foreign) {
             ++info.foreignUnits;
@@ -140,7 +135,6 @@ AccessUnitSplitter::Payload AccessUnitSplitter::push(const uint8_t* data, int si
             if (!pendingSlice_)
                 pendingTag_ = tag;
             pendingSlice_ = true;
-            pendingKey_ = pendingKey_ || key;
         }
         if (kind == Kind::EndOfSequence && pendingSlice_)
             complete(sink);
@@ -180,7 +174,6 @@ void AccessUnitSplitter::complete(const Sink& sink)
             unit.size = int(owned_.size());
         }
         unit.tag = pendingTag_;
-        unit.key = pendingKey_;
         sink(unit);
     }
     dropPending();
@@ -195,7 +188,6 @@ void AccessUnitSplitter::dropPending()
     borrowed_ = nullptr;
     borrowedSize_ = 0;
     pendingSlice_ = false;
-    pendingKey_ = false;
     pendingTag_ = -1;
 }
 

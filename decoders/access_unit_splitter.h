@@ -29,7 +29,6 @@ public:
         const uint8_t* data;
         int size;
         qint64 tag;  // tag of the payload that held the unit's first slice
-        bool key;    // holds an IDR / IRAP slice
     };
     using Sink = std::function<void(const Unit&)>;
 
@@ -57,7 +56,7 @@ public:
 
 private:
     enum class Kind { Slice, FirstSlice, Head, Other, EndOfSequence, Foreign };
-    Kind classify(const uint8_t* nal, int length, bool* key) const;
+    Kind classify(const uint8_t* nal, int length) const;
     void complete(const Sink& sink);
     void dropPending();
 
@@ -67,7 +66,6 @@ private:
     const uint8_t* borrowed_ = nullptr;
     int borrowedSize_ = 0;
     bool pendingSlice_ = false;
-    bool pendingKey_ = false;
     qint64 pendingTag_ = -1;
     // The cut of the stream as seen so far.
     enum class Alignment { Unknown, WholeUnits, Split };

@@ -44,7 +44,11 @@ void PacketFeeder::configure(AVCodecContext*)
 }
 
 PacketFeeder::PacketFeeder(AVCodecContext* codec, DamagePolicy policy)
-    : codec_(codec), policy_(policy), packet_(av_packet_alloc()), received_(av_frame_alloc())
+    : codec_(codec),
+      policy_(policy),
+      packet_(av_packet_alloc()),
+      received_(av_frame_alloc()),
+      sendUnit_([this](const AccessUnitSplitter::Unit& unit) { send(unit.data, unit.size, unit.tag); })
 {
     if (codec_ && codec_->codec_id == AV_CODEC_ID_H264)
         splitter_ = std::make_unique<AccessUnitSplitter>(AccessUnitSplitter::Codec::H264);
@@ -78,14 +82,9 @@ PacketFeeder::Result PacketFeeder::feed(const uint8_t* data, int size, qint64 ta
     if (draining_)
         restart();  // a new stream after a partial drain
     if (!splitter_) {
-        int result = 0;
-        send(data, size, tag, false, &result);
+        send(data, size, tag);
     } else {
-        const AccessUnitSplitter::Payload payload =
-            splitter_->push(data, size, tag, endsUnit, [this](const AccessUnitSplitter::Unit& unit) {
-                int result = 0;
-                send(unit.data, unit.size, unit.tag, unit.key, &result);
-            });
+        const AccessUnitSplitter::Payload payload = splitter_->push(data, size, tag, endsUnit, sendUnit_);
         // Nothing to decode, or units of another format around no slice of this one.
         if (payload.nalUnits == 0 || (payload.foreignUnits > 0 && !payload.hasSlice)) {
             rejectReason_ = QStringLiteral("no %1 NAL unit in the payload (is the format code right?)")
@@ -96,7 +95,7 @@ PacketFeeder::Result PacketFeeder::feed(const uint8_t* data, int size, qint64 ta
     return ready_.empty() ? Result::Accepted : Result::Picture;
 }
 
-void PacketFeeder::send(const uint8_t* data, int size, qint64 tag, bool, int* result)
+void PacketFeeder::send(const uint8_t* data, int size, qint64 tag)
 {
     const quint64 serial = nextSerial_++;
     if (tag > 0)
@@ -128,7 +127,6 @@ void PacketFeeder::send(const uint8_t* data, int size, qint64 tag, bool, int* re
         end(sent_.front().tag, QStringLiteral("no picture came out for it"));
         sent_.pop_front();
     }
-    *result = ret;
 }
 
 void PacketFeeder::collect()
@@ -263,12 +261,8 @@ bool PacketFeeder::drain(AVFrame* out, qint64* tag)
     if (!codec_ || !packet_ || !received_)
         return false;
     if (!draining_) {
-        if (splitter_) {
-            splitter_->flush([this](const AccessUnitSplitter::Unit& unit) {
-                int result = 0;
-                send(unit.data, unit.size, unit.tag, unit.key, &result);
-            });
-        }
+        if (splitter_)
+            splitter_->flush(sendUnit_);
         if (takePicture(out, tag))
             return true;
         avcodec_send_packet(codec_, nullptr);

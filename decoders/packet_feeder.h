@@ -69,7 +69,7 @@ private:
         qint64 tag;
         quint64 serial;
     };
-    void send(const uint8_t* data, int size, qint64 tag, bool key, int* result);
+    void send(const uint8_t* data, int size, qint64 tag);
     void collect();
     void accept(AVFrame* frame);
     void end(qint64 tag, const QString& reason);
@@ -83,6 +83,7 @@ private:
     AVPacket* packet_;
     AVFrame* received_;
     std::unique_ptr<AccessUnitSplitter> splitter_;  // H.264 and H.265 only
+    const AccessUnitSplitter::Sink sendUnit_;
     std::deque<AVFrame*> ready_;
     // Empty frame shells for ready_, so that a picture costs no allocation of its own.
     std::vector<AVFrame*> spare_;
