@@ -19,6 +19,14 @@ QString dataDir();
 // returns an empty string when ffmpeg fails.
 QString ffmpegFile(const QString& name, const QString& args);
 
+// A test clip: its name (also its file name where a suite keeps one), the format code its
+// images are sent with, and the ffmpeg arguments that make it.
+struct ClipSpec {
+    const char* name;
+    quint8 code;
+    const char* encode;
+};
+
 struct Packet {
     QByteArray data;
     bool key = false;

@@ -131,13 +131,7 @@ TEST(Answers, WaitingForTheNextKeyFrameAnswersEachSkippedImageWithAnError)
     EXPECT_FALSE(shown[20].isDamaged());
 }
 
-struct LatencyClip {
-    const char* name;
-    quint8 code;
-    const char* args;
-};
-
-const LatencyClip kLatencyClips[] = {
+const ClipSpec kClipSpecs[] = {
     {"latency_h264.h264", 'h', ANSWER_SRC "-c:v libx264 -bf 0 -g 10 -f h264"},
     {"latency_h264_slices.h264", 'h', ANSWER_SRC "-c:v libx264 -slices 4 -bf 0 -g 10 -f h264"},
     {"latency_hevc.hevc", 'e', ANSWER_SRC ANSWER_X265 "bframes=0 -f hevc"},
@@ -167,8 +161,8 @@ std::vector<Image> latencyImages(const std::vector<Packet>& units, quint8 code, 
 
 TEST(Answers, WholeAccessUnitsComeOutInTheCallOfTheirImage)
 {
-    for (const LatencyClip& c : kLatencyClips) {
-        const std::vector<Packet> units = clip(c.name, c.args);
+    for (const ClipSpec& c : kClipSpecs) {
+        const std::vector<Packet> units = clip(c.name, c.encode);
         ASSERT_EQ(units.size(), 30u);
         for (int perImage : {1, 2}) {
             for (bool nalCut : {false, true}) {

@@ -19,13 +19,7 @@ namespace {
 #define DAMAGE_SRC "-f lavfi -i testsrc2=size=320x240:rate=25 -frames:v 40 -pix_fmt yuv420p "
 #define DAMAGE_X265 "-c:v libx265 -x265-params log-level=error:bframes=0:keyint=20:min-keyint=20:scenecut=0:"
 
-struct DamageClip {
-    const char* name;
-    quint8 code;
-    const char* encode;
-};
-
-const DamageClip kDamageClips[] = {
+const ClipSpec kClipSpecs[] = {
     {"damage_h264.h264", 'h', DAMAGE_SRC "-c:v libx264 -bf 0 -g 20 -f h264"},
     {"damage_h264_slices.h264", 'h', DAMAGE_SRC "-c:v libx264 -slices 4 -bf 0 -g 20 -f h264"},
     {"damage_hevc.hevc", 'e', DAMAGE_SRC DAMAGE_X265 "slices=1 -f hevc"},
@@ -37,7 +31,7 @@ enum class Damage { Truncate, Garbage, Drop };
 const int kDamagedPictures[] = {0, 3, 12, 20};
 
 struct DamageCase {
-    const DamageClip* clip;
+    const ClipSpec* clip;
     Damage damage;
     int picture;
     bool nalCut;
@@ -55,7 +49,7 @@ std::string damageCaseName(const testing::TestParamInfo<DamageCase>& info)
 std::vector<DamageCase> damageCases()
 {
     std::vector<DamageCase> out;
-    for (const DamageClip& clip : kDamageClips)
+    for (const ClipSpec& clip : kClipSpecs)
         for (Damage damage : {Damage::Truncate, Damage::Garbage, Damage::Drop})
             for (int picture : kDamagedPictures)
                 for (bool nal : {false, true})
@@ -67,7 +61,7 @@ std::vector<DamageCase> damageCases()
 }
 
 // Access units of a clip, made once per run.
-const std::vector<Packet>& clipUnits(const DamageClip& clip)
+const std::vector<Packet>& clipUnits(const ClipSpec& clip)
 {
     static std::map<std::string, std::vector<Packet>> cache;
     auto it = cache.find(clip.name);

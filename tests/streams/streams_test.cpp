@@ -22,11 +22,7 @@ namespace {
 #define SOURCE "-f lavfi -i testsrc2=size=320x256:rate=25 -frames:v 14 -pix_fmt yuv420p "
 #define X265 "-c:v libx265 -x265-params log-level=error:keyint=8:"
 
-struct Clip {
-    const char* name;
-    quint8 code;
-    const char* encode;
-};
+using Clip = ClipSpec;
 
 const Clip kClips[] = {
     {"h264_cavlc_slices", 'h', SOURCE "-c:v libx264 -coder 0 -slices 4 -bf 0 -g 8 -f h264"},
