@@ -228,21 +228,21 @@ int ConcurrentDecoderImpl::drain()
         DecodingSlot* slot = slots_.last();
         slot->future.waitForFinished();
         QList<VideoFrame> frames;
-        QList<Decoder::EndedImage> ended;
+        QList<DecoderError> ended;
         try {
             VideoFrame frame;
             while (slot->drain(frame)) {
                 frames.append(frame);
                 frame = VideoFrame();
             }
-            ended = slot->takeImagesWithoutPicture();
+            ended = takeEndedAsErrors(*slot);
         } catch (...) {
             // No exception leaves the library: what was drained is delivered.
         }
         decodedFrames_ += quint64(frames.size());
         drainDone(frames);
-        for (const Decoder::EndedImage& e : qAsConst(ended))
-            decodingError(DecoderError(1, e.image.id(), e.reason));
+        for (const DecoderError& e : qAsConst(ended))
+            decodingError(e);
         return 3;
     }
     // A distinct record, so that the scheduler's weak reference to it stays valid while

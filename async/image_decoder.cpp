@@ -18,6 +18,14 @@ unsigned long long threadIdNumber()
 }
 }  // namespace
 
+QList<DecoderError> takeEndedAsErrors(Decoder& decoder)
+{
+    QList<DecoderError> errors;
+    for (const Decoder::EndedImage& ended : decoder.takeImagesWithoutPicture())
+        errors.append(DecoderError(1, ended.image.id(), ended.reason));
+    return errors;
+}
+
 ImageDecoder::~ImageDecoder() = default;
 
 ImageOutcome ImageDecoder::takeOutcome()
@@ -155,8 +163,7 @@ bool ImageDecoder::decodeInto(const Image& image, VideoFrame& frame, int scale)
             outcome_.frames.append(more);
             more = VideoFrame();
         }
-        for (const EndedImage& ended : takeImagesWithoutPicture())
-            outcome_.ended.append(DecoderError(1, ended.image.id(), ended.reason));
+        outcome_.ended = takeEndedAsErrors(*this);
     }
     if (!r) {
         if (image.isNull())
@@ -190,8 +197,7 @@ VideoFrame ImageDecoder::drainAll(QSharedPointer<AbstractDecoder> keep)
             outcome_.frames.append(frame);
             frame = VideoFrame();
         }
-        for (const EndedImage& ended : takeImagesWithoutPicture())
-            outcome_.ended.append(DecoderError(1, ended.image.id(), ended.reason));
+        outcome_.ended = takeEndedAsErrors(*this);
     } catch (...) {
         code = currentExceptionErrorCode();
     }

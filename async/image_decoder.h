@@ -22,6 +22,9 @@ struct ImageOutcome {
     QString reason;              // why it failed
 };
 
+// The images `decoder` reports as ended without a picture, as the errors that answer them.
+QList<DecoderError> takeEndedAsErrors(Decoder& decoder);
+
 // How a job goes on with its stream's next image instead of returning to the owner thread
 // (implemented by the pooled decoder, which outlives its jobs). Pool thread only.
 class JobRelay {

@@ -1,3 +1,4 @@
+#include "async/image_decoder.h"
 #include "decoders/exception_error_code.h"
 #include "orvo/single_threaded_decoder.h"
 
@@ -15,7 +16,7 @@ int SingleThreadedDecoderImpl::decode(const Image& image)
     Decoder::ImageResult result = Decoder::ImageResult::Failed;
     quint32 code = 0;
     QList<VideoFrame> more;
-    QList<Decoder::EndedImage> ended;
+    QList<DecoderError> ended;
     try {
         result = decoder_.decodeImage(image, frame);
         if (result == Decoder::ImageResult::Failed)
@@ -25,12 +26,12 @@ int SingleThreadedDecoderImpl::decode(const Image& image)
             more.append(next);
             next = VideoFrame();
         }
-        ended = decoder_.takeImagesWithoutPicture();
+        ended = takeEndedAsErrors(decoder_);
     } catch (...) {
         code = currentExceptionErrorCode();
     }
-    for (const Decoder::EndedImage& e : qAsConst(ended))
-        decodingError(DecoderError(1, e.image.id(), e.reason));
+    for (const DecoderError& e : qAsConst(ended))
+        decodingError(e);
     if (code != 0) {
         decodingError(DecoderError(code, image.id(), code == 1 ? decoder_.failureReason() : QString()));
         return 0;
@@ -52,8 +53,8 @@ void SingleThreadedDecoderImpl::drain()
             frameFinished(frame);
             frame = VideoFrame();
         }
-        for (const Decoder::EndedImage& e : decoder_.takeImagesWithoutPicture())
-            decodingError(DecoderError(1, e.image.id(), e.reason));
+        for (const DecoderError& e : takeEndedAsErrors(decoder_))
+            decodingError(e);
     } catch (...) {
         // No exception leaves the library.
     }

@@ -78,9 +78,10 @@ AbstractDecoder* createDecoder(unsigned char type, int param)
 
 void noDelete(AbstractDecoder*) {}
 
-// Images kept for pictures still inside a decoder. Beyond the deepest reordering of
-// H.264/H.265 (16 pictures) even with several images per picture; older ones go first,
-// so images that never give a picture (parameter sets, later slices) do not pile up.
+// Images kept for pictures still inside a decoder. Beyond the longest a unit waits for its
+// picture (the reordering depth and 32 units more) even with several images per access
+// unit; older ones go first, so images that never give a picture (parameter sets, later
+// slices) do not pile up.
 constexpr int kMaxHeldImages = 256;
 // Ended images a client never takes are kept up to this many.
 constexpr int kMaxEndedImages = 1024;
@@ -237,6 +238,8 @@ Decoder::ImageResult Decoder::decodeImage(const orvo::Image& image, orvo::VideoF
                        : QStringLiteral("unknown format code %1").arg(image.type());
         return ImageResult::Failed;
     }
+    // Pictures the previous format decoder still held (init() retired it) come out first.
+    const bool retired = !pictures_.isEmpty();
     const qint64 tag = nextPayloadTag();
     held_.append(qMakePair(tag, image));
     if (held_.size() > kMaxHeldImages)
@@ -247,12 +250,14 @@ Decoder::ImageResult Decoder::decodeImage(const orvo::Image& image, orvo::VideoF
     const bool accepted = got || decoder_->isPayloadAccepted();
     if (got) {
         stamp(first, decoder_->pictureTag(), image);
-        pictures_.append(first);
+        if (retired)
+            pictures_.append(first);
     }
     QString reason;
     const bool ownEnded = collectAnswers(tag, &reason);
-    if (!pictures_.isEmpty()) {
-        frame = pictures_.takeFirst();
+    if (got || !pictures_.isEmpty()) {
+        // The usual single picture goes out without passing through the list.
+        frame = got && !retired ? first : pictures_.takeFirst();
         if (ownEnded)
             ended_.append({image, reason});
         return ImageResult::Picture;

@@ -149,7 +149,6 @@ FFmpegModule::FFmpegModule(const DecodeContext& context) : d(new State)
     AVCodecContext* codecContext = d->decoder.allocate(codec) ? d->decoder.context : nullptr;
     if (codecContext) {
         codecContext->max_pixels = ::AbstractDecoder::kMaxPixels;
-        PacketFeeder::configure(codecContext);
 #ifdef FUZZING_BUILD_MODE_UNSAFE_FOR_PRODUCTION
         codecContext->thread_count = 1;  // fuzz builds: findings and timings belong to one thread
 #endif

@@ -37,12 +37,6 @@ const char* codecName(AVCodecID id)
 
 }  // namespace
 
-void PacketFeeder::configure(AVCodecContext*)
-{
-    // Whole access units are sent, so FFmpeg needs no chunk mode: a picture missing its
-    // last slices is finished and concealed when its packet ends.
-}
-
 PacketFeeder::PacketFeeder(AVCodecContext* codec, DamagePolicy policy)
     : codec_(codec),
       policy_(policy),

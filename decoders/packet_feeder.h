@@ -42,9 +42,6 @@ public:
     // What to do with pictures FFmpeg decoded with errors (concealed).
     enum class DamagePolicy { Show, WaitForKeyFrame };
 
-    // Options that must be set before the codec is opened.
-    static void configure(AVCodecContext* codec);
-
     explicit PacketFeeder(AVCodecContext* codec, DamagePolicy policy = DamagePolicy::Show);
     ~PacketFeeder();
     PacketFeeder(const PacketFeeder&) = delete;
