@@ -1,13 +1,11 @@
 #include "async/decode_scheduler.h"
 
-#include <QThreadPool>
-#include <QVarLengthArray>
+#include "async/stream_sequence.h"
 
+#include <QThreadPool>
 #include <algorithm>
 
 namespace orvo {
-
-std::atomic<bool> DecodeScheduler::othersWaiting_{false};
 
 QSharedPointer<DecodeScheduler> DecodeScheduler::instance()
 {
@@ -15,92 +13,84 @@ QSharedPointer<DecodeScheduler> DecodeScheduler::instance()
     return scheduler;
 }
 
-void DecodeScheduler::schedule(const WeakAsyncDecoder& decoder, const void* owner, const Image& image, quint64 serial)
+bool DecodeScheduler::request(const std::shared_ptr<StreamSequence>& sequence)
 {
-    auto entry = QSharedPointer<ScheduledImage>::create();
-    entry->decoder = decoder;
-    entry->owner = owner;
-    entry->image = WeakImage(image);
-    entry->imageId = image.id();
-    entry->serial = serial;
-    list_.append(entry);
-}
-
-void DecodeScheduler::forget(const void* owner)
-{
-    for (int i = list_.size() - 1; i >= 0; --i) {
-        if (list_.at(i)->owner == owner)
-            list_.removeAt(i);
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (held_ >= std::max(1, QThreadPool::globalInstance()->maxThreadCount())) {
+            waiting_.push_back(sequence);
+            othersWaiting_.store(true, std::memory_order_relaxed);
+            return false;
+        }
+        ++held_;
     }
+    start(sequence);
+    return true;
 }
 
-void DecodeScheduler::forget(const void* owner, quint64 serial)
+void DecodeScheduler::finish(const std::shared_ptr<StreamSequence>& again)
 {
-    for (int i = 0; i < list_.size(); ++i) {
-        if (list_.at(i)->owner == owner && list_.at(i)->serial == serial) {
-            list_.removeAt(i);
+    std::shared_ptr<StreamSequence> next;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (again)
+            waiting_.push_back(again);
+        if (!waiting_.empty()) {
+            next = std::move(waiting_.front());  // the permit passes on
+            waiting_.pop_front();
+        } else {
+            --held_;
+        }
+        othersWaiting_.store(!waiting_.empty(), std::memory_order_relaxed);
+    }
+    if (next)
+        start(std::move(next));
+}
+
+void DecodeScheduler::forget(const StreamSequence* sequence)
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    waiting_.erase(std::remove_if(waiting_.begin(), waiting_.end(),
+                                  [sequence](const auto& s) { return s.get() == sequence; }),
+                   waiting_.end());
+    othersWaiting_.store(!waiting_.empty(), std::memory_order_relaxed);
+}
+
+void DecodeScheduler::start(std::shared_ptr<StreamSequence> sequence)
+{
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        ready_.push_back(std::move(sequence));
+    }
+    // The sequence travels through ready_, under the standard mutex, rather than inside the
+    // pool's task: the pool's own queue is locked where race checkers cannot see.
+    QThreadPool::globalInstance()->start(&DecodeScheduler::runNext);
+}
+
+void DecodeScheduler::runNext()
+{
+    DecodeScheduler* const self = instance().data();
+    std::shared_ptr<StreamSequence> sequence;
+    {
+        const std::lock_guard<std::mutex> lock(self->mutex_);
+        if (self->ready_.empty())
             return;
-        }
+        sequence = std::move(self->ready_.front());
+        self->ready_.pop_front();
     }
+    sequence->run();
 }
 
-int DecodeScheduler::submit()
+int DecodeScheduler::inFlight() const
 {
-    // Starting a job never emits, so submit() is not re-entered; guard anyway, since a
-    // nested walk would invalidate the outer one.
-    if (submitting_)
-        return 0;
-    submitting_ = true;
-    QThreadPool* pool = QThreadPool::globalInstance();
-    int count = 0;
-    bool starving = false;
-    // Decoders found busy in this call: their further entries are passed over without
-    // looking them up again (a long backlog would make every call quadratic).
-    QVarLengthArray<const void*, 8> busy;
-    while (!list_.isEmpty()) {
-        // The oldest entry whose decoder is alive and idle; dead entries are dropped,
-        // busy decoders keep their place.
-        QSharedPointer<SignaledAsyncDecoderInterface> decoder;
-        Image image;
-        int i = 0;
-        while (i < list_.size()) {
-            const QSharedPointer<ScheduledImage>& entry = list_.at(i);
-            if (std::find(busy.begin(), busy.end(), entry->owner) != busy.end()) {
-                ++i;
-                continue;
-            }
-            decoder = entry->decoder.toStrongRef();
-            image = entry->image.toStrong();
-            if (!decoder || image.isNull()) {
-                list_.removeAt(i);
-                continue;
-            }
-            if (decoder->isBusy()) {
-                busy.append(entry->owner);
-                ++i;
-                continue;
-            }
-            break;
-        }
-        if (i >= list_.size())
-            break;
-        const int active = pool->activeThreadCount();
-        const int max = pool->maxThreadCount();
-        if (active >= max && inFlight_ > qMax(1, max / 2)) {
-            starving = true;  // an idle stream waits for the pool
-            count = 0;
-            break;
-        }
-        list_.removeAt(i);
-        auto* scheduled = qobject_cast<ScheduledAsyncDecoderInterface*>(decoder.data());
-        if (scheduled && scheduled->decodeScheduledImage(image) > 0) {
-            ++inFlight_;
-            ++count;
-        }
-    }
-    othersWaiting_.store(starving, std::memory_order_relaxed);
-    submitting_ = false;
-    return count;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return held_;
+}
+
+int DecodeScheduler::scheduledCount() const
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return int(waiting_.size());
 }
 
 }  // namespace orvo

@@ -1,55 +1,50 @@
 #pragma once
-// The process-wide scheduler that shares Qt's global thread pool between streams.
+// The process-wide scheduler that shares Qt's global thread pool fairly between streams.
 //
-// Every ConcurrentDecoderImpl queues a ScheduledImage here for each image it takes into
-// its backlog; submit() starts the oldest waiting image of any decoder that is alive and
-// not busy, while the pool has room. Owner thread only (all pooled decoders of a
-// process live on one thread), apart from othersWaiting(), which running jobs read.
-#include "orvo/async_decoder.h"
-#include "orvo/image.h"
-
-#include <QList>
+// A fair permit counter: a stream with work asks for a permit; while fewer runs hold one
+// than the pool has threads it gets one at once, otherwise it waits in line. A run that
+// sees others waiting hands its permit to the first in line after its current image and,
+// when it has more work, joins the end of the line: with more streams than threads every
+// stream decodes one image per turn; with room to spare a stream works through its queue
+// without leaving the pool. Any thread.
 #include <QSharedPointer>
 #include <atomic>
+#include <deque>
+#include <memory>
+#include <mutex>
 
 namespace orvo {
 
-struct ScheduledImage {
-    WeakAsyncDecoder decoder;      // never keeps the decoder alive
-    const void* owner = nullptr;   // identity of the decoder, for forgetting its entries
-    WeakImage image;               // the strong copy lives in the decoder's backlog
-    quint64 imageId = 0;
-    quint64 serial = 0;            // the image's place in its decoder's backlog
-};
+class StreamSequence;
 
 class DecodeScheduler {
 public:
     // The one scheduler of the process, created on first use.
     static QSharedPointer<DecodeScheduler> instance();
 
-    void schedule(const WeakAsyncDecoder& decoder, const void* owner, const Image& image, quint64 serial);
-    // Starts jobs while the pool has room; returns how many it started (0 when it stops
-    // on the pool limit).
-    int submit();
-    // Drops every entry queued by `owner` (its backlog was emptied or it is going away).
-    void forget(const void* owner);
-    // Drops the entry of `owner`'s image `serial` (its running job took that image itself).
-    void forget(const void* owner, quint64 serial);
-    // True while a stream that is not busy waits for a pool thread (submit() stopped on the
-    // pool limit): running jobs then return to the owner thread instead of going on with
-    // their own stream's next image. Any thread.
-    static bool othersWaiting() { return othersWaiting_.load(std::memory_order_relaxed); }
-    // A job counted by submit() has been dealt with.
-    void jobDone() { --inFlight_; }
+    // `sequence` wants to run: it starts on the pool now or when a permit frees. True when
+    // it got a permit at once.
+    bool request(const std::shared_ptr<StreamSequence>& sequence);
+    // A run gives its permit back; `again` (may be null) joins the end of the line first.
+    void finish(const std::shared_ptr<StreamSequence>& again);
+    // A closed sequence leaves the line.
+    void forget(const StreamSequence* sequence);
+    // True while a stream waits for a permit: a run then hands its permit over after its
+    // current image. Read without the lock by running sequences.
+    bool othersWaiting() const { return othersWaiting_.load(std::memory_order_relaxed); }
 
-    int inFlight() const { return inFlight_; }
-    int scheduledCount() const { return list_.size(); }
+    int inFlight() const;        // permits held (runs on the pool or about to start)
+    int scheduledCount() const;  // streams waiting for a permit
 
 private:
-    QList<QSharedPointer<ScheduledImage>> list_;
-    int inFlight_ = 0;
-    bool submitting_ = false;
-    static std::atomic<bool> othersWaiting_;
+    void start(std::shared_ptr<StreamSequence> sequence);  // without the lock
+    static void runNext();
+
+    mutable std::mutex mutex_;
+    std::deque<std::shared_ptr<StreamSequence>> waiting_;
+    std::deque<std::shared_ptr<StreamSequence>> ready_;  // granted, not yet picked up by a pool thread
+    int held_ = 0;
+    std::atomic<bool> othersWaiting_{false};
 };
 
 }  // namespace orvo

@@ -4,7 +4,6 @@
 #include "orvo/log.h"
 
 #include <QThread>
-#include <QtConcurrent/QtConcurrentRun>
 #include <cstdio>
 
 namespace orvo {
@@ -30,78 +29,22 @@ ImageDecoder::~ImageDecoder() = default;
 
 ImageOutcome ImageDecoder::takeOutcome()
 {
-    // The job's last write publishes what it made: read it first.
-    const quint32 code = errorCode_.load(std::memory_order_acquire);
     ImageOutcome outcome;
     std::swap(outcome, outcome_);
     if (!result_.isNull())
         outcome.frames.prepend(result_);
     result_ = VideoFrame();
-    outcome.errorCode = code;
+    outcome.errorCode = errorCode_;
     return outcome;
-}
-
-QFuture<VideoFrame> ImageDecoder::startJob(const Image& image, QSharedPointer<AbstractDecoder> keep, int scale,
-                                           JobRelay* relay, quint64 serial, quint64 epoch)
-{
-    // Built before the release below, so the job's writes into it (its result) are ordered.
-    auto* task = new QtConcurrent::StoredMemberFunctionPointerCall0<VideoFrame, ImageDecoder>(&ImageDecoder::runJob,
-                                                                                               this);
-    jobImage_ = image;
-    jobKeep_ = std::move(keep);
-    jobScale_ = scale;
-    jobRelay_ = relay;
-    jobEpoch_ = epoch;
-    jobSerial_ = serial;
-    handoff_.fetch_add(1, std::memory_order_release);
-    return task->start();
-}
-
-QFuture<VideoFrame> ImageDecoder::startDrainJob(QSharedPointer<AbstractDecoder> keep)
-{
-    auto* task = new QtConcurrent::StoredMemberFunctionPointerCall0<VideoFrame, ImageDecoder>(
-        &ImageDecoder::runDrainJob, this);
-    jobKeep_ = std::move(keep);
-    handoff_.fetch_add(1, std::memory_order_release);
-    return task->start();
-}
-
-VideoFrame ImageDecoder::runDrainJob()
-{
-    (void)handoff_.load(std::memory_order_acquire);
-    return drainAll(std::move(jobKeep_));
-}
-
-VideoFrame ImageDecoder::runJob()
-{
-    (void)handoff_.load(std::memory_order_acquire);
-    Image image = std::move(jobImage_);
-    jobImage_ = Image();
-    const QSharedPointer<AbstractDecoder> keep = std::move(jobKeep_);
-    jobKeep_.reset();
-    for (;;) {
-        jobImageId_ = image.id();
-        VideoFrame frame = decode(image, keep, nullptr, jobScale_);
-        // The next image is taken before this one's result is relayed, so that the owner
-        // sees it running as soon as it handles the result.
-        Image next;
-        quint64 nextSerial = 0;
-        if (!jobRelay_ || !jobRelay_->takeNext(jobEpoch_, next, nextSerial, jobScale_))
-            return frame;
-        jobRelay_->relay(jobEpoch_, jobSerial_, image.id(), takeOutcome());
-        image = std::move(next);
-        jobSerial_ = nextSerial;
-    }
 }
 
 VideoFrame ImageDecoder::decode(const Image& image, QSharedPointer<AbstractDecoder> keep, bool* ok, int scale)
 {
-    (void)handoff_.load(std::memory_order_acquire);
     if (jobLog.isTraceEnabled())
         olog(jobLog, LOG_TRACE, "orvo::ImageDecoder::decode", "Start decode image. Thread id: %llo.", threadIdNumber());
     workerThread_ = QThread::currentThread();
     // A job that dies half-way reports failure.
-    errorCode_.store(1, std::memory_order_relaxed);
+    errorCode_ = 1;
 
     VideoFrame frame;
     bool r = false;
@@ -138,8 +81,7 @@ VideoFrame ImageDecoder::decode(const Image& image, QSharedPointer<AbstractDecod
     }
     result_ = frame;
     keep.reset();
-    // Last write of the job: publishes the result, the thread and the decoder state.
-    errorCode_.store(code, std::memory_order_release);
+    errorCode_ = code;
     return frame;
 }
 
@@ -187,7 +129,6 @@ bool ImageDecoder::decodeInto(const Image& image, VideoFrame& frame, int scale)
 
 VideoFrame ImageDecoder::drainAll(QSharedPointer<AbstractDecoder> keep)
 {
-    (void)handoff_.load(std::memory_order_acquire);
     workerThread_ = QThread::currentThread();
     quint32 code = 0;
     outcome_ = ImageOutcome();
@@ -203,7 +144,7 @@ VideoFrame ImageDecoder::drainAll(QSharedPointer<AbstractDecoder> keep)
     }
     result_ = VideoFrame();
     keep.reset();
-    errorCode_.store(code, std::memory_order_release);
+    errorCode_ = code;
     return VideoFrame();
 }
 

@@ -67,9 +67,4 @@ void OrderedConcurrentDecoderImpl::emitFrame(const VideoFrame& frame)
     emit frameDecoded(frame);
 }
 
-void OrderedConcurrentDecoderImpl::slotFinished()
-{
-    finishJob();
-}
-
 }  // namespace orvo

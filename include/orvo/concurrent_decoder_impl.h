@@ -6,30 +6,25 @@
 // the object's input queue (the backlog). Frames and errors are emitted on the thread
 // that owns the object.
 //
-// Threads: every ConcurrentDecoderImpl of a process, and everything reached through it
-// (queues, the scheduler), belongs to one thread; pool threads only run decode jobs,
-// each on its own stream's Decoder. While no other stream waits for a pool thread, a
-// stream's job goes on with the stream's next queued image instead of returning to the
-// owner thread between two images (each picture is still emitted on the owner thread as
-// soon as it is ready, in order). Destroying the object waits for a running job, so no
-// job outlives its decoder and no result reaches a destroyed object.
+// Threads: a ConcurrentDecoderImpl belongs to one thread, its owner thread, which must
+// run an event loop; pool threads only decode, each stream's images in order on its own
+// Decoder. While no other stream waits for a pool thread, a stream goes on with its next
+// queued image without returning to the owner thread (each picture is still emitted on
+// the owner thread as soon as it is ready, in order). Destroying the object waits for
+// the image being decoded, so no result reaches a destroyed object.
 #include "orvo/async_decoder_interfaces.h"
 
 #include <QFuture>
-#include <QFutureWatcher>
 #include <QList>
 #include <QSharedPointer>
-#include <QVarLengthArray>
 #include <QWeakPointer>
-#include <atomic>
+#include <deque>
 #include <memory>
 
 namespace orvo {
 
-class DecodingSlot;
-class DecodeScheduler;
 struct ImageOutcome;
-class StreamBacklog;
+class StreamSequence;
 
 class ORVO_EXPORT ConcurrentDecoderImpl : public ScheduledAsyncDecoderInterface {
     Q_OBJECT
@@ -50,7 +45,6 @@ public:
     int decode(const Image& image) override;
     // `maxQueue` bounds the backlog as above.
     int decode(const Image& image, bool clearOnIFrame, int maxQueue, bool synchronous);
-    int decodeScheduledImage(Image& image) override;
 
     // End of stream: queues a job that emits every picture the decoder still holds (each
     // with the identity of its image), after the images queued before it; the decoder
@@ -61,12 +55,17 @@ public:
     virtual void frameFinished(const VideoFrame& frame);
     virtual void decodingError(const DecoderError& error);
 
+    // 1 while the stream's images are being decoded on the pool, else 0 (the stream asks
+    // the scheduler for a pool thread itself; `image` is not used).
+    int decodeScheduledImage(Image& image) override;
+
     bool isBusy() override { return lastDecodingPending(); }
     bool busyForPFrame() { return lastDecodingPending(); }
     bool busyForIFrame();
-    // True while the last job runs (also a cancelled one, whose decoder is still in use)
+    // True while an image is decoded (also a cancelled one, whose decoder is still in use)
     // or its result waits to be emitted.
     bool lastDecodingPending() const;
+    // Finishes with the image being decoded; a finished future when none is.
     QFuture<VideoFrame> lastDecodingImage() const;
     quint64 lastDecodingImageId() const;
     quint64 lastDecodingImageTime() const;
@@ -79,22 +78,24 @@ public:
     bool isBacklogEmpty() const { return backlogSize() == 0; }
     int backlogSize() const;
 
-    int pendingDecodings() const;          // running jobs whose result will be emitted
-    int pendingCanceledDecodings() const;  // running jobs whose result will be dropped
+    int pendingDecodings() const;          // images being decoded whose result will be emitted (0 or 1)
+    int pendingCanceledDecodings() const;  // images being decoded whose result will be dropped
 
-    // Results of running jobs will not be emitted; running jobs are not interrupted.
+    // Results of images being decoded will not be emitted (they are counted as dropped);
+    // decoding is not interrupted. Queued images stay queued.
     void cancelAllPendingDecodings();
     void clearBacklog();
     void reset() override { clearBacklog(); }
     void clear();
     void clearBlocking();
     void commitSafeSuicide();
+    // Each blocks until the image being decoded now is done (there is at most one).
     void waitForAllFinished();
     void waitForAnyFinished();
     void waitForLastFinished();
 
-    void setScaleLevel(int level) { scaleLevel_.store(level, std::memory_order_relaxed); }
-    int scaleLevel() const { return scaleLevel_.load(std::memory_order_relaxed); }
+    void setScaleLevel(int level);
+    int scaleLevel() const { return scaleLevel_; }
     void setWeakPointerToThis(const QWeakPointer<ConcurrentDecoderImpl>& self) { weakSelf_ = self; }
 
     int inputQueueMaxSize() const { return inputQueueMaxSize_; }
@@ -114,54 +115,46 @@ public:
     quint64 decodedFrames() const { return decodedFrames_; }
 
 protected:
-    // `serial`: the image's place in the backlog (0 for an image that never was in it).
-    int decode_async(const Image& image, quint64 serial = 0);
-    int drain_async();
-    // One image's job is done: `frames` are the pictures that came out (each carrying the
+    // One image is answered: `frames` are the pictures that came out (each carrying the
     // identity of its own image, maybe an earlier one), in output order; none when none
     // did. The base hands each to frameFinished(); the ordered decoder keys its order on
     // `imageId`.
     virtual void imageDone(quint64 imageId, const QList<VideoFrame>& frames);
-    // A drain job is done: the held pictures in output order.
+    // A drain is done: the held pictures in output order.
     virtual void drainDone(const QList<VideoFrame>& frames);
-    // The work of slotFinished(), shared with overrides.
-    void finishJob();
-
-protected slots:
-    virtual void slotFinished();
-    int trySubmit(int envoked_from = 0);
 
 private:
-    // The stream's slot prepared for a new job, or null while its job still runs.
-    DecodingSlot* idleSlot(quint64 imageId, qint64 imageTime, bool drainJob);
-    int emitFinishedImages();
-    void forgetScheduledImages();
-    bool queueImage(const Image& image);
-    // Results of images after which a job went on with the next one: emitted as finished
-    // jobs' results are.
-    Q_INVOKABLE void takeRelayed();
-    // The backlog moves on past a handled result (the image the job went on with is the
-    // running one now).
-    void advanceBacklog(DecodingSlot* slot, quint64 doneSerial);
-    void forgetScheduled(const QVarLengthArray<quint64, 4>& serials);
+    // Accepted work the owner has not seen answered yet, oldest first.
+    struct Accepted {
+        quint64 serial;
+        Image image;  // a drain request carries none
+        bool drain;
+    };
+    bool queueWork(const Image& image, bool drain);
+    // The sequence's results: each answers the oldest accepted work, unless that work was
+    // cleared or cancelled since. The one wake-up per batch of results.
+    Q_INVOKABLE void takeResults();
     void emitResult(quint64 imageId, const ImageOutcome& outcome);
-    class Relay;
-    friend class Relay;
-    // Drain requests wait in the backlog as images with an empty payload, which decode()
-    // never queues.
-    static bool isDrainRequest(const Image& image) { return image.payloadSize() == 0; }
-    DecodingSlot* lastSlot() const { return slots_.isEmpty() ? nullptr : slots_.last(); }
+    // Synchronous mode: the sequence's work is done and answered, its decoder is free.
+    void settleForSynchronous();
+    // Accepted work behind the one being decoded.
+    int backlogCount() const;
+    const Accepted* backlogFront() const;
+    void markRunning(quint64 serial);
 
-    QList<DecodingSlot*> slots_;
-    QFutureWatcher<VideoFrame> watcher_;
-    std::unique_ptr<StreamBacklog> backlog_;
-    std::unique_ptr<Relay> relay_;
+    std::shared_ptr<StreamSequence> sequence_;
+    std::deque<Accepted> accepted_;
+    quint64 nextSerial_ = 1;
+    quint64 startedAtOnce_ = 0;  // the last work a run was started for when it was queued
+    quint64 runningSerial_ = 0;  // the accepted work being decoded as the owner knows it; 0: none
+    quint64 epoch_ = 1;          // bumped by a cancel: results of older work are dropped
+    quint64 lastImageId_ = 0;
+    qint64 lastImageTime_ = 0;
     QWeakPointer<ConcurrentDecoderImpl> weakSelf_;
-    QSharedPointer<DecodeScheduler> scheduler_;
     int inputQueueMaxSize_ = 2147483647;
     bool singleThreaded_;
     bool clearInputQueueOnIFrames_ = false;
-    std::atomic<int> scaleLevel_{0};
+    int scaleLevel_ = 0;
     bool iframesOnly_ = false;
     // A non-I-frame was refused (also in I-frame-only mode): later ones are refused until
     // the next I-frame, which is also how switching that mode off resumes cleanly.
@@ -189,7 +182,6 @@ public:
     int waitingFrameCount() const { return waitingFrames_.size(); }
 
 protected:
-    void slotFinished() override;
     // Pooled results take their place by the id of the image whose job made them, so that
     // held-back pictures (which carry an earlier image's id) keep the decoder's output
     // order, and images without a picture (parameter sets, failures) leave no gap.

@@ -1,6 +1,7 @@
 #pragma once
 // Helpers of the asynchronous-decoding tests: bounded event-loop waits, signal
 // recorders and small real test streams.
+#include "async/decode_scheduler.h"
 #include "common/test_streams.h"
 #include "orvo/async_decoder_interfaces.h"
 #include "orvo/decoder.h"
@@ -30,6 +31,14 @@ inline bool waitUntil(const std::function<bool()>& done, int timeoutMs = 30000)
     while (!done() && timer.elapsed() <= timeoutMs)
         spin(2);
     return done();
+}
+
+// True once no stream holds or waits for a pool thread (a run gives its permit back just
+// after its last result is handed over).
+inline bool poolGoesIdle()
+{
+    const auto scheduler = DecodeScheduler::instance();
+    return waitUntil([&] { return scheduler->inFlight() == 0 && scheduler->scheduledCount() == 0; }, 5000);
 }
 
 // Records what one decoder object emits.

@@ -1,0 +1,180 @@
+#include "async/stream_sequence.h"
+
+#include "async/decode_scheduler.h"
+
+namespace orvo {
+
+StreamSequence::StreamSequence(QObject* owner) : owner_(owner), decoder_(std::make_unique<ImageDecoder>()) {}
+
+StreamSequence::~StreamSequence() = default;
+
+bool StreamSequence::append(SequenceWork work)
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (closed_)
+        return false;
+    inbox_.push_back(std::move(work));
+    if (state_ != State::Idle)
+        return false;  // a run is on its way or going: it takes the work in turn
+    state_ = State::Requested;
+    lock.unlock();
+    return DecodeScheduler::instance()->request(shared_from_this());
+}
+
+void StreamSequence::setEpoch(quint64 epoch)
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    epoch_ = epoch;
+}
+
+void StreamSequence::setScaleLevel(int level)
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    scale_ = level;
+}
+
+int StreamSequence::dropQueued(quint64 keep)
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    int images = 0;
+    for (auto it = inbox_.begin(); it != inbox_.end();) {
+        if (it->serial > keep) {
+            images += it->drain ? 0 : 1;
+            it = inbox_.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    return images;
+}
+
+bool StreamSequence::take(SequenceResult& result)
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (outbox_.empty())
+        return false;
+    result = std::move(outbox_.front());
+    outbox_.pop_front();
+    return true;
+}
+
+void StreamSequence::close()
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    closed_ = true;
+    inbox_.clear();
+    outbox_.clear();
+    lock.unlock();
+    DecodeScheduler::instance()->forget(this);
+    lock.lock();
+    changed_.wait(lock, [this] { return !decoding_; });
+}
+
+void StreamSequence::waitCurrent()
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    const quint64 taken = takenCount_;
+    changed_.wait(lock, [&] { return !decoding_ || takenCount_ != taken; });
+}
+
+void StreamSequence::waitIdle()
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait(lock, [this] { return closed_ || (inbox_.empty() && !decoding_); });
+}
+
+bool StreamSequence::isDecoding() const
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return decoding_;
+}
+
+bool StreamSequence::isDecodingStale(quint64 epoch) const
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return decoding_ && decodingEpoch_ != epoch;
+}
+
+QFuture<VideoFrame> StreamSequence::currentFuture()
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (!decoding_) {
+        QFutureInterface<VideoFrame> done;
+        done.reportStarted();
+        done.reportFinished();
+        return done.future();
+    }
+    // Made only when asked for: the common path pays nothing for it.
+    if (!futureMade_) {
+        future_ = QFutureInterface<VideoFrame>();
+        future_.reportStarted();
+        futureMade_ = true;
+    }
+    return future_.future();
+}
+
+void StreamSequence::post(SequenceResult result)
+{
+    if (closed_)
+        return;
+    const bool wasEmpty = outbox_.empty();
+    outbox_.push_back(std::move(result));
+    // One wake-up per batch: the owner takes results until the outbox is empty. By name, so
+    // that the event is made and freed inside Qt with nothing of ours in it; Qt drops it if
+    // the owner is gone (close() comes first, so the owner is alive while this runs).
+    if (wasEmpty)
+        QMetaObject::invokeMethod(owner_, "takeResults", Qt::QueuedConnection);
+}
+
+void StreamSequence::run()
+{
+    DecodeScheduler* const scheduler = DecodeScheduler::instance().data();
+    std::unique_lock<std::mutex> lock(mutex_);
+    state_ = State::Running;
+    for (;;) {
+        if (closed_ || inbox_.empty())
+            break;
+        SequenceWork work = std::move(inbox_.front());
+        inbox_.pop_front();
+        decoding_ = true;
+        decodingEpoch_ = epoch_;
+        ++takenCount_;
+        const int scale = scale_;
+        lock.unlock();
+
+        // The decoder is this run's alone until the lock is taken again.
+        SequenceResult result;
+        if (work.drain) {
+            decoder_->drainAll(decoder_->formatDecoder());
+        } else {
+            decoder_->decode(work.image, decoder_->formatDecoder(), nullptr, scale);
+        }
+        result.outcome = decoder_->takeOutcome();
+
+        lock.lock();
+        decoding_ = false;
+        result.serial = work.serial;
+        result.epoch = decodingEpoch_;
+        result.drain = work.drain;
+        if (futureMade_) {
+            future_.reportResult(result.outcome.frames.isEmpty() ? VideoFrame() : result.outcome.frames.first());
+            future_.reportFinished();
+            futureMade_ = false;
+        }
+        // Go on with the next work unless another stream waits for a pool thread. Decided
+        // and taken under one lock, so the owner learns with this result what runs now.
+        const bool goOn = !closed_ && !inbox_.empty() && !scheduler->othersWaiting();
+        result.nextSerial = goOn ? inbox_.front().serial : 0;
+        post(std::move(result));
+        changed_.notify_all();
+        if (!goOn)
+            break;
+    }
+    const bool again = !closed_ && !inbox_.empty();
+    state_ = again ? State::Requested : State::Idle;
+    changed_.notify_all();
+    lock.unlock();
+    scheduler->finish(again ? shared_from_this() : nullptr);
+}
+
+}  // namespace orvo
