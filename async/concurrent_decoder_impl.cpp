@@ -15,7 +15,7 @@ LogCategory decoderLog("orvo.async.decoder");
 
 ConcurrentDecoderImpl::ConcurrentDecoderImpl(QObject* parent)
     : ScheduledAsyncDecoderInterface(parent),
-      sequence_(std::make_shared<StreamSequence>(this)),
+      sequence_(std::make_shared<StreamSequence>(this, [this] { takeResults(); })),
       singleThreaded_(DecoderPreferences::instance()->isSingleThreadedDecoding())
 {
 }

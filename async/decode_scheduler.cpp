@@ -2,10 +2,24 @@
 
 #include "async/stream_sequence.h"
 
+#include <QRunnable>
 #include <QThreadPool>
 #include <algorithm>
 
 namespace orvo {
+
+namespace {
+// What the pool runs: one object, started once per grant, that carries nothing. The
+// sequence to run travels through the scheduler's ready line, under its standard mutex:
+// the pool's own queue is locked where race checkers cannot see, so nothing written by the
+// thread that starts a run may be read through it.
+class PoolEntry final : public QRunnable {
+public:
+    PoolEntry() { setAutoDelete(false); }
+    void run() override { runNext(); }
+    static void runNext();
+};
+}  // namespace
 
 QSharedPointer<DecodeScheduler> DecodeScheduler::instance()
 {
@@ -62,21 +76,24 @@ void DecodeScheduler::start(std::shared_ptr<StreamSequence> sequence)
         const std::lock_guard<std::mutex> lock(mutex_);
         ready_.push_back(std::move(sequence));
     }
-    // The sequence travels through ready_, under the standard mutex, rather than inside the
-    // pool's task: the pool's own queue is locked where race checkers cannot see.
-    QThreadPool::globalInstance()->start(&DecodeScheduler::runNext);
+    static PoolEntry entry;
+    QThreadPool::globalInstance()->start(&entry);
 }
 
-void DecodeScheduler::runNext()
+void PoolEntry::runNext()
 {
-    DecodeScheduler* const self = instance().data();
+    DecodeScheduler::instance()->runReady();
+}
+
+void DecodeScheduler::runReady()
+{
     std::shared_ptr<StreamSequence> sequence;
     {
-        const std::lock_guard<std::mutex> lock(self->mutex_);
-        if (self->ready_.empty())
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (ready_.empty())
             return;
-        sequence = std::move(self->ready_.front());
-        self->ready_.pop_front();
+        sequence = std::move(ready_.front());
+        ready_.pop_front();
     }
     sequence->run();
 }

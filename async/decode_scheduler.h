@@ -36,9 +36,11 @@ public:
     int inFlight() const;        // permits held (runs on the pool or about to start)
     int scheduledCount() const;  // streams waiting for a permit
 
+    // Pool thread: runs the oldest granted sequence.
+    void runReady();
+
 private:
     void start(std::shared_ptr<StreamSequence> sequence);  // without the lock
-    static void runNext();
 
     mutable std::mutex mutex_;
     std::deque<std::shared_ptr<StreamSequence>> waiting_;

@@ -2,11 +2,35 @@
 
 #include "async/decode_scheduler.h"
 
+#include <sys/eventfd.h>
+#include <unistd.h>
+
 namespace orvo {
 
-StreamSequence::StreamSequence(QObject* owner) : owner_(owner), decoder_(std::make_unique<ImageDecoder>()) {}
+StreamSequence::StreamSequence(QObject* owner, std::function<void()> wake)
+    : wakeFd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
+      owner_(owner),
+      wake_(std::move(wake)),
+      decoder_(std::make_unique<ImageDecoder>())
+{
+    if (wakeFd_ < 0)
+        return;
+    notifier_ = new QSocketNotifier(wakeFd_, QSocketNotifier::Read, owner);
+    QObject::connect(notifier_, &QSocketNotifier::activated, owner, [this] {
+        quint64 count = 0;
+        if (::read(wakeFd_, &count, sizeof count) < 0) {
+            // Nothing to reset: the counter was already read.
+        }
+        wake_();
+    });
+}
 
-StreamSequence::~StreamSequence() = default;
+StreamSequence::~StreamSequence()
+{
+    // The notifier went with its owner (close() came first); only the counter is left.
+    if (wakeFd_ >= 0)
+        ::close(wakeFd_);
+}
 
 bool StreamSequence::append(SequenceWork work)
 {
@@ -65,6 +89,8 @@ void StreamSequence::close()
     inbox_.clear();
     outbox_.clear();
     lock.unlock();
+    delete notifier_;  // owner thread, before the owner goes
+    notifier_ = nullptr;
     DecodeScheduler::instance()->forget(this);
     lock.lock();
     changed_.wait(lock, [this] { return !decoding_; });
@@ -119,11 +145,15 @@ void StreamSequence::post(SequenceResult result)
         return;
     const bool wasEmpty = outbox_.empty();
     outbox_.push_back(std::move(result));
-    // One wake-up per batch: the owner takes results until the outbox is empty. By name, so
-    // that the event is made and freed inside Qt with nothing of ours in it; Qt drops it if
-    // the owner is gone (close() comes first, so the owner is alive while this runs).
-    if (wasEmpty)
-        QMetaObject::invokeMethod(owner_, "takeResults", Qt::QueuedConnection);
+    // One wake-up per batch: the owner takes results until the outbox is empty.
+    if (wasEmpty && wakeFd_ < 0) {
+        QMetaObject::invokeMethod(owner_, wake_, Qt::QueuedConnection);
+    } else if (wasEmpty) {
+        const quint64 one = 1;
+        if (::write(wakeFd_, &one, sizeof one) < 0) {
+            // The counter is already far above zero: the owner wakes anyway.
+        }
+    }
 }
 
 void StreamSequence::run()

@@ -5,7 +5,7 @@
 // run of the sequence is on the pool at a time, and it works through the queue while the
 // scheduler lets it (when another stream waits for a pool thread, the run hands its permit
 // over after the current image). Results go to one outbox; the owner thread empties it on
-// one queued wake-up ("takeResults" on the owner object). Cancelling bumps an epoch: a
+// one wake-up. Cancelling bumps an epoch: a
 // result carries the epoch its work was taken in, and the owner drops stale ones.
 //
 // Threads: append, cancel, dropQueued, close and the waits are called on the owner thread;
@@ -19,8 +19,10 @@
 #include <QFuture>
 #include <QFutureInterface>
 #include <QObject>
+#include <QSocketNotifier>
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 
@@ -42,9 +44,9 @@ struct SequenceResult {
 
 class StreamSequence : public std::enable_shared_from_this<StreamSequence> {
 public:
-    // `owner` receives the queued call "takeResults" whenever the outbox fills; it must
-    // call close() before it goes away.
-    explicit StreamSequence(QObject* owner);
+    // `wake` is called on the owner thread, through its event loop, whenever results wait
+    // in the outbox; the owner must call close() before it goes away.
+    StreamSequence(QObject* owner, std::function<void()> wake);
     ~StreamSequence();
 
     // Owner thread. Queues work and asks the scheduler for a run when none is on its way;
@@ -86,7 +88,13 @@ private:
     bool requestRunLocked();  // true when the caller must ask the scheduler for a run
     void post(SequenceResult result);  // under mutex_
 
+    // The owner thread's wake-up: an event counter its event loop watches. Pool threads
+    // only write to it, so no Qt object is touched off the owner thread.
+    int wakeFd_ = -1;
+    QSocketNotifier* notifier_ = nullptr;  // owner thread; a child of the owner
+    // Without a counter (the process is out of descriptors) wake-ups are posted events.
     QObject* const owner_;
+    const std::function<void()> wake_;
     std::unique_ptr<ImageDecoder> decoder_;
     mutable std::mutex mutex_;
     std::condition_variable changed_;

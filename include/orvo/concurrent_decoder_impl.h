@@ -133,7 +133,7 @@ private:
     bool queueWork(const Image& image, bool drain);
     // The sequence's results: each answers the oldest accepted work, unless that work was
     // cleared or cancelled since. The one wake-up per batch of results.
-    Q_INVOKABLE void takeResults();
+    void takeResults();
     void emitResult(quint64 imageId, const ImageOutcome& outcome);
     // Synchronous mode: the sequence's work is done and answered, its decoder is free.
     void settleForSynchronous();
