@@ -27,95 +27,32 @@ ConcurrentDecoderImpl* ConcurrentDecoder::getImplementation() const
     return static_cast<ConcurrentDecoderImpl*>(getInterface());
 }
 
-int ConcurrentDecoder::inputQueueMaxSize()
-{
-    ConcurrentDecoderImpl* const impl = getImplementation();
-    return impl ? impl->inputQueueMaxSize() : 0;
-}
+// Forwarders: a null handle reads as defaults and ignores settings.
+#define ORVO_GET(expr, fallback) \
+    ConcurrentDecoderImpl* const impl = getImplementation(); \
+    return impl ? impl->expr : fallback
+#define ORVO_SET(expr) \
+    if (ConcurrentDecoderImpl* const impl = getImplementation()) \
+    impl->expr
 
-void ConcurrentDecoder::setInputQueueMaxSize(int size)
-{
-    if (ConcurrentDecoderImpl* const impl = getImplementation())
-        impl->setInputQueueMaxSize(size);
-}
+int ConcurrentDecoder::inputQueueMaxSize() { ORVO_GET(inputQueueMaxSize(), 0); }
+void ConcurrentDecoder::setInputQueueMaxSize(int size) { ORVO_SET(setInputQueueMaxSize(size)); }
+void ConcurrentDecoder::clearInputQueueOnIFrames() { ORVO_SET(setClearInputQueueOnIFrames(true)); }
+void ConcurrentDecoder::keepInputQueueOnIFrames() { ORVO_SET(setClearInputQueueOnIFrames(false)); }
+bool ConcurrentDecoder::isInputQueueClearedOnIFrames() { ORVO_GET(isInputQueueClearedOnIFrames(), false); }
+void ConcurrentDecoder::useSingleThreadedMode() { ORVO_SET(setSingleThreadedMode(true)); }
+void ConcurrentDecoder::useMultiThreadedMode() { ORVO_SET(setSingleThreadedMode(false)); }
+bool ConcurrentDecoder::isSingleThreadedMode() { ORVO_GET(isSingleThreadedMode(), false); }
+void ConcurrentDecoder::setWaveletScaleLevel(int level) { ORVO_SET(setScaleLevel(level)); }
+int ConcurrentDecoder::waveletScaleLevel() { ORVO_GET(scaleLevel(), 0); }
+void ConcurrentDecoder::setDecodeIFramesOnly(bool on) { ORVO_SET(setDecodeIFramesOnly(on)); }
+bool ConcurrentDecoder::isDecodeIFramesOnly() { ORVO_GET(isDecodeIFramesOnly(), false); }
+quint64 ConcurrentDecoder::droppedImages() { ORVO_GET(droppedImages(), 0); }
+quint64 ConcurrentDecoder::decodedFrames() { ORVO_GET(decodedFrames(), 0); }
+int ConcurrentDecoder::drain() { ORVO_GET(drain(), 0); }
 
-void ConcurrentDecoder::clearInputQueueOnIFrames()
-{
-    if (ConcurrentDecoderImpl* const impl = getImplementation())
-        impl->setClearInputQueueOnIFrames(true);
-}
-
-void ConcurrentDecoder::keepInputQueueOnIFrames()
-{
-    if (ConcurrentDecoderImpl* const impl = getImplementation())
-        impl->setClearInputQueueOnIFrames(false);
-}
-
-bool ConcurrentDecoder::isInputQueueClearedOnIFrames()
-{
-    ConcurrentDecoderImpl* const impl = getImplementation();
-    return impl && impl->isInputQueueClearedOnIFrames();
-}
-
-void ConcurrentDecoder::useSingleThreadedMode()
-{
-    if (ConcurrentDecoderImpl* const impl = getImplementation())
-        impl->setSingleThreadedMode(true);
-}
-
-void ConcurrentDecoder::useMultiThreadedMode()
-{
-    if (ConcurrentDecoderImpl* const impl = getImplementation())
-        impl->setSingleThreadedMode(false);
-}
-
-bool ConcurrentDecoder::isSingleThreadedMode()
-{
-    ConcurrentDecoderImpl* const impl = getImplementation();
-    return impl && impl->isSingleThreadedMode();
-}
-
-void ConcurrentDecoder::setWaveletScaleLevel(int level)
-{
-    if (ConcurrentDecoderImpl* const impl = getImplementation())
-        impl->setScaleLevel(level);
-}
-
-int ConcurrentDecoder::waveletScaleLevel()
-{
-    ConcurrentDecoderImpl* const impl = getImplementation();
-    return impl ? impl->scaleLevel() : 0;
-}
-
-void ConcurrentDecoder::setDecodeIFramesOnly(bool on)
-{
-    if (ConcurrentDecoderImpl* const impl = getImplementation())
-        impl->setDecodeIFramesOnly(on);
-}
-
-bool ConcurrentDecoder::isDecodeIFramesOnly()
-{
-    ConcurrentDecoderImpl* const impl = getImplementation();
-    return impl && impl->isDecodeIFramesOnly();
-}
-
-quint64 ConcurrentDecoder::droppedImages()
-{
-    ConcurrentDecoderImpl* const impl = getImplementation();
-    return impl ? impl->droppedImages() : 0;
-}
-
-int ConcurrentDecoder::drain()
-{
-    ConcurrentDecoderImpl* const impl = getImplementation();
-    return impl ? impl->drain() : 0;
-}
-
-quint64 ConcurrentDecoder::decodedFrames()
-{
-    ConcurrentDecoderImpl* const impl = getImplementation();
-    return impl ? impl->decodedFrames() : 0;
-}
+#undef ORVO_GET
+#undef ORVO_SET
 
 OrderedConcurrentDecoder::OrderedConcurrentDecoder(QObject* parent)
     : ConcurrentDecoder(new OrderedConcurrentDecoderImpl(nullptr), parent)

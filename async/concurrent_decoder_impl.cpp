@@ -100,23 +100,7 @@ int ConcurrentDecoderImpl::drain()
         return queueWork(Image(), true) ? 1 : 0;
     const QSharedPointer<ConcurrentDecoderImpl> guard = weakSelf_.toStrongRef();
     settleForSynchronous();
-    ImageDecoder& decoder = sequence_->decoder();
-    QList<VideoFrame> frames;
-    QList<DecoderError> ended;
-    try {
-        VideoFrame frame;
-        while (decoder.drain(frame)) {
-            frames.append(frame);
-            frame = VideoFrame();
-        }
-        ended = takeEndedAsErrors(decoder);
-    } catch (...) {
-        // No exception leaves the library: what was drained is delivered.
-    }
-    decodedFrames_ += quint64(frames.size());
-    drainDone(frames);
-    for (const DecoderError& e : qAsConst(ended))
-        decodingError(e);
+    emitDrained(sequence_->decoder().drainAll());
     return 3;
 }
 
@@ -184,18 +168,22 @@ void ConcurrentDecoderImpl::takeResults()
             droppedImages_ += done.drain ? 0 : 1;  // cancelled while it was decoded
             continue;
         }
-        if (!done.drain) {
+        if (done.drain)
+            emitDrained(r.outcome);
+        else
             emitResult(done.image.id(), r.outcome);
-            continue;
-        }
-        // A drain that failed half-way still delivers what it got.
-        if (r.outcome.errorCode)
-            decodingError(DecoderError(r.outcome.errorCode));
-        decodedFrames_ += quint64(r.outcome.frames.size());
-        drainDone(r.outcome.frames);
-        for (const DecoderError& ended : qAsConst(r.outcome.ended))
-            decodingError(ended);
     }
+}
+
+void ConcurrentDecoderImpl::emitDrained(const ImageOutcome& outcome)
+{
+    // A drain that failed half-way still delivers what it got.
+    if (outcome.errorCode)
+        decodingError(DecoderError(outcome.errorCode));
+    decodedFrames_ += quint64(outcome.frames.size());
+    drainDone(outcome.frames);
+    for (const DecoderError& ended : outcome.ended)
+        decodingError(ended);
 }
 
 void ConcurrentDecoderImpl::emitResult(quint64 imageId, const ImageOutcome& outcome)

@@ -127,25 +127,21 @@ bool ImageDecoder::decodeInto(const Image& image, VideoFrame& frame, int scale)
     return r;
 }
 
-VideoFrame ImageDecoder::drainAll(QSharedPointer<AbstractDecoder> keep)
+ImageOutcome ImageDecoder::drainAll()
 {
     workerThread_ = QThread::currentThread();
-    quint32 code = 0;
-    outcome_ = ImageOutcome();
+    ImageOutcome outcome;
     try {
         VideoFrame frame;
         while (drain(frame)) {
-            outcome_.frames.append(frame);
+            outcome.frames.append(frame);
             frame = VideoFrame();
         }
-        outcome_.ended = takeEndedAsErrors(*this);
+        outcome.ended = takeEndedAsErrors(*this);
     } catch (...) {
-        code = currentExceptionErrorCode();
+        outcome.errorCode = currentExceptionErrorCode();  // what was drained is delivered
     }
-    result_ = VideoFrame();
-    keep.reset();
-    errorCode_ = code;
-    return VideoFrame();
+    return outcome;
 }
 
 }  // namespace orvo

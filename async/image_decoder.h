@@ -52,9 +52,9 @@ public:
     // further pictures, the ended images and the job's own error code.
     ImageOutcome takeOutcome();
 
-    // The drain job: collects every picture the decoder still holds, with its identity, and
-    // the images that ended without one, for takeOutcome(); returns a null frame.
-    VideoFrame drainAll(QSharedPointer<AbstractDecoder> keep);
+    // The drain job: every picture the decoder still holds, with its identity, and the
+    // images that ended without one. Never throws.
+    ImageOutcome drainAll();
 
     DecoderError lastError() const { return DecoderError(errorCode_); }
     void clearError() { errorCode_ = 0; }

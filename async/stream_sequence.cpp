@@ -175,11 +175,11 @@ void StreamSequence::run()
         // The decoder is this run's alone until the lock is taken again.
         SequenceResult result;
         if (work.drain) {
-            decoder_->drainAll(decoder_->formatDecoder());
+            result.outcome = decoder_->drainAll();
         } else {
             decoder_->decode(work.image, decoder_->formatDecoder(), nullptr, scale);
+            result.outcome = decoder_->takeOutcome();
         }
-        result.outcome = decoder_->takeOutcome();
 
         lock.lock();
         decoding_ = false;

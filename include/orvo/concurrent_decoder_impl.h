@@ -135,6 +135,7 @@ private:
     // cleared or cancelled since. The one wake-up per batch of results.
     void takeResults();
     void emitResult(quint64 imageId, const ImageOutcome& outcome);
+    void emitDrained(const ImageOutcome& outcome);
     // Synchronous mode: the sequence's work is done and answered, its decoder is free.
     void settleForSynchronous();
     // Accepted work behind the one being decoded.
