@@ -1,4 +1,6 @@
 #include "orvo/decoder_jpeg.h"
+
+#include "decoders/format_table.h"
 #include "orvo/log.h"
 
 #include "frames/plane_pool.h"
@@ -19,6 +21,8 @@ extern "C" {
 }
 
 namespace orvo {
+
+unsigned char DecoderJPEG::getFormat() const { return formats::forKind(formats::Kind::JPEG).code; }
 
 namespace {
 

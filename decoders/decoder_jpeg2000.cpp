@@ -1,11 +1,15 @@
 #include "orvo/decoder_jpeg2000.h"
 
+#include "decoders/format_table.h"
+
 #include "orvo/aj2k.h"
 
 #include <algorithm>
 #include <new>
 
 namespace orvo {
+
+unsigned char DecoderJPEG2000::getFormat() const { return formats::forKind(formats::Kind::JPEG2000).code; }
 
 DecoderJPEG2000::DecoderJPEG2000(int scaleLevel) : scaleLevel_(scaleLevel)
 {

@@ -1,11 +1,15 @@
 #include "orvo/decoder_mxpeg.h"
 
+#include "decoders/format_table.h"
+
 #include "orvo/mxpeg.h"
 #include "orvo/log.h"
 
 #include <exception>
 
 namespace orvo {
+
+unsigned char DecoderMXPEG::getFormat() const { return formats::forKind(formats::Kind::MXPEG).code; }
 
 namespace {
 

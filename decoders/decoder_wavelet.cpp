@@ -1,4 +1,6 @@
 #include "orvo/decoder_wavelet.h"
+
+#include "decoders/format_table.h"
 #include "orvo/log.h"
 
 #include <algorithm>
@@ -11,6 +13,8 @@ DecoderWavelet::DecoderWavelet(int width, int height, int scaleLevel)
 }
 
 DecoderWavelet::~DecoderWavelet() = default;
+
+unsigned char DecoderWavelet::getFormat() const { return formats::field(wavelet_.height()).code; }
 
 bool DecoderWavelet::decode(unsigned char* data, int size, orvo::VideoFrame& frame, bool)
 {

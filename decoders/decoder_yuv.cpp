@@ -1,10 +1,15 @@
 #include "orvo/decoder_yuv.h"
 
+#include "decoders/format_table.h"
+
 #include <QVideoFrame>
 #include <cstring>
 #include <new>
 
 namespace orvo {
+
+unsigned char DecoderYUV::getFormat() const { return formats::forKind(formats::Kind::YUV).code; }
+
 namespace {
 
 int readBE16(const unsigned char* p) { return int(p[0]) << 8 | int(p[1]); }

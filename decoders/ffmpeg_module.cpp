@@ -1,6 +1,7 @@
 #include "orvo/ffmpeg_module.h"
 
 #include "decoders/ffmpeg_log.h"
+#include "decoders/format_table.h"
 #include "decoders/packet_feeder.h"
 #include "orvo/decoder.h"
 #include "orvo/decoder_preferences.h"
@@ -39,16 +40,8 @@ constexpr int kInputPadding = std::max(32, AV_INPUT_BUFFER_PADDING_SIZE);
 
 AVCodecID codecIdOf(FormatIn format)
 {
-    switch (format) {
-    case FormatIn_H264: return AV_CODEC_ID_H264;
-    case FormatIn_JPEG2000: return AV_CODEC_ID_JPEG2000;
-    case FormatIn_MJPEG: return AV_CODEC_ID_MJPEG;
-    case FormatIn_MPEG2: return AV_CODEC_ID_MPEG2VIDEO;
-    case FormatIn_MPEG4: return AV_CODEC_ID_MPEG4;
-    case FormatIn_MXPEG: return AV_CODEC_ID_MXPEG;
-    case FormatIn_HEVC: return AV_CODEC_ID_HEVC;
-    }
-    return AV_CODEC_ID_NONE;
+    const formats::Format* row = formats::forInput(format);
+    return row ? row->codecId : AV_CODEC_ID_NONE;
 }
 
 AVPixelFormat defaultGetFormat(AVCodecContext* context, const AVPixelFormat* formats)

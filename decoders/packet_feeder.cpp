@@ -1,5 +1,7 @@
 #include "decoders/packet_feeder.h"
 
+#include "decoders/format_table.h"
+
 extern "C" {
 #include <libavutil/error.h>
 }
@@ -17,22 +19,11 @@ constexpr size_t kMaxReady = 32;
 constexpr quint64 kMaxWaitingUnits = 32;
 constexpr size_t kRecentTags = 64;
 
-bool usesStartCodes(AVCodecID id)
-{
-    return id == AV_CODEC_ID_H264 || id == AV_CODEC_ID_HEVC || id == AV_CODEC_ID_MPEG2VIDEO ||
-           id == AV_CODEC_ID_MPEG4;
-}
-
 QString ffmpegReason(int error)
 {
     char text[AV_ERROR_MAX_STRING_SIZE] = {};
     av_strerror(error, text, sizeof text);
     return QString::fromUtf8(text);
-}
-
-const char* codecName(AVCodecID id)
-{
-    return id == AV_CODEC_ID_H264 ? "H.264" : id == AV_CODEC_ID_HEVC ? "H.265" : "this codec";
 }
 
 }  // namespace
@@ -44,9 +35,10 @@ PacketFeeder::PacketFeeder(AVCodecContext* codec, DamagePolicy policy)
       received_(av_frame_alloc()),
       sendUnit_([this](const AccessUnitSplitter::Unit& unit) { send(unit.data, unit.size, unit.tag); })
 {
-    if (codec_ && codec_->codec_id == AV_CODEC_ID_H264)
+    format_ = codec_ ? formats::forCodec(codec_->codec_id) : nullptr;
+    if (format_ && format_->parser == formats::Parser::H264)
         splitter_ = std::make_unique<AccessUnitSplitter>(AccessUnitSplitter::Codec::H264);
-    else if (codec_ && codec_->codec_id == AV_CODEC_ID_HEVC)
+    else if (format_ && format_->parser == formats::Parser::Hevc)
         splitter_ = std::make_unique<AccessUnitSplitter>(AccessUnitSplitter::Codec::Hevc);
 }
 
@@ -68,7 +60,7 @@ PacketFeeder::Result PacketFeeder::feed(const uint8_t* data, int size, qint64 ta
         rejectReason_ = QStringLiteral("empty payload");
         return Result::Rejected;
     }
-    if (usesStartCodes(codec_->codec_id) && AccessUnitSplitter::findStartCode(data, size, 0) < 0) {
+    if (format_ && format_->byteStream && AccessUnitSplitter::findStartCode(data, size, 0) < 0) {
         rejectReason_ = QStringLiteral("no start code: the payload is not a byte stream with start codes "
                                        "(length-prefixed NAL units must be converted first)");
         return Result::Rejected;
@@ -82,7 +74,7 @@ PacketFeeder::Result PacketFeeder::feed(const uint8_t* data, int size, qint64 ta
         // Nothing to decode, or units of another format around no slice of this one.
         if (payload.nalUnits == 0 || (payload.foreignUnits > 0 && !payload.hasSlice)) {
             rejectReason_ = QStringLiteral("no %1 NAL unit in the payload (is the format code right?)")
-                                .arg(QLatin1String(codecName(codec_->codec_id)));
+                                .arg(QLatin1String(format_->name));
             return Result::Rejected;
         }
     }

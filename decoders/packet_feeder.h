@@ -31,6 +31,9 @@ extern "C" {
 }
 
 namespace orvo {
+namespace formats {
+struct Format;
+}
 
 class PacketFeeder {
 public:
@@ -76,6 +79,7 @@ private:
     void restart();
 
     AVCodecContext* codec_;
+    const formats::Format* format_ = nullptr;  // null for a codec without a row
     DamagePolicy policy_;
     AVPacket* packet_;
     AVFrame* received_;

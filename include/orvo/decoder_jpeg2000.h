@@ -20,7 +20,7 @@ public:
     // Strict decoding: truncated or corrupt code streams fail. On a decoding failure the
     // frame has already been replaced (by an empty picture); a failed size query leaves it.
     bool decode(unsigned char* data, int size, orvo::VideoFrame& frame, bool iframe) override;
-    unsigned char getFormat() const override { return 'r'; }
+    unsigned char getFormat() const override;
     bool is_stream_based() const override { return false; }
     bool produces_shallow_images() const override { return false; }
 

@@ -13,7 +13,7 @@ public:
     DecoderMXPEG();
     ~DecoderMXPEG() override;  // frees the MxPEG library's state
     bool decode(unsigned char* data, int size, orvo::VideoFrame& frame, bool iframe) override;
-    unsigned char getFormat() const override { return 'x'; }
+    unsigned char getFormat() const override;
     bool is_stream_based() const override { return true; }
     bool produces_shallow_images() const override { return true; }
 

@@ -15,7 +15,7 @@ public:
     int scaleLevel() const { return wavelet_.scaleLevel(); }
     // On a decoding failure the frame has already been replaced by the new, unfilled picture.
     bool decode(unsigned char* data, int size, orvo::VideoFrame& frame, bool iframe) override;
-    unsigned char getFormat() const override { return wavelet_.height() == 243 ? 'n' : 'p'; }
+    unsigned char getFormat() const override;  // by the field's lines
     bool is_stream_based() const override { return false; }
     bool produces_shallow_images() const override { return false; }
 

@@ -17,7 +17,7 @@ public:
     // False, with `frame` untouched, when the size does not match the header, when a
     // rotation is not shorter than its row, or when the payload is shorter than its header.
     bool decode(unsigned char* data, int size, orvo::VideoFrame& frame, bool iframe) override;
-    unsigned char getFormat() const override { return 'y'; }
+    unsigned char getFormat() const override;
     bool is_stream_based() const override { return false; }
     bool produces_shallow_images() const override { return true; }
 };
