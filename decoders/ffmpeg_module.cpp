@@ -3,11 +3,10 @@
 #include "decoders/ffmpeg_log.h"
 #include "decoders/format_table.h"
 #include "decoders/packet_feeder.h"
-#include "orvo/decoder.h"
 #include "orvo/decoder_preferences.h"
 #include "orvo/log.h"
 
-#include "decoders/codec_decoder.h"
+#include "backends/ffmpeg_decoding_loop.h"
 #include "frames/plane_pool.h"
 #include "frames/qimage_scale.h"
 #include "frames/sws_scale.h"
@@ -117,11 +116,14 @@ void copyPicture(const AVFrame* picture, VideoFrame& frame, PlanePool& pools)
 }  // namespace
 
 struct FFmpegModule::State {
-    CodecDecoder decoder;  // its picture is the one being handed out
+    std::unique_ptr<FFmpegDecodingLoop> loop;
+    AVFrame* picture = av_frame_alloc();  // the picture being handed out
     sws::Scaler scaler;
     bool ok = false;
     PacketFeeder* feeder = nullptr;
     PlanePool pools;
+
+    ~State() { av_frame_free(&picture); }
 
     // Converts `picture` into `frame` and releases it; false when the frame could not be allocated.
     bool handOut(VideoFrame& frame);
@@ -139,21 +141,15 @@ FFmpegModule::FFmpegModule(const DecodeContext& context) : d(new State)
         oprint(LogStream::StandardError, "could not find codec with id:%d\n", int(id));
         return;
     }
-    AVCodecContext* codecContext = d->decoder.allocate(codec) ? d->decoder.context : nullptr;
-    if (codecContext) {
-        codecContext->max_pixels = ::AbstractDecoder::kMaxPixels;
-#ifdef FUZZING_BUILD_MODE_UNSAFE_FOR_PRODUCTION
-        codecContext->thread_count = 1;  // fuzz builds: findings and timings belong to one thread
-#endif
-    }
-    if (!codecContext || d->decoder.open(codec) < 0) {
+    d->loop = FFmpegDecodingLoop::open(codec, FFmpegDecodingLoop::Options());
+    if (!d->loop || !d->picture) {
         oprint(LogStream::StandardError, "could not open codec\n");
         return;
     }
-    codecContext->get_format = defaultGetFormat;
+    d->loop->context()->get_format = defaultGetFormat;
     const bool wait = DecoderPreferences::instance()->damagedPictures() == DamagedPictures::WaitForKeyFrame;
-    d->feeder = new PacketFeeder(codecContext, wait ? PacketFeeder::DamagePolicy::WaitForKeyFrame
-                                                    : PacketFeeder::DamagePolicy::Show);
+    d->feeder = new PacketFeeder(*d->loop, wait ? PacketFeeder::DamagePolicy::WaitForKeyFrame
+                                                : PacketFeeder::DamagePolicy::Show);
     d->ok = true;
 }
 
@@ -195,7 +191,7 @@ bool FFmpegModule::nextPicture(VideoFrame& frame, qint64* pictureTag)
     if (!d->ok)
         return false;
     // A picture whose frame cannot be allocated is skipped.
-    while (d->feeder->takePicture(d->decoder.picture, pictureTag)) {
+    while (d->feeder->takePicture(d->picture, pictureTag)) {
         if (d->handOut(frame))
             return true;
     }
@@ -214,7 +210,7 @@ bool FFmpegModule::drain(VideoFrame& frame, qint64* pictureTag)
     if (!d->ok)
         return false;
     // A picture whose frame cannot be allocated is skipped, not the end of the drain.
-    while (d->feeder->drain(d->decoder.picture, pictureTag)) {
+    while (d->feeder->drain(d->picture, pictureTag)) {
         if (d->handOut(frame))
             return true;
     }
@@ -229,18 +225,17 @@ bool FFmpegModule::State::handOut(VideoFrame& frame)
         convert(frame);
         // FFmpeg concealed errors in it, or it predicts from such a picture.
         if (!frame.isNull())
-            frame.setDamaged(decoder.picture->decode_error_flags != 0 ||
-                             (decoder.picture->flags & AV_FRAME_FLAG_CORRUPT));
+            frame.setDamaged(picture->decode_error_flags != 0 || (picture->flags & AV_FRAME_FLAG_CORRUPT));
     } catch (const std::bad_alloc&) {
         converted = false;
     }
-    av_frame_unref(decoder.picture);
+    av_frame_unref(picture);
     return converted;
 }
 
 void FFmpegModule::State::convert(VideoFrame& frame)
 {
-    const AVFrame* pic = decoder.picture;
+    const AVFrame* pic = picture;
     const int w = pic->width, h = pic->height;
     if (w <= 0 || h <= 0)
         return;
