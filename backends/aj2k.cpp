@@ -1,5 +1,5 @@
 // JPEG 2000 decoding over OpenJPEG: memory input, resolution reduction, 8-bit 4:2:2 output.
-#include "orvo/aj2k.h"
+#include "backends/aj2k.h"
 
 #include <openjpeg.h>
 

@@ -1,5 +1,5 @@
 // MxPEG over FFmpeg's MxPEG decoder, which keeps the previous picture for the P-frames.
-#include "orvo/mxpeg.h"
+#include "backends/mxpeg.h"
 
 #include "backends/ffmpeg_decoding_loop.h"
 #include "frames/sws_scale.h"

@@ -1,5 +1,5 @@
 // The wavelet library over FFmpeg's VC-2/Dirac decoder, reduced with swscale.
-#include "orvo/wavelet_decoder.h"
+#include "backends/wavelet_decoder.h"
 
 #include "backends/ffmpeg_decoding_loop.h"
 #include "frames/sws_scale.h"

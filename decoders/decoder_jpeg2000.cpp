@@ -1,8 +1,7 @@
 #include "orvo/decoder_jpeg2000.h"
 
+#include "backends/aj2k.h"
 #include "decoders/format_table.h"
-
-#include "orvo/aj2k.h"
 
 #include <algorithm>
 #include <new>

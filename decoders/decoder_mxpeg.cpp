@@ -1,8 +1,7 @@
 #include "orvo/decoder_mxpeg.h"
 
+#include "backends/mxpeg.h"
 #include "decoders/format_table.h"
-
-#include "orvo/mxpeg.h"
 #include "orvo/log.h"
 
 #include <exception>

@@ -1,5 +1,6 @@
 #include "orvo/decoder_wavelet.h"
 
+#include "backends/wavelet_decoder.h"
 #include "decoders/format_table.h"
 #include "orvo/log.h"
 
@@ -8,22 +9,24 @@
 namespace orvo {
 
 DecoderWavelet::DecoderWavelet(int width, int height, int scaleLevel)
-    : wavelet_(width, height, std::clamp(scaleLevel, 0, 2))
+    : wavelet_(std::make_unique<WaveletDecoder>(width, height, std::clamp(scaleLevel, 0, 2)))
 {
 }
 
 DecoderWavelet::~DecoderWavelet() = default;
 
-unsigned char DecoderWavelet::getFormat() const { return formats::field(wavelet_.height()).code; }
+unsigned char DecoderWavelet::getFormat() const { return formats::field(wavelet_->height()).code; }
+
+int DecoderWavelet::scaleLevel() const { return wavelet_->scaleLevel(); }
 
 bool DecoderWavelet::decode(unsigned char* data, int size, orvo::VideoFrame& frame, bool)
 {
-    if (!wavelet_.isInitialized()) {
+    if (!wavelet_->isInitialized()) {
         odebug().noquote() << "Error: WaveletDecoder::decompress called for  not intialized WaveletDecoder.";
         return false;
     }
-    const int w = wavelet_.outputWidth();
-    const int h = wavelet_.outputHeight();
+    const int w = wavelet_->outputWidth();
+    const int h = wavelet_->outputHeight();
     int chromaPitch = w / 2;
     chromaPitch += chromaPitch & 1;
     const int chromaRows = (h + 1) / 2;
@@ -35,13 +38,13 @@ bool DecoderWavelet::decode(unsigned char* data, int size, orvo::VideoFrame& fra
     out.setScale(1, 1);
     bool ok = false;
     if (out.map(QAbstractVideoBuffer::WriteOnly)) {
-        ok = wavelet_.decode(data, size, out.bitsY(), out.bitsU(), out.bitsV(), out.bitsY() + out.mappedBytesY(),
+        ok = wavelet_->decode(data, size, out.bitsY(), out.bitsU(), out.bitsV(), out.bitsY() + out.mappedBytesY(),
                              out.bitsU() + out.mappedBytesU(), out.bitsV() + out.mappedBytesV());
         out.unmap();
     }
     frame = out;
     if (ok)
-        frame.setScale(1, wavelet_.scaleLevel() == 0 ? 2 : 1);
+        frame.setScale(1, wavelet_->scaleLevel() == 0 ? 2 : 1);
     else
         odebug().noquote() << QString("DecoderWavelet::decode/  wavelet decoding failed buflen=%1").arg(size);
     return ok;
