@@ -2,6 +2,7 @@
 
 #include "backends/wavelet_decoder.h"
 #include "decoders/format_table.h"
+#include "frames/plane_pool.h"
 #include "orvo/log.h"
 
 #include <algorithm>
@@ -9,7 +10,8 @@
 namespace orvo {
 
 DecoderWavelet::DecoderWavelet(int width, int height, int scaleLevel)
-    : wavelet_(std::make_unique<WaveletDecoder>(width, height, std::clamp(scaleLevel, 0, 2)))
+    : wavelet_(std::make_unique<WaveletDecoder>(width, height, std::clamp(scaleLevel, 0, 2))),
+      pool_(std::make_unique<PlanePool>())
 {
 }
 
@@ -25,16 +27,16 @@ bool DecoderWavelet::decode(unsigned char* data, int size, orvo::VideoFrame& fra
         odebug().noquote() << "Error: WaveletDecoder::decompress called for  not intialized WaveletDecoder.";
         return false;
     }
-    const int w = wavelet_->outputWidth();
-    const int h = wavelet_->outputHeight();
-    int chromaPitch = w / 2;
-    chromaPitch += chromaPitch & 1;
-    const int chromaRows = (h + 1) / 2;
-
-    auto* yb = new MemoryVideoBuffer(w * h, w, 128);
-    auto* ub = new MemoryVideoBuffer(chromaRows * chromaPitch, chromaPitch, 128);
-    auto* vb = new MemoryVideoBuffer(chromaRows * chromaPitch, chromaPitch, 128);
-    VideoFrame out(yb, ub, vb, QSize(w, h), VideoFrame::Format_YUV420P);
+    // The rows the wavelet library writes: chroma rows of an even length.
+    VideoFrame out;
+    try {
+        out = pool_->allocate(PlaneLayout{wavelet_->outputWidth(), wavelet_->outputHeight(), VideoFrame::Format_YUV420P,
+                                          wavelet_->outputWidth(), wavelet_->chromaBytesPerLine(), false});
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    if (out.isNull())
+        return false;
     out.setScale(1, 1);
     bool ok = false;
     if (out.map(QAbstractVideoBuffer::WriteOnly)) {

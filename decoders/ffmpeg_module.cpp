@@ -98,11 +98,19 @@ bool wrapPicture(const AVFrame* picture, VideoFrame& frame)
     return true;
 }
 
+// A frame of the library's usual geometry for a w x h picture; throws when memory ran out.
+VideoFrame allocateFrame(PlanePool& pools, int w, int h)
+{
+    VideoFrame frame = pools.allocate(PlaneLayout::standard(w, h));
+    if (frame.isNull())
+        throw std::bad_alloc();
+    return frame;
+}
+
 void copyPicture(const AVFrame* picture, VideoFrame& frame, PlanePool& pools)
 {
     const int w = picture->width, h = picture->height;
-    bool pooled = false;
-    frame = pools.allocate(w, h, pooled);
+    frame = allocateFrame(pools, w, h);
     if (!frame.mapIfNotMapped(QAbstractVideoBuffer::ReadWrite))
         return;
     av_image_copy_plane(frame.bitsY(), int(frame.bytesPerLineY()), picture->data[0], picture->linesize[0], w, h);
@@ -248,8 +256,7 @@ void FFmpegModule::State::convert(VideoFrame& frame)
         return;
     }
 
-    bool pooled = false;
-    frame = pools.allocate(w, h, pooled);
+    frame = allocateFrame(pools, w, h);
     if (!frame.mapIfNotMapped(QAbstractVideoBuffer::ReadWrite))
         return;
     const AVPixelFormat format = AVPixelFormat(pic->format);
@@ -258,11 +265,10 @@ void FFmpegModule::State::convert(VideoFrame& frame)
         const int chromaStride = int(std::max(frame.bytesPerLineU(), frame.bytesPerLineV()));
         uint8_t* const dst[4] = {frame.bitsY(), frame.bitsU(), frame.bitsV(), nullptr};
         const int dstStride[4] = {int(frame.bytesPerLineY()), chromaStride, chromaStride, 0};
-        // Pooled planes are written in place; a frame allocated otherwise has no known slack.
+        // Pooled planes have the slack to be written in place.
         sws::Planes source = sws::Planes::of(format, w, h, pic->data, pic->linesize);
         source.overreadable = true;
-        sws::scale(context, source, sws::Planes::of(AV_PIX_FMT_YUV420P, w, h, dst, dstStride),
-                   pooled ? sws::Room::Slack : sws::Room::Exact);
+        sws::scale(context, source, sws::Planes::of(AV_PIX_FMT_YUV420P, w, h, dst, dstStride), sws::Room::Slack);
     }
     frame.unmap();
 }

@@ -9,6 +9,7 @@
 
 namespace orvo {
 
+class PlanePool;
 class WaveletDecoder;
 
 class ORVO_EXPORT DecoderWavelet : public AbstractDecoder {
@@ -24,6 +25,7 @@ public:
 
 private:
     std::unique_ptr<WaveletDecoder> wavelet_;
+    std::unique_ptr<PlanePool> pool_;  // frames are recycled between fields
 };
 
 }  // namespace orvo
