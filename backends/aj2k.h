@@ -62,7 +62,23 @@ int aj2k_jp2memgetdims(aj2k_handle* handle, const unsigned char* data, int size,
 
 // Decodes data[0..size) at resolution level `scaleLevel` (0 full size, each level halves width
 // and height, rounding up as JPEG 2000 does; levels beyond what the code stream holds give
-// its smallest resolution, negative levels count as 0) into 8-bit planes:
+// its smallest resolution, negative levels count as 0) and keeps the picture in the handle for
+// aj2k_writeplanes; *width and *height receive its size (0 on failure). Any other call on the
+// handle drops a picture not yet written.
+int aj2k_jp2memdecode(aj2k_handle* handle, const unsigned char* data, int size, int input, int scaleLevel,
+                      int* width, int* height);
+
+// Writes the picture of the last aj2k_jp2memdecode into 8-bit 4:2:2 planes and drops it:
+//   Y: width x height samples, rows yBytesPerLine bytes apart;
+//   U, V: (width + 1) / 2 x height samples, rows uvBytesPerLine bytes apart.
+// The planes are written at the even width (width + 1) & ~1: rows must hold that many bytes
+// (Y) and half of it (U, V), else nothing is written and the call fails. With `slack`
+// non-zero, sws::kOutputSlack writable bytes follow the last row of each plane (planes from
+// the plane pool), so that the colour conversion writes in place. Colour as below.
+int aj2k_writeplanes(aj2k_handle* handle, unsigned char* y, int yBytesPerLine, unsigned char* u, unsigned char* v,
+                     int uvBytesPerLine, int slack);
+
+// aj2k_jp2memdecode and aj2k_writeplanes into planes of the library's own:
 //   Y: *width x *height samples, *yBytesPerLine bytes a line;
 //   U, V: (*width + 1) / 2 x *height samples (4:2:2), *uBytesPerLine / *vBytesPerLine a line.
 // Plane memory: on entry *y, *u and *v point to buffers from new[] (or are null) of *ySize,
@@ -71,7 +87,7 @@ int aj2k_jp2memgetdims(aj2k_handle* handle, const unsigned char* data, int size,
 // buffers it was given or made. On return the caller owns whatever *y, *u and *v hold, also
 // on failure; *ySize, *uSize and *vSize always tell the sizes of those buffers.
 // Colour: three components of equal size without a YCbCr colour space are RGB and are
-// converted to BT.601 video-range YCbCr; YCbCr components (a JP2 sYCC/e-YCC colour space, or
+// converted to BT.601 video-range YCbCr through swscale; YCbCr components (a JP2 sYCC/e-YCC colour space, or
 // subsampled chroma) are resampled to 4:2:2 as they are; one or two components are greyscale
 // (U and V 128). Samples of other precisions are shifted to 8 bits.
 // `bitsPerSample` must be 8. On failure *width and *height are 0 and the planes hold nothing
