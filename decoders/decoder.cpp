@@ -1,6 +1,7 @@
 #include "orvo/decoder.h"
 
 #include "decoders/format_table.h"
+#include "decoders/frame_stamp.h"
 #include "orvo/decoder_av.h"
 #include "orvo/decoder_h264.h"
 #include "orvo/decoder_jpeg.h"
@@ -339,8 +340,5 @@ void Decoder::stamp(orvo::VideoFrame& frame, qint64 tag, const orvo::Image& fall
     }
     if (image.isNull())
         return;  // a drained picture whose image was forgotten keeps no identity
-    frame.setId(image.id());
-    frame.attachImageData(image, image.payloadSize());
-    frame.setStreamId(image.streamId());
-    frame.setImage(image);
+    stampFrame(frame, image);
 }
