@@ -54,6 +54,8 @@ struct Format {
     bool byteStream;  // payloads are start-code byte streams (a payload without one is refused)
     bool hardware;    // FFmpeg may decode it in hardware (not used yet)
     int fieldLines;   // wavelet fields: lines of the field (kFieldWidth wide); 0 otherwise
+    // Whether FFmpeg decodes the format at reduced resolution is no column: maxLowres() asks
+    // the linked FFmpeg.
 };
 
 // Every row, for walking the table.
