@@ -1,18 +1,16 @@
 // MxPEG over FFmpeg's MxPEG decoder, which keeps the previous picture for the P-frames.
-#include "orvo/mxpeg.h"
+#include "backends/mxpeg.h"
 
-#include "decoders/codec_decoder.h"
+#include "backends/ffmpeg_decoding_loop.h"
 #include "frames/sws_scale.h"
-#include "orvo/picture_bound.h"
 
 extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavutil/error.h>
 #include <libswscale/swscale.h>
 }
 
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <stdexcept>
 #include <string>
@@ -20,10 +18,15 @@ extern "C" {
 namespace {
 
 struct MxpegState {
-    orvo::CodecDecoder codec;
+    std::unique_ptr<orvo::FFmpegDecodingLoop> loop;
+    AVFrame* picture = av_frame_alloc();
     SwsContext* scaler = nullptr;
 
-    ~MxpegState() { sws_freeContext(scaler); }
+    ~MxpegState()
+    {
+        sws_freeContext(scaler);
+        av_frame_free(&picture);
+    }
 };
 
 // Frame headers that carry the size: SOF0-3, 5-7, 9-11, 13-15 (not DHT C4, JPG C8, DAC CC).
@@ -31,9 +34,7 @@ bool isStartOfFrame(unsigned char m) { return m >= 0xC0 && m <= 0xCF && m != 0xC
 
 std::string ffmpegError(const char* what, int err)
 {
-    char text[AV_ERROR_MAX_STRING_SIZE] = {0};
-    av_strerror(err, text, sizeof text);
-    return std::string(what) + ": " + text;
+    return std::string(what) + ": " + orvo::FFmpegDecodingLoop::errorText(err);
 }
 
 MxpegState* createState()
@@ -41,21 +42,18 @@ MxpegState* createState()
     const AVCodec* codec = avcodec_find_decoder(AV_CODEC_ID_MXPEG);
     if (!codec)
         throw std::runtime_error("FFmpeg has no MxPEG decoder");
-    auto* s = new MxpegState;
-    if (!s->codec.allocate(codec)) {
-        delete s;
+    auto state = std::make_unique<MxpegState>();
+    // One thread: many cameras decode at once. A hostile frame header above the picture bound
+    // fails before FFmpeg allocates.
+    orvo::FFmpegDecodingLoop::Options options;
+    options.threads = 1;
+    int err = 0;
+    state->loop = orvo::FFmpegDecodingLoop::open(codec, options, &err);
+    if (!state->picture || err == AVERROR(ENOMEM))
         throw std::bad_alloc();
-    }
-    AVCodecContext* context = s->codec.context;
-    context->thread_count = 1;
-    // Camera pictures are far below this; a hostile frame header fails before FFmpeg allocates.
-    context->max_pixels = ORVO_MAX_PICTURE_PIXELS;
-    const int err = s->codec.open(codec);
-    if (err < 0) {
-        delete s;
+    if (!state->loop)
         throw std::runtime_error(ffmpegError("cannot open the MxPEG decoder", err));
-    }
-    return s;
+    return state.release();
 }
 
 void copyPlane(uint8_t* dst, int dstPitch, const uint8_t* src, int srcPitch, int width, int lines)
@@ -132,19 +130,22 @@ void mxpeg2yuv(void*& state, char* data, int size, int width, int height, void* 
         state = createState();
     auto* s = static_cast<MxpegState*>(state);
 
-    if (!s->codec.copyPayload(reinterpret_cast<const unsigned char*>(data), size))
-        throw std::bad_alloc();
-    int err = avcodec_send_packet(s->codec.context, s->codec.packet);
-    av_packet_unref(s->codec.packet);
-    if (err < 0)
-        throw std::runtime_error(ffmpegError("MxPEG decoding failed", err));
-    err = avcodec_receive_frame(s->codec.context, s->codec.picture);
-    if (err == AVERROR(EAGAIN))
+    // The decoder gives one picture per image; should it give more, the first counts.
+    av_frame_unref(s->picture);
+    const auto result = s->loop->decode(reinterpret_cast<const uint8_t*>(data), size, AV_NOPTS_VALUE, [&](AVFrame* f) {
+        if (!s->picture->buf[0])
+            av_frame_move_ref(s->picture, f);
+        return true;
+    });
+    if (result != orvo::FFmpegDecodingLoop::Result::Ok) {
+        if (s->loop->lastError() == AVERROR(ENOMEM))
+            throw std::bad_alloc();
+        throw std::runtime_error(ffmpegError("MxPEG decoding failed", s->loop->lastError()));
+    }
+    if (!s->picture->buf[0])
         throw std::runtime_error("MxPEG image without a complete picture (no I-frame yet?)");
-    if (err < 0)
-        throw std::runtime_error(ffmpegError("MxPEG decoding failed", err));
 
-    const AVFrame* f = s->codec.picture;
+    const AVFrame* f = s->picture;
     if (f->width != width || f->height != height || !f->data[0])
         throw std::runtime_error("MxPEG picture of " + std::to_string(f->width) + "x" + std::to_string(f->height) +
                                  " does not fit planes of " + std::to_string(width) + "x" + std::to_string(height));

@@ -1,12 +1,11 @@
 // The wavelet library over FFmpeg's VC-2/Dirac decoder, reduced with swscale.
-#include "orvo/wavelet_decoder.h"
+#include "backends/wavelet_decoder.h"
 
-#include "decoders/codec_decoder.h"
+#include "backends/ffmpeg_decoding_loop.h"
 #include "frames/sws_scale.h"
 #include "orvo/picture_bound.h"
 
 extern "C" {
-#include <libavcodec/avcodec.h>
 #include <libswscale/swscale.h>
 }
 
@@ -17,29 +16,29 @@ extern "C" {
 namespace orvo {
 
 struct WaveletDecoder::Codec {
-    CodecDecoder decoder;
-    AVFrame* spare = nullptr;
+    std::unique_ptr<FFmpegDecodingLoop> loop;
+    AVFrame* picture = av_frame_alloc();
     sws::Scaler scaler;
 
-    ~Codec() { av_frame_free(&spare); }
+    ~Codec() { av_frame_free(&picture); }
 
-    // Decodes one self-contained image into the decoder's picture. The decoder holds pictures
-    // back until their picture number comes up, so it is drained and reset after every image:
-    // images stay independent of the ones before (skipped or repeated numbers do not stall it).
+    // Decodes one self-contained image into `picture`. The decoder holds pictures back until
+    // their picture number comes up, so it is drained and reset after every image: images stay
+    // independent of the ones before (skipped or repeated numbers do not stall it).
     bool decodeImage(const unsigned char* data, int size)
     {
-        if (!decoder.copyPayload(data, size))
-            return false;
-        AVCodecContext* context = decoder.context;
-        bool got = false;
-        if (avcodec_send_packet(context, decoder.packet) >= 0 && avcodec_send_packet(context, nullptr) >= 0) {
-            got = avcodec_receive_frame(context, decoder.picture) >= 0;
-            while (got && avcodec_receive_frame(context, spare) >= 0)
-                av_frame_unref(spare);  // only the first picture of a payload counts
-        }
-        avcodec_flush_buffers(context);
-        av_packet_unref(decoder.packet);
-        return got;
+        av_frame_unref(picture);
+        // Only the first picture of a payload counts.
+        const FFmpegDecodingLoop::FrameReady keepFirst = [this](AVFrame* f) {
+            if (!picture->buf[0])
+                av_frame_move_ref(picture, f);
+            return true;
+        };
+        const bool sent = loop->decode(data, size, AV_NOPTS_VALUE, keepFirst) != FFmpegDecodingLoop::Result::SendFailed;
+        if (sent)
+            loop->drain(keepFirst);
+        loop->flush();
+        return sent && picture->buf[0];
     }
 };
 
@@ -53,20 +52,15 @@ WaveletDecoder::WaveletDecoder(int width, int height, int scaleLevel)
     if (outputWidth_ < 2 || (outputWidth_ & 1) || outputHeight_ < 1)
         return;
 
-    const AVCodec* dirac = avcodec_find_decoder(AV_CODEC_ID_DIRAC);
-    if (!dirac)
-        return;
     auto codec = std::make_unique<Codec>();
-    codec->spare = av_frame_alloc();
-    if (!codec->decoder.allocate(dirac) || !codec->spare)
-        return;
-    AVCodecContext* context = codec->decoder.context;
-    context->thread_count = 1;  // many cameras decode at once; one thread each
+    FFmpegDecodingLoop::Options options;
+    options.threads = 1;  // many cameras decode at once; one thread each
     // A sequence header announcing a much larger picture fails before FFmpeg allocates for
     // it. The bound is generous: the decoder's own work buffers (edges, half-sample planes)
     // count against it too.
-    context->max_pixels = int64_t(width) * height * 16;
-    if (codec->decoder.open(dirac) < 0)
+    options.maxPixels = int64_t(width) * height * 16;
+    codec->loop = FFmpegDecodingLoop::open(avcodec_find_decoder(AV_CODEC_ID_DIRAC), options);
+    if (!codec->loop || !codec->picture)
         return;
     codec_ = std::move(codec);
     initialized_ = true;
@@ -88,7 +82,7 @@ bool WaveletDecoder::decode(unsigned char* data, long size, unsigned char* y, un
 
     if (!codec_->decodeImage(data, int(size)))
         return false;
-    const AVFrame* f = codec_->decoder.picture;
+    const AVFrame* f = codec_->picture;
     if (f->width != width_ || f->height != height_ || !f->data[0])
         return false;
 

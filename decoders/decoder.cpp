@@ -1,5 +1,7 @@
 #include "orvo/decoder.h"
 
+#include "decoders/format_table.h"
+#include "decoders/frame_stamp.h"
 #include "orvo/decoder_av.h"
 #include "orvo/decoder_h264.h"
 #include "orvo/decoder_jpeg.h"
@@ -14,7 +16,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cctype>
-#include <cstring>
 #include <exception>
 #include <new>
 
@@ -24,56 +25,23 @@ namespace {
 
 LogCategory decoderCategory("orvo.decoder");
 
-// The codes the dispatcher knows, with the terminating zero: code 0 counts as known.
-constexpr char kKnownCodes[] = "pPnNhHjJmMyYxXreE";
-
-bool isKnownCode(unsigned char type)
-{
-    return std::memchr(kKnownCodes, type, sizeof kKnownCodes) != nullptr;
-}
-
 unsigned char lower(unsigned char c) { return static_cast<unsigned char>(std::tolower(c)); }
 
-// The format decoder for a known code; preferences are read here, at creation.
-AbstractDecoder* createDecoder(unsigned char type, int param)
+// The format decoder for a row; preferences are read here, at creation.
+AbstractDecoder* createDecoder(const formats::Format& row, int param)
 {
-    DecoderPreferences* prefs = DecoderPreferences::instance();
-    switch (type) {
-    case 'h':
-    case 'H':
-        if (prefs->isLookForNALsH264())
-            return DecoderH264::get();
-        return new DecoderAV(FormatIn_H264);
-    case 'j':
-    case 'J':
-        if (prefs->isDecodeMJPEGThroughQImage())
-            return new DecoderJPEG;
-        return new DecoderAV(FormatIn_MJPEG);
-    case 'M':
-        return new DecoderAV(FormatIn_MPEG2);
-    case 'm':
-        return new DecoderMPEG4;
-    case 'n':
-    case 'N':
-        return new DecoderWavelet(720, 243, std::min(param, 2));
-    case 'p':
-    case 'P':
-        return new DecoderWavelet(720, 288, std::min(param, 2));
-    case 'x':
-    case 'X':
-        if (prefs->isUsedMxPEGNative())
-            return new DecoderMXPEG;
-        return new DecoderAV(FormatIn_MXPEG);
-    case 'r':
-        return new DecoderJPEG2000(param);
-    case 'e':
-    case 'E':
-        return new DecoderAV(FormatIn_HEVC);
-    case 'y':
-        return new DecoderYUV;
-    default:  // 'Y' and 0
-        return nullptr;
+    switch (formats::decoderKind(row)) {
+    case formats::Kind::AV: return new DecoderAV(row.input);
+    case formats::Kind::MPEG4: return new DecoderMPEG4;
+    case formats::Kind::H264: return DecoderH264::get();
+    case formats::Kind::JPEG: return new DecoderJPEG;
+    case formats::Kind::MXPEG: return new DecoderMXPEG;
+    case formats::Kind::JPEG2000: return new DecoderJPEG2000(param);
+    case formats::Kind::Wavelet: return new DecoderWavelet(formats::kFieldWidth, row.fieldLines, std::min(param, 2));
+    case formats::Kind::YUV: return new DecoderYUV;
+    case formats::Kind::Null: break;
     }
+    return nullptr;
 }
 
 void noDelete(AbstractDecoder*) {}
@@ -107,10 +75,12 @@ Decoder::~Decoder() = default;
 
 bool Decoder::init(unsigned char type, int param)
 {
-    if (!isKnownCode(type))
+    const formats::Format* row = formats::find(type);
+    if (!row)
         return false;
     if (decoder_ && isFormat(type, param)) {
-        if (type == 'r')
+        // JPEG 2000 takes a new scale level in place.
+        if (row->kind == formats::Kind::JPEG2000)
             if (auto* jpeg2000 = dynamic_cast<DecoderJPEG2000*>(decoder_.data()))
                 jpeg2000->setScaleLevel(param);
         return true;
@@ -119,7 +89,7 @@ bool Decoder::init(unsigned char type, int param)
     decoder_.reset();
     held_.clear();
     lastStamped_ = {};
-    if (type == 'Y' || type == 0) {
+    if (formats::decoderKind(*row) == formats::Kind::Null) {
         // The process-wide null decoder must never be freed.
         decoder_ = QSharedPointer<AbstractDecoder>(DecoderNULL::instance(), noDelete);
         return true;
@@ -127,7 +97,7 @@ bool Decoder::init(unsigned char type, int param)
     // No exception crosses the library's interface: a decoder that cannot be built
     // (out of memory, a backend that fails to start) leaves the dispatcher empty.
     try {
-        AbstractDecoder* created = createDecoder(type, param);
+        AbstractDecoder* created = createDecoder(*row, param);
         if (!created)
             return false;
         if (created->fail()) {  // e.g. a codec the linked FFmpeg lacks
@@ -149,12 +119,14 @@ bool Decoder::init(unsigned char type, int param)
 
 bool Decoder::isFormat(unsigned char type, int param)
 {
-    if (!decoder_ || !isKnownCode(type))
+    const formats::Format* row = formats::find(type);
+    if (!decoder_ || !row)
         return false;
-    const unsigned char wanted = lower(type);
-    if (lower(decoder_->getFormat()) != wanted)
+    // Codes compare case-insensitively, across rows too (MPEG-4's lower-case code matches a held MPEG-2 decoder).
+    if (lower(decoder_->getFormat()) != lower(type))
         return false;
-    if (wanted == 'n' || wanted == 'p') {
+    // Wavelet decoders are built for one scale level.
+    if (row->kind == formats::Kind::Wavelet) {
         const auto* wavelet = dynamic_cast<const DecoderWavelet*>(decoder_.data());
         if (!wavelet)
             return false;
@@ -164,7 +136,7 @@ bool Decoder::isFormat(unsigned char type, int param)
     return true;
 }
 
-bool Decoder::isKnownFormat(unsigned char type) { return isKnownCode(type); }
+bool Decoder::isKnownFormat(unsigned char type) { return formats::find(type) != nullptr; }
 
 bool Decoder::isInitialized() { return !decoder_.isNull(); }
 
@@ -233,7 +205,7 @@ Decoder::ImageResult Decoder::decodeImage(const orvo::Image& image, orvo::VideoF
         return ImageResult::Failed;
     }
     if (!init(image.type(), param) || !decoder_) {
-        failure_ = isKnownCode(image.type())
+        failure_ = isKnownFormat(image.type())
                        ? QStringLiteral("the decoder for format code %1 could not be opened").arg(image.type())
                        : QStringLiteral("unknown format code %1").arg(image.type());
         return ImageResult::Failed;
@@ -368,8 +340,5 @@ void Decoder::stamp(orvo::VideoFrame& frame, qint64 tag, const orvo::Image& fall
     }
     if (image.isNull())
         return;  // a drained picture whose image was forgotten keeps no identity
-    frame.setId(image.id());
-    frame.attachImageData(image, image.payloadSize());
-    frame.setStreamId(image.streamId());
-    frame.setImage(image);
+    stampFrame(frame, image);
 }

@@ -1,5 +1,6 @@
 #include "orvo/decoder_av.h"
 
+#include "decoders/format_table.h"
 #include "decoders/jpeg2000_boxes.h"
 #include "orvo/decoder_preferences.h"
 
@@ -13,16 +14,8 @@ DecoderAV::~DecoderAV() = default;
 
 unsigned char DecoderAV::getFormat() const
 {
-    switch (format_) {
-    case FormatIn_H264: return 'h';
-    case FormatIn_JPEG2000: return 'r';
-    case FormatIn_MJPEG: return 'j';
-    case FormatIn_MPEG2: return 'M';
-    case FormatIn_MPEG4: return 'm';
-    case FormatIn_MXPEG: return 'X';
-    case FormatIn_HEVC: return 'e';
-    }
-    return '?';
+    const formats::Format* row = formats::forInput(format_);
+    return row ? row->ffmpegCode : '?';
 }
 
 bool DecoderAV::decode(unsigned char* data, int size, orvo::VideoFrame& frame, bool)

@@ -1,4 +1,6 @@
 #include "orvo/decoder_jpeg.h"
+
+#include "decoders/format_table.h"
 #include "orvo/log.h"
 
 #include "frames/plane_pool.h"
@@ -19,6 +21,8 @@ extern "C" {
 }
 
 namespace orvo {
+
+unsigned char DecoderJPEG::getFormat() const { return formats::forKind(formats::Kind::JPEG).code; }
 
 namespace {
 
@@ -68,8 +72,7 @@ VideoFrame toYuv420(const QImage& loaded, PlanePool& pool, sws::Scaler& scaler)
     const uint8_t* const src[4] = {image.constBits(), nullptr, nullptr, nullptr};
     const int srcStride[4] = {int(image.bytesPerLine()), 0, 0, 0};
     const sws::Planes source = sws::Planes::of(AV_PIX_FMT_BGR0, ew, eh, src, srcStride);
-    bool pooled = false;
-    VideoFrame frame = pool.allocate(w, h, pooled);
+    VideoFrame frame = pool.allocate(PlaneLayout::standard(w, h));
     if (!frame.map(QAbstractVideoBuffer::WriteOnly))
         return VideoFrame();
     bool converted = false;
@@ -79,7 +82,7 @@ VideoFrame toYuv420(const QImage& loaded, PlanePool& pool, sws::Scaler& scaler)
         uint8_t* const dst[4] = {frame.bitsY(), frame.bitsU(), frame.bitsV(), nullptr};
         const int dstStride[4] = {int(frame.bytesPerLineY()), chromaStride, chromaStride, 0};
         converted = sws::scale(context, source, sws::Planes::of(AV_PIX_FMT_YUV420P, w, h, dst, dstStride),
-                               pooled ? sws::Room::Slack : sws::Room::Exact);
+                               sws::Room::Slack);
     } else {
         // Odd sizes: into padded scratch planes at the even size, then cropped into the frame.
         const int cw = ew / 2, ch = eh / 2;

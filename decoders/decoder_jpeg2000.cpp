@@ -1,13 +1,16 @@
 #include "orvo/decoder_jpeg2000.h"
 
-#include "orvo/aj2k.h"
+#include "backends/aj2k.h"
+#include "decoders/format_table.h"
+#include "frames/plane_pool.h"
 
-#include <algorithm>
 #include <new>
 
 namespace orvo {
 
-DecoderJPEG2000::DecoderJPEG2000(int scaleLevel) : scaleLevel_(scaleLevel)
+unsigned char DecoderJPEG2000::getFormat() const { return formats::forKind(formats::Kind::JPEG2000).code; }
+
+DecoderJPEG2000::DecoderJPEG2000(int scaleLevel) : scaleLevel_(scaleLevel), pool_(std::make_unique<PlanePool>())
 {
     if (aj2k_initjp2(&handle_, AJ2K_INIT_STRICT) != 0 || aj2k_reuseimgmemory(handle_, 1) != 0) {
         aj2k_deinitjp2(handle_);
@@ -32,31 +35,27 @@ bool DecoderJPEG2000::decode(unsigned char* data, int size, orvo::VideoFrame& fr
     if (aj2k_jp2memgetdims(handle_, data, size, AJ2K_INPUT_AUTO, &fullWidth, &fullHeight, &components) != 0)
         return false;
 
-    // First guess of the plane sizes; the library enlarges a plane that turns out too small
-    // (odd sizes round up at each level).
-    const int shift = std::clamp(s, 0, 30);
-    int w = fullWidth >> shift, h = fullHeight >> shift;
-    w += w & 1;
-    h += h & 1;
-    int ySize = w * h, uSize = ySize / 2, vSize = ySize / 2;
-    unsigned char* y = new (std::nothrow) unsigned char[size_t(ySize)];
-    unsigned char* u = new (std::nothrow) unsigned char[size_t(uSize)];
-    unsigned char* v = new (std::nothrow) unsigned char[size_t(vSize)];
-    if (!y || !u || !v) {
-        delete[] y;
-        delete[] u;
-        delete[] v;
+    int w = 0, h = 0;
+    if (aj2k_jp2memdecode(handle_, data, size, AJ2K_INPUT_AUTO, s, &w, &h) != 0) {
+        frame = VideoFrame();  // replaced by an empty picture
         return false;
     }
-    int yBpl = 0, uBpl = 0, vBpl = 0, outWidth = 0, outHeight = 0;
-    const int rc = aj2k_jp2memtoraw_splanes(handle_, data, size, AJ2K_INPUT_AUTO, &y, &ySize, &yBpl, &u, &uSize,
-                                            &uBpl, &v, &vSize, &vBpl, &outWidth, &outHeight, s, 8);
-
-    // The frame takes the plane memory (new[]) whatever the library answered.
-    auto* yb = new MemoryVideoBuffer(y, yBpl * outHeight, yBpl, nullptr, ySize, true);
-    auto* ub = new MemoryVideoBuffer(u, uBpl * outHeight, uBpl, nullptr, uSize, true);
-    auto* vb = new MemoryVideoBuffer(v, vBpl * outHeight, vBpl, nullptr, vSize, true);
-    frame = VideoFrame(yb, ub, vb, QSize(outWidth, outHeight), VideoFrame::Format_YUV422P);
+    // Rows of an even length: the library writes the picture at an even width.
+    const int evenWidth = w + (w & 1);
+    VideoFrame out;
+    try {
+        out = pool_->allocate(PlaneLayout{w, h, VideoFrame::Format_YUV422P, evenWidth, evenWidth / 2, false});
+    } catch (const std::bad_alloc&) {
+        out = VideoFrame();  // no memory: no picture
+    }
+    if (out.isNull() || !out.map(QAbstractVideoBuffer::WriteOnly)) {
+        frame = VideoFrame();
+        return false;
+    }
+    const int rc = aj2k_writeplanes(handle_, out.bitsY(), int(out.bytesPerLineY()), out.bitsU(), out.bitsV(),
+                                    int(out.bytesPerLineU()), 1);
+    out.unmap();
+    frame = out;
     if (rc != 0)
         return false;
     frame.setMaximalWidth(fullWidth);

@@ -1,11 +1,15 @@
 #include "orvo/decoder_mxpeg.h"
 
-#include "orvo/mxpeg.h"
+#include "backends/mxpeg.h"
+#include "decoders/format_table.h"
+#include "frames/plane_pool.h"
 #include "orvo/log.h"
 
 #include <exception>
 
 namespace orvo {
+
+unsigned char DecoderMXPEG::getFormat() const { return formats::forKind(formats::Kind::MXPEG).code; }
 
 namespace {
 
@@ -32,7 +36,7 @@ bool guarded(Call call)
 
 }  // namespace
 
-DecoderMXPEG::DecoderMXPEG() = default;
+DecoderMXPEG::DecoderMXPEG() : pool_(std::make_unique<PlanePool>()) {}
 
 DecoderMXPEG::~DecoderMXPEG() { mxpegFreeState(state_); }
 
@@ -63,7 +67,7 @@ bool DecoderMXPEG::decode(unsigned char* data, int size, orvo::VideoFrame& frame
         return false;
 
     if (w == 0 || h == 0) {
-        if (!reference_.isValid()) {
+        if (!size_.isValid()) {
             odebug().noquote() << "I need an i-frame first. This looks like a p-frame.";
             return false;
         }
@@ -72,28 +76,30 @@ bool DecoderMXPEG::decode(unsigned char* data, int size, orvo::VideoFrame& frame
             odebug().noquote() << QString("MxPEG: picture size %1x%2 out of range").arg(w).arg(h);
             return false;
         }
-        // Slack of 32 lines and columns around an even size, as the library's planes expect.
-        const int ySize = (w + (w % 2) + 32) * (h + (h % 2) + 32);
-        // Chroma lines hold (w + 1) / 2 samples, so that odd widths keep their last column.
-        const int cPitch = (w + 1) / 2;
-        auto* yb = new MemoryVideoBuffer(ySize, w, 128);
-        auto* ub = new MemoryVideoBuffer(ySize / 4, cPitch, 128);
-        auto* vb = new MemoryVideoBuffer(ySize / 4, cPitch, 128);
-        reference_ = VideoFrame(yb, ub, vb, QSize(w, h), VideoFrame::Format_YUV420P);
+        size_ = QSize(w, h);
         frame.setScale(1, 1);
     }
 
-    if (!reference_.isValid() || !reference_.map(QAbstractVideoBuffer::ReadWrite))
+    // The library writes the whole picture in the planes' own layout: w and (w + 1) / 2 bytes
+    // a row, so that odd widths keep their last chroma column.
+    VideoFrame out;
+    try {
+        out = pool_->allocate(PlaneLayout{size_.width(), size_.height(), VideoFrame::Format_YUV420P, size_.width(),
+                                          (size_.width() + 1) / 2, false});
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    if (out.isNull() || !out.map(QAbstractVideoBuffer::WriteOnly))
         return false;
     const bool ok = guarded([&] {
-        mxpeg2yuv(state_, reinterpret_cast<char*>(data), length, reference_.widthY(), reference_.heightY(),
-                  reference_.bitsY(), reference_.bitsU(), reference_.bitsV());
+        mxpeg2yuv(state_, reinterpret_cast<char*>(data), length, out.widthY(), out.heightY(), out.bitsY(),
+                  out.bitsU(), out.bitsV());
     });
-    reference_.setScale(1, 1);
-    reference_.unmap();
+    out.setScale(1, 1);
+    out.unmap();
     if (!ok)
         return false;
-    frame = reference_.clone(16, false);
+    frame = out;
     return true;
 }
 

@@ -1,6 +1,10 @@
 #include "orvo/decoder_null.h"
 
+#include "decoders/format_table.h"
+
 namespace orvo {
+
+unsigned char DecoderNULL::getFormat() const { return formats::forKind(formats::Kind::Null).code; }
 
 DecoderNULL* DecoderNULL::instance()
 {

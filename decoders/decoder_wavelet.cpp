@@ -1,4 +1,8 @@
 #include "orvo/decoder_wavelet.h"
+
+#include "backends/wavelet_decoder.h"
+#include "decoders/format_table.h"
+#include "frames/plane_pool.h"
 #include "orvo/log.h"
 
 #include <algorithm>
@@ -6,38 +10,43 @@
 namespace orvo {
 
 DecoderWavelet::DecoderWavelet(int width, int height, int scaleLevel)
-    : wavelet_(width, height, std::clamp(scaleLevel, 0, 2))
+    : wavelet_(std::make_unique<WaveletDecoder>(width, height, std::clamp(scaleLevel, 0, 2))),
+      pool_(std::make_unique<PlanePool>())
 {
 }
 
 DecoderWavelet::~DecoderWavelet() = default;
 
+unsigned char DecoderWavelet::getFormat() const { return formats::field(wavelet_->height()).code; }
+
+int DecoderWavelet::scaleLevel() const { return wavelet_->scaleLevel(); }
+
 bool DecoderWavelet::decode(unsigned char* data, int size, orvo::VideoFrame& frame, bool)
 {
-    if (!wavelet_.isInitialized()) {
+    if (!wavelet_->isInitialized()) {
         odebug().noquote() << "Error: WaveletDecoder::decompress called for  not intialized WaveletDecoder.";
         return false;
     }
-    const int w = wavelet_.outputWidth();
-    const int h = wavelet_.outputHeight();
-    int chromaPitch = w / 2;
-    chromaPitch += chromaPitch & 1;
-    const int chromaRows = (h + 1) / 2;
-
-    auto* yb = new MemoryVideoBuffer(w * h, w, 128);
-    auto* ub = new MemoryVideoBuffer(chromaRows * chromaPitch, chromaPitch, 128);
-    auto* vb = new MemoryVideoBuffer(chromaRows * chromaPitch, chromaPitch, 128);
-    VideoFrame out(yb, ub, vb, QSize(w, h), VideoFrame::Format_YUV420P);
+    // The rows the wavelet library writes: chroma rows of an even length.
+    VideoFrame out;
+    try {
+        out = pool_->allocate(PlaneLayout{wavelet_->outputWidth(), wavelet_->outputHeight(), VideoFrame::Format_YUV420P,
+                                          wavelet_->outputWidth(), wavelet_->chromaBytesPerLine(), false});
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    if (out.isNull())
+        return false;
     out.setScale(1, 1);
     bool ok = false;
     if (out.map(QAbstractVideoBuffer::WriteOnly)) {
-        ok = wavelet_.decode(data, size, out.bitsY(), out.bitsU(), out.bitsV(), out.bitsY() + out.mappedBytesY(),
+        ok = wavelet_->decode(data, size, out.bitsY(), out.bitsU(), out.bitsV(), out.bitsY() + out.mappedBytesY(),
                              out.bitsU() + out.mappedBytesU(), out.bitsV() + out.mappedBytesV());
         out.unmap();
     }
     frame = out;
     if (ok)
-        frame.setScale(1, wavelet_.scaleLevel() == 0 ? 2 : 1);
+        frame.setScale(1, wavelet_->scaleLevel() == 0 ? 2 : 1);
     else
         odebug().noquote() << QString("DecoderWavelet::decode/  wavelet decoding failed buflen=%1").arg(size);
     return ok;

@@ -1,10 +1,19 @@
 #include "orvo/decoder_yuv.h"
 
-#include <QVideoFrame>
+#include "decoders/format_table.h"
+#include "frames/plane_pool.h"
+
 #include <cstring>
 #include <new>
 
 namespace orvo {
+
+DecoderYUV::DecoderYUV() : pool_(std::make_unique<PlanePool>()) {}
+
+DecoderYUV::~DecoderYUV() = default;
+
+unsigned char DecoderYUV::getFormat() const { return formats::forKind(formats::Kind::YUV).code; }
+
 namespace {
 
 int readBE16(const unsigned char* p) { return int(p[0]) << 8 | int(p[1]); }
@@ -61,22 +70,17 @@ bool DecoderYUV::decode(unsigned char* data, int size, orvo::VideoFrame& frame, 
     if ((ry != 0 && ry >= w) || (ru != 0 && ru >= cw) || (rv != 0 && rv >= cw))
         return false;
 
+    // Rows of a multiple of 16 bytes: the layout this format has always had.
     const int pitch = (w + 15) & ~15;
-    const QSize lumaSize(w, h);
-    const QSize chromaSize = VideoFrame::planeUVSize(lumaSize, VideoFrame::Format_YUV420P);
-    const int chromaRows = VideoFrame::planeUVSize(QSize(pitch, h), VideoFrame::Format_YUV420P).height();
-    const int chromaPitch = pitch / 2;
+    const QSize chromaSize = VideoFrame::planeUVSize(QSize(w, h), VideoFrame::Format_YUV420P);
     VideoFrame out;
     try {
-        QVideoFrame y(new MemoryVideoBuffer(pitch * h, pitch, 16), lumaSize, QVideoFrame::Format_Y8);
-        QVideoFrame u(new MemoryVideoBuffer(chromaPitch * chromaRows, chromaPitch, 16), chromaSize,
-                      QVideoFrame::Format_Y8);
-        QVideoFrame v(new MemoryVideoBuffer(chromaPitch * chromaRows, chromaPitch, 16), chromaSize,
-                      QVideoFrame::Format_Y8);
-        out = VideoFrame(y, u, v, VideoFrame::Format_YUV420P);
+        out = pool_->allocate(PlaneLayout{w, h, VideoFrame::Format_YUV420P, pitch, pitch / 2, false});
     } catch (const std::bad_alloc&) {
         return false;
     }
+    if (out.isNull())
+        return false;
     out.setScale(1, 1);
     if (!out.map(QAbstractVideoBuffer::WriteOnly))
         return false;

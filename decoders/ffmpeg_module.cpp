@@ -1,12 +1,12 @@
 #include "orvo/ffmpeg_module.h"
 
 #include "decoders/ffmpeg_log.h"
+#include "decoders/format_table.h"
 #include "decoders/packet_feeder.h"
-#include "orvo/decoder.h"
 #include "orvo/decoder_preferences.h"
 #include "orvo/log.h"
 
-#include "decoders/codec_decoder.h"
+#include "backends/ffmpeg_decoding_loop.h"
 #include "frames/plane_pool.h"
 #include "frames/qimage_scale.h"
 #include "frames/sws_scale.h"
@@ -39,16 +39,8 @@ constexpr int kInputPadding = std::max(32, AV_INPUT_BUFFER_PADDING_SIZE);
 
 AVCodecID codecIdOf(FormatIn format)
 {
-    switch (format) {
-    case FormatIn_H264: return AV_CODEC_ID_H264;
-    case FormatIn_JPEG2000: return AV_CODEC_ID_JPEG2000;
-    case FormatIn_MJPEG: return AV_CODEC_ID_MJPEG;
-    case FormatIn_MPEG2: return AV_CODEC_ID_MPEG2VIDEO;
-    case FormatIn_MPEG4: return AV_CODEC_ID_MPEG4;
-    case FormatIn_MXPEG: return AV_CODEC_ID_MXPEG;
-    case FormatIn_HEVC: return AV_CODEC_ID_HEVC;
-    }
-    return AV_CODEC_ID_NONE;
+    const formats::Format* row = formats::forInput(format);
+    return row ? row->codecId : AV_CODEC_ID_NONE;
 }
 
 AVPixelFormat defaultGetFormat(AVCodecContext* context, const AVPixelFormat* formats)
@@ -106,11 +98,19 @@ bool wrapPicture(const AVFrame* picture, VideoFrame& frame)
     return true;
 }
 
+// A frame of the library's usual geometry for a w x h picture; throws when memory ran out.
+VideoFrame allocateFrame(PlanePool& pools, int w, int h)
+{
+    VideoFrame frame = pools.allocate(PlaneLayout::standard(w, h));
+    if (frame.isNull())
+        throw std::bad_alloc();
+    return frame;
+}
+
 void copyPicture(const AVFrame* picture, VideoFrame& frame, PlanePool& pools)
 {
     const int w = picture->width, h = picture->height;
-    bool pooled = false;
-    frame = pools.allocate(w, h, pooled);
+    frame = allocateFrame(pools, w, h);
     if (!frame.mapIfNotMapped(QAbstractVideoBuffer::ReadWrite))
         return;
     av_image_copy_plane(frame.bitsY(), int(frame.bytesPerLineY()), picture->data[0], picture->linesize[0], w, h);
@@ -124,11 +124,14 @@ void copyPicture(const AVFrame* picture, VideoFrame& frame, PlanePool& pools)
 }  // namespace
 
 struct FFmpegModule::State {
-    CodecDecoder decoder;  // its picture is the one being handed out
+    std::unique_ptr<FFmpegDecodingLoop> loop;
+    AVFrame* picture = av_frame_alloc();  // the picture being handed out
     sws::Scaler scaler;
     bool ok = false;
     PacketFeeder* feeder = nullptr;
     PlanePool pools;
+
+    ~State() { av_frame_free(&picture); }
 
     // Converts `picture` into `frame` and releases it; false when the frame could not be allocated.
     bool handOut(VideoFrame& frame);
@@ -146,21 +149,15 @@ FFmpegModule::FFmpegModule(const DecodeContext& context) : d(new State)
         oprint(LogStream::StandardError, "could not find codec with id:%d\n", int(id));
         return;
     }
-    AVCodecContext* codecContext = d->decoder.allocate(codec) ? d->decoder.context : nullptr;
-    if (codecContext) {
-        codecContext->max_pixels = ::AbstractDecoder::kMaxPixels;
-#ifdef FUZZING_BUILD_MODE_UNSAFE_FOR_PRODUCTION
-        codecContext->thread_count = 1;  // fuzz builds: findings and timings belong to one thread
-#endif
-    }
-    if (!codecContext || d->decoder.open(codec) < 0) {
+    d->loop = FFmpegDecodingLoop::open(codec, FFmpegDecodingLoop::Options());
+    if (!d->loop || !d->picture) {
         oprint(LogStream::StandardError, "could not open codec\n");
         return;
     }
-    codecContext->get_format = defaultGetFormat;
+    d->loop->context()->get_format = defaultGetFormat;
     const bool wait = DecoderPreferences::instance()->damagedPictures() == DamagedPictures::WaitForKeyFrame;
-    d->feeder = new PacketFeeder(codecContext, wait ? PacketFeeder::DamagePolicy::WaitForKeyFrame
-                                                    : PacketFeeder::DamagePolicy::Show);
+    d->feeder = new PacketFeeder(*d->loop, wait ? PacketFeeder::DamagePolicy::WaitForKeyFrame
+                                                : PacketFeeder::DamagePolicy::Show);
     d->ok = true;
 }
 
@@ -202,7 +199,7 @@ bool FFmpegModule::nextPicture(VideoFrame& frame, qint64* pictureTag)
     if (!d->ok)
         return false;
     // A picture whose frame cannot be allocated is skipped.
-    while (d->feeder->takePicture(d->decoder.picture, pictureTag)) {
+    while (d->feeder->takePicture(d->picture, pictureTag)) {
         if (d->handOut(frame))
             return true;
     }
@@ -221,7 +218,7 @@ bool FFmpegModule::drain(VideoFrame& frame, qint64* pictureTag)
     if (!d->ok)
         return false;
     // A picture whose frame cannot be allocated is skipped, not the end of the drain.
-    while (d->feeder->drain(d->decoder.picture, pictureTag)) {
+    while (d->feeder->drain(d->picture, pictureTag)) {
         if (d->handOut(frame))
             return true;
     }
@@ -236,18 +233,17 @@ bool FFmpegModule::State::handOut(VideoFrame& frame)
         convert(frame);
         // FFmpeg concealed errors in it, or it predicts from such a picture.
         if (!frame.isNull())
-            frame.setDamaged(decoder.picture->decode_error_flags != 0 ||
-                             (decoder.picture->flags & AV_FRAME_FLAG_CORRUPT));
+            frame.setDamaged(picture->decode_error_flags != 0 || (picture->flags & AV_FRAME_FLAG_CORRUPT));
     } catch (const std::bad_alloc&) {
         converted = false;
     }
-    av_frame_unref(decoder.picture);
+    av_frame_unref(picture);
     return converted;
 }
 
 void FFmpegModule::State::convert(VideoFrame& frame)
 {
-    const AVFrame* pic = decoder.picture;
+    const AVFrame* pic = picture;
     const int w = pic->width, h = pic->height;
     if (w <= 0 || h <= 0)
         return;
@@ -260,8 +256,7 @@ void FFmpegModule::State::convert(VideoFrame& frame)
         return;
     }
 
-    bool pooled = false;
-    frame = pools.allocate(w, h, pooled);
+    frame = allocateFrame(pools, w, h);
     if (!frame.mapIfNotMapped(QAbstractVideoBuffer::ReadWrite))
         return;
     const AVPixelFormat format = AVPixelFormat(pic->format);
@@ -270,11 +265,10 @@ void FFmpegModule::State::convert(VideoFrame& frame)
         const int chromaStride = int(std::max(frame.bytesPerLineU(), frame.bytesPerLineV()));
         uint8_t* const dst[4] = {frame.bitsY(), frame.bitsU(), frame.bitsV(), nullptr};
         const int dstStride[4] = {int(frame.bytesPerLineY()), chromaStride, chromaStride, 0};
-        // Pooled planes are written in place; a frame allocated otherwise has no known slack.
+        // Pooled planes have the slack to be written in place.
         sws::Planes source = sws::Planes::of(format, w, h, pic->data, pic->linesize);
         source.overreadable = true;
-        sws::scale(context, source, sws::Planes::of(AV_PIX_FMT_YUV420P, w, h, dst, dstStride),
-                   pooled ? sws::Room::Slack : sws::Room::Exact);
+        sws::scale(context, source, sws::Planes::of(AV_PIX_FMT_YUV420P, w, h, dst, dstStride), sws::Room::Slack);
     }
     frame.unmap();
 }

@@ -1,8 +1,6 @@
 #include "decoders/packet_feeder.h"
 
-extern "C" {
-#include <libavutil/error.h>
-}
+#include "decoders/format_table.h"
 
 #include <algorithm>
 
@@ -17,36 +15,22 @@ constexpr size_t kMaxReady = 32;
 constexpr quint64 kMaxWaitingUnits = 32;
 constexpr size_t kRecentTags = 64;
 
-bool usesStartCodes(AVCodecID id)
-{
-    return id == AV_CODEC_ID_H264 || id == AV_CODEC_ID_HEVC || id == AV_CODEC_ID_MPEG2VIDEO ||
-           id == AV_CODEC_ID_MPEG4;
-}
-
-QString ffmpegReason(int error)
-{
-    char text[AV_ERROR_MAX_STRING_SIZE] = {};
-    av_strerror(error, text, sizeof text);
-    return QString::fromUtf8(text);
-}
-
-const char* codecName(AVCodecID id)
-{
-    return id == AV_CODEC_ID_H264 ? "H.264" : id == AV_CODEC_ID_HEVC ? "H.265" : "this codec";
-}
-
 }  // namespace
 
-PacketFeeder::PacketFeeder(AVCodecContext* codec, DamagePolicy policy)
-    : codec_(codec),
+PacketFeeder::PacketFeeder(FFmpegDecodingLoop& loop, DamagePolicy policy)
+    : loop_(loop),
+      codec_(loop.context()),
       policy_(policy),
-      packet_(av_packet_alloc()),
-      received_(av_frame_alloc()),
-      sendUnit_([this](const AccessUnitSplitter::Unit& unit) { send(unit.data, unit.size, unit.tag); })
+      sendUnit_([this](const AccessUnitSplitter::Unit& unit) { send(unit.data, unit.size, unit.tag); }),
+      acceptFrame_([this](AVFrame* frame) {
+          accept(frame);
+          return true;
+      })
 {
-    if (codec_ && codec_->codec_id == AV_CODEC_ID_H264)
+    format_ = formats::forCodec(codec_->codec_id);
+    if (format_ && format_->parser == formats::Parser::H264)
         splitter_ = std::make_unique<AccessUnitSplitter>(AccessUnitSplitter::Codec::H264);
-    else if (codec_ && codec_->codec_id == AV_CODEC_ID_HEVC)
+    else if (format_ && format_->parser == formats::Parser::Hevc)
         splitter_ = std::make_unique<AccessUnitSplitter>(AccessUnitSplitter::Codec::Hevc);
 }
 
@@ -56,19 +40,17 @@ PacketFeeder::~PacketFeeder()
         av_frame_free(&f);
     for (AVFrame* f : spare_)
         av_frame_free(&f);
-    av_frame_free(&received_);
-    av_packet_free(&packet_);
 }
 
 PacketFeeder::Result PacketFeeder::feed(const uint8_t* data, int size, qint64 tag, bool endsUnit)
 {
     rejectReason_.clear();
     // An empty packet would switch the decoder into draining.
-    if (!codec_ || !packet_ || !received_ || !data || size <= 0) {
+    if (!data || size <= 0) {
         rejectReason_ = QStringLiteral("empty payload");
         return Result::Rejected;
     }
-    if (usesStartCodes(codec_->codec_id) && AccessUnitSplitter::findStartCode(data, size, 0) < 0) {
+    if (format_ && format_->byteStream && AccessUnitSplitter::findStartCode(data, size, 0) < 0) {
         rejectReason_ = QStringLiteral("no start code: the payload is not a byte stream with start codes "
                                        "(length-prefixed NAL units must be converted first)");
         return Result::Rejected;
@@ -82,7 +64,7 @@ PacketFeeder::Result PacketFeeder::feed(const uint8_t* data, int size, qint64 ta
         // Nothing to decode, or units of another format around no slice of this one.
         if (payload.nalUnits == 0 || (payload.foreignUnits > 0 && !payload.hasSlice)) {
             rejectReason_ = QStringLiteral("no %1 NAL unit in the payload (is the format code right?)")
-                                .arg(QLatin1String(codecName(codec_->codec_id)));
+                                .arg(QLatin1String(format_->name));
             return Result::Rejected;
         }
     }
@@ -94,39 +76,24 @@ void PacketFeeder::send(const uint8_t* data, int size, qint64 tag)
     const quint64 serial = nextSerial_++;
     if (tag > 0)
         sent_.push_back({tag, serial});
-    // Not reference-counted: FFmpeg copies the bytes into a padded buffer of its own.
-    packet_->data = const_cast<uint8_t*>(data);
-    packet_->size = size;
-    packet_->pts = tag;
-    packet_->dts = AV_NOPTS_VALUE;
-    int ret = avcodec_send_packet(codec_, packet_);
-    if (ret == AVERROR(EAGAIN)) {
-        // A picture is still waiting: take it, then the packet is accepted.
-        collect();
-        ret = avcodec_send_packet(codec_, packet_);
-    }
-    packet_->data = nullptr;
-    packet_->size = 0;
-    if (ret < 0 && tag > 0) {
-        const auto it = std::find_if(sent_.begin(), sent_.end(), [&](const Sent& s) { return s.serial == serial; });
-        if (it != sent_.end()) {
-            sent_.erase(it);
-            end(tag, QStringLiteral("FFmpeg refused it: %1").arg(ffmpegReason(ret)));
+    if (loop_.decode(data, size, tag, acceptFrame_) == FFmpegDecodingLoop::Result::SendFailed) {
+        if (tag > 0) {
+            const auto it =
+                std::find_if(sent_.begin(), sent_.end(), [&](const Sent& s) { return s.serial == serial; });
+            if (it != sent_.end()) {
+                sent_.erase(it);
+                end(tag, QStringLiteral("FFmpeg refused it: %1")
+                             .arg(QString::fromStdString(FFmpegDecodingLoop::errorText(loop_.lastError()))));
+            }
         }
+        loop_.receive(acceptFrame_);  // pictures that were waiting still come out
     }
-    collect();
     // Nothing holds a picture this long: what still waits gave none.
     const quint64 depth = quint64(std::max(0, codec_->has_b_frames)) + kMaxWaitingUnits;
     while (!sent_.empty() && sent_.front().serial + depth < nextSerial_) {
         end(sent_.front().tag, QStringLiteral("no picture came out for it"));
         sent_.pop_front();
     }
-}
-
-void PacketFeeder::collect()
-{
-    while (avcodec_receive_frame(codec_, received_) >= 0)
-        accept(received_);
 }
 
 void PacketFeeder::accept(AVFrame* picture)
@@ -252,19 +219,17 @@ bool PacketFeeder::takeEnded(qint64* tag, QString* reason)
 
 bool PacketFeeder::drain(AVFrame* out, qint64* tag)
 {
-    if (!codec_ || !packet_ || !received_)
-        return false;
     if (!draining_) {
         if (splitter_)
             splitter_->flush(sendUnit_);
         if (takePicture(out, tag))
             return true;
-        avcodec_send_packet(codec_, nullptr);
+        loop_.drain(acceptFrame_);
         draining_ = true;
     }
     if (takePicture(out, tag))
         return true;
-    collect();
+    loop_.receive(acceptFrame_);
     if (takePicture(out, tag))
         return true;
     restart();
@@ -273,7 +238,7 @@ bool PacketFeeder::drain(AVFrame* out, qint64* tag)
 
 void PacketFeeder::restart()
 {
-    avcodec_flush_buffers(codec_);
+    loop_.flush();
     draining_ = false;
     waitingForKey_ = false;
     // Pictures a partial drain left, and units that never gave one, are answered here.

@@ -18,6 +18,7 @@
 // holds, or at the drain.
 //
 // One feeder per decoder, used from one thread at a time.
+#include "backends/ffmpeg_decoding_loop.h"
 #include "decoders/access_unit_splitter.h"
 
 #include <QString>
@@ -26,11 +27,10 @@
 #include <memory>
 #include <vector>
 
-extern "C" {
-#include <libavcodec/avcodec.h>
-}
-
 namespace orvo {
+namespace formats {
+struct Format;
+}
 
 class PacketFeeder {
 public:
@@ -42,7 +42,8 @@ public:
     // What to do with pictures FFmpeg decoded with errors (concealed).
     enum class DamagePolicy { Show, WaitForKeyFrame };
 
-    explicit PacketFeeder(AVCodecContext* codec, DamagePolicy policy = DamagePolicy::Show);
+    // Feeds `loop`, which outlives the feeder.
+    explicit PacketFeeder(FFmpegDecodingLoop& loop, DamagePolicy policy = DamagePolicy::Show);
     ~PacketFeeder();
     PacketFeeder(const PacketFeeder&) = delete;
     PacketFeeder& operator=(const PacketFeeder&) = delete;
@@ -67,7 +68,6 @@ private:
         quint64 serial;
     };
     void send(const uint8_t* data, int size, qint64 tag);
-    void collect();
     void accept(AVFrame* frame);
     void end(qint64 tag, const QString& reason);
     static void remember(std::deque<qint64>& tags, qint64 tag);
@@ -75,12 +75,13 @@ private:
     void settleBefore(quint64 serial, bool key);
     void restart();
 
+    FFmpegDecodingLoop& loop_;
     AVCodecContext* codec_;
+    const formats::Format* format_ = nullptr;  // null for a codec without a row
     DamagePolicy policy_;
-    AVPacket* packet_;
-    AVFrame* received_;
     std::unique_ptr<AccessUnitSplitter> splitter_;  // H.264 and H.265 only
     const AccessUnitSplitter::Sink sendUnit_;
+    const FFmpegDecodingLoop::FrameReady acceptFrame_;
     std::deque<AVFrame*> ready_;
     // Empty frame shells for ready_, so that a picture costs no allocation of its own.
     std::vector<AVFrame*> spare_;

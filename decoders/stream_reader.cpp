@@ -1,5 +1,7 @@
 #include "orvo/stream_reader.h"
 
+#include "decoders/format_table.h"
+
 #include <QFile>
 
 extern "C" {
@@ -132,16 +134,8 @@ StreamReader::~StreamReader()
 
 quint8 StreamReader::formatCodeOf(int codecId)
 {
-    switch (codecId) {
-    case AV_CODEC_ID_H264: return 'h';
-    case AV_CODEC_ID_HEVC: return 'e';
-    case AV_CODEC_ID_MPEG2VIDEO: return 'M';
-    case AV_CODEC_ID_MPEG4: return 'm';
-    case AV_CODEC_ID_MJPEG: return 'j';
-    case AV_CODEC_ID_MXPEG: return 'x';
-    case AV_CODEC_ID_JPEG2000: return 'r';
-    default: return 0;
-    }
+    const formats::Format* row = formats::forCodec(AVCodecID(codecId));
+    return row ? row->code : 0;
 }
 
 bool StreamReader::fail(const QString& message)
@@ -199,10 +193,9 @@ bool StreamReader::start()
     if (d->stream < 0)
         return fail(QStringLiteral("no video stream"));
     AVStream* video = d->format->streams[d->stream];
-    d->code = formatCodeOf(video->codecpar->codec_id);
-    // The wavelet codes are VC-2 fields of 243 ('n') or 288 ('p') lines.
-    if (video->codecpar->codec_id == AV_CODEC_ID_DIRAC)
-        d->code = video->codecpar->height == 243 ? 'n' : 'p';
+    // The wavelet fields share one codec and are told apart by their lines.
+    const formats::Format* row = formats::forCodec(video->codecpar->codec_id, video->codecpar->height);
+    d->code = row ? row->code : 0;
     if (!d->code)
         return fail(QStringLiteral("unsupported codec %1").arg(QString::fromUtf8(avcodec_get_name(video->codecpar->codec_id))));
     for (unsigned i = 0; i < d->format->nb_streams; ++i)

@@ -7,6 +7,7 @@ extern "C" {
 }
 
 #include <climits>
+#include <memory>
 
 namespace orvo {
 namespace {
@@ -16,6 +17,14 @@ MemoryVideoBuffer* pooledPlane(AVBufferPool* pool, int size, int pitch)
 {
     AVBufferRef* ref = pool ? av_buffer_pool_get(pool) : nullptr;
     return ref ? planeInBuffer(ref, ref->data, size, pitch) : nullptr;
+}
+
+// Bytes of a plane of `rows` rows `pitch` apart; -1 when the plane cannot be allocated with
+// its slack in one int-sized buffer.
+int planeBytes(int pitch, int rows)
+{
+    const qint64 bytes = qint64(pitch) * rows;
+    return bytes >= 0 && bytes <= INT_MAX - sws::kOutputSlack ? int(bytes) : -1;
 }
 
 }  // namespace
@@ -33,39 +42,47 @@ MemoryVideoBuffer* planeInBuffer(AVBufferRef* ref, unsigned char* data, int size
     }
 }
 
+PlaneLayout PlaneLayout::standard(int w, int h)
+{
+    return PlaneLayout{w, h, VideoFrame::Format_YUV420P, w, (w + 1) / 2, true};
+}
+
 PlanePool::~PlanePool() { reset(); }
 
-VideoFrame PlanePool::allocate(int w, int h, bool& pooled)
+VideoFrame PlanePool::allocate(const PlaneLayout& layout)
 {
-    pooled = false;
-    const int chromaPitch = (w + 1) / 2;
-    const qint64 lumaBytes = qint64(w) * h;
-    const qint64 chromaBytes = qint64(chromaPitch) * ((h + 1) / 2);
-    if (lumaBytes > INT_MAX - sws::kOutputSlack || lumaBytes <= 0)
-        return VideoFrame(w, h, VideoFrame::Format_YUV420P, defaultBufferProperties);
-    if (w != width_ || h != height_) {
+    const bool is420 = layout.format == VideoFrame::Format_YUV420P;
+    if ((!is420 && layout.format != VideoFrame::Format_YUV422P) || layout.width <= 0 || layout.height < 0)
+        return VideoFrame();
+    const QSize lumaSize(layout.width, layout.height);
+    const QSize chromaSize = VideoFrame::planeUVSize(lumaSize, layout.format);
+    if (layout.pitchY < layout.width || layout.pitchUV < chromaSize.width())
+        return VideoFrame();
+    const int lumaBytes = planeBytes(layout.pitchY, layout.height);
+    const int chromaBytes = planeBytes(layout.pitchUV, chromaSize.height());
+    if (lumaBytes < 0 || chromaBytes < 0)
+        return VideoFrame();
+    if (layout != layout_) {
         reset();
-        luma_ = av_buffer_pool_init(size_t(lumaBytes + sws::kOutputSlack), av_buffer_alloc);
-        chroma_ = av_buffer_pool_init(size_t(chromaBytes + sws::kOutputSlack), av_buffer_alloc);
-        width_ = w;
-        height_ = h;
+        luma_ = av_buffer_pool_init(size_t(lumaBytes) + sws::kOutputSlack, av_buffer_alloc);
+        chroma_ = av_buffer_pool_init(size_t(chromaBytes) + sws::kOutputSlack, av_buffer_alloc);
+        layout_ = layout;
     }
-    const QSize lumaSize(w, h);
-    const QSize chromaSize = VideoFrame::planeUVSize(lumaSize, VideoFrame::Format_YUV420P);
-    QAbstractVideoBuffer* planes[4] = {pooledPlane(luma_, int(lumaBytes), w),
-                                       pooledPlane(chroma_, int(chromaBytes), chromaPitch),
-                                       pooledPlane(chroma_, int(chromaBytes), chromaPitch),
-                                       pooledPlane(luma_, int(lumaBytes), w)};
-    if (!planes[0] || !planes[1] || !planes[2] || !planes[3]) {
-        for (QAbstractVideoBuffer* b : planes)
-            delete b;
-        return VideoFrame(w, h, VideoFrame::Format_YUV420P, defaultBufferProperties);
+    // Planes are owned here until a QVideoFrame takes each: nothing leaks when one fails.
+    std::unique_ptr<MemoryVideoBuffer> planes[4];
+    for (int i = 0; i < (layout.alpha ? 4 : 3); ++i) {
+        const bool luma = i == 0 || i == 3;
+        planes[i].reset(pooledPlane(luma ? luma_ : chroma_, luma ? lumaBytes : chromaBytes,
+                                    luma ? layout.pitchY : layout.pitchUV));
+        if (!planes[i])
+            return VideoFrame();
     }
-    pooled = true;
-    return VideoFrame(QVideoFrame(planes[0], lumaSize, QVideoFrame::Format_Y8),
-                      QVideoFrame(planes[1], chromaSize, QVideoFrame::Format_Y8),
-                      QVideoFrame(planes[2], chromaSize, QVideoFrame::Format_Y8),
-                      QVideoFrame(planes[3], lumaSize, QVideoFrame::Format_Y8), VideoFrame::Format_YUV420P);
+    const QVideoFrame y(planes[0].release(), lumaSize, QVideoFrame::Format_Y8);
+    const QVideoFrame u(planes[1].release(), chromaSize, QVideoFrame::Format_Y8);
+    const QVideoFrame v(planes[2].release(), chromaSize, QVideoFrame::Format_Y8);
+    if (!layout.alpha)
+        return VideoFrame(y, u, v, layout.format);
+    return VideoFrame(y, u, v, QVideoFrame(planes[3].release(), lumaSize, QVideoFrame::Format_Y8), layout.format);
 }
 
 // Buffers still held by frames keep their pool alive until they come back.
@@ -73,7 +90,7 @@ void PlanePool::reset()
 {
     av_buffer_pool_uninit(&luma_);
     av_buffer_pool_uninit(&chroma_);
-    width_ = height_ = 0;
+    layout_ = PlaneLayout();
 }
 
 }  // namespace orvo

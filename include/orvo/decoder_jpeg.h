@@ -12,7 +12,7 @@ public:
     DecoderJPEG();
     ~DecoderJPEG() override;
     bool decode(unsigned char* data, int size, orvo::VideoFrame& frame, bool iframe) override;
-    unsigned char getFormat() const override { return 'j'; }
+    unsigned char getFormat() const override;
     bool is_stream_based() const override { return false; }
     bool produces_shallow_images() const override { return false; }
 

@@ -4,9 +4,13 @@
 // report the image's full size as maximal width and height.
 #include "orvo/decoder.h"
 
+#include <memory>
+
 struct aj2k_handle;
 
 namespace orvo {
+
+class PlanePool;
 
 class ORVO_EXPORT DecoderJPEG2000 : public AbstractDecoder {
 public:
@@ -18,15 +22,17 @@ public:
     void setScaleLevel(int level) { scaleLevel_ = level; }
     int scaleLevel() const { return scaleLevel_; }
     // Strict decoding: truncated or corrupt code streams fail. On a decoding failure the
-    // frame has already been replaced (by an empty picture); a failed size query leaves it.
+    // frame has already been replaced (by a null frame, or the unfilled picture when only the
+    // conversion failed); a failed size query leaves it.
     bool decode(unsigned char* data, int size, orvo::VideoFrame& frame, bool iframe) override;
-    unsigned char getFormat() const override { return 'r'; }
+    unsigned char getFormat() const override;
     bool is_stream_based() const override { return false; }
     bool produces_shallow_images() const override { return false; }
 
 private:
     int scaleLevel_ = 0;
     aj2k_handle* handle_ = nullptr;
+    std::unique_ptr<PlanePool> pool_;  // frames are recycled between pictures of one size
 };
 
 }  // namespace orvo

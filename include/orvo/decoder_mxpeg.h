@@ -3,17 +3,22 @@
 // MxPEG library (format code 'x' when the preference useMxPEGNative is on).
 #include "orvo/decoder.h"
 
+#include <memory>
+
 namespace orvo {
 
-// Stream decoder: every image is decoded into one reference picture that persists between
-// images (a P-frame updates what the previous images left); callers get a deep copy of it.
-// P-frames before the first I-frame fail. One instance per stream, one thread at a time.
+class PlanePool;
+
+// Stream decoder: the MxPEG library keeps the picture the images build up (a P-frame updates
+// what the previous images left) and every image gives the whole picture in a frame of its
+// own, never written again. P-frames before the first I-frame fail. One instance per stream,
+// one thread at a time.
 class ORVO_EXPORT DecoderMXPEG : public AbstractDecoder {
 public:
     DecoderMXPEG();
     ~DecoderMXPEG() override;  // frees the MxPEG library's state
     bool decode(unsigned char* data, int size, orvo::VideoFrame& frame, bool iframe) override;
-    unsigned char getFormat() const override { return 'x'; }
+    unsigned char getFormat() const override;
     bool is_stream_based() const override { return true; }
     bool produces_shallow_images() const override { return true; }
 
@@ -22,8 +27,9 @@ public:
     static constexpr int kMaxSide = ORVO_MAX_PICTURE_SIDE;
 
 private:
-    void* state_ = nullptr;       // the MxPEG library's decoding state
-    orvo::VideoFrame reference_;  // every image is decoded into it; callers get a deep copy
+    void* state_ = nullptr;  // the MxPEG library's decoding state
+    QSize size_;             // of the last I-frame's picture; invalid before the first
+    std::unique_ptr<PlanePool> pool_;
 };
 
 }  // namespace orvo

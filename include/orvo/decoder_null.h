@@ -9,7 +9,7 @@ class ORVO_EXPORT DecoderNULL : public AbstractDecoder {
 public:
     // The one process-wide instance; it is never destroyed.
     static DecoderNULL* instance();
-    unsigned char getFormat() const override { return 0; }
+    unsigned char getFormat() const override;
     bool is_stream_based() const override { return false; }
     bool produces_shallow_images() const override { return false; }
 

@@ -4,23 +4,28 @@
 // to be doubled on display); levels 1 and 2 give a quarter and a sixteenth of the frame,
 // marked (1, 1). Levels above 2 are clamped to 2.
 #include "orvo/decoder.h"
-#include "orvo/wavelet_decoder.h"
+
+#include <memory>
 
 namespace orvo {
+
+class PlanePool;
+class WaveletDecoder;
 
 class ORVO_EXPORT DecoderWavelet : public AbstractDecoder {
 public:
     DecoderWavelet(int width, int height, int scaleLevel);
     ~DecoderWavelet() override;
-    int scaleLevel() const { return wavelet_.scaleLevel(); }
+    int scaleLevel() const;
     // On a decoding failure the frame has already been replaced by the new, unfilled picture.
     bool decode(unsigned char* data, int size, orvo::VideoFrame& frame, bool iframe) override;
-    unsigned char getFormat() const override { return wavelet_.height() == 243 ? 'n' : 'p'; }
+    unsigned char getFormat() const override;  // by the field's lines
     bool is_stream_based() const override { return false; }
     bool produces_shallow_images() const override { return false; }
 
 private:
-    WaveletDecoder wavelet_;
+    std::unique_ptr<WaveletDecoder> wavelet_;
+    std::unique_ptr<PlanePool> pool_;  // frames are recycled between fields
 };
 
 }  // namespace orvo

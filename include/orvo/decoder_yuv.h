@@ -9,17 +9,25 @@
 // the start of the Y plane.
 #include "orvo/decoder.h"
 
+#include <memory>
+
 namespace orvo {
+
+class PlanePool;
 
 class ORVO_EXPORT DecoderYUV : public AbstractDecoder {
 public:
-    DecoderYUV() = default;
+    DecoderYUV();
+    ~DecoderYUV() override;
     // False, with `frame` untouched, when the size does not match the header, when a
     // rotation is not shorter than its row, or when the payload is shorter than its header.
     bool decode(unsigned char* data, int size, orvo::VideoFrame& frame, bool iframe) override;
-    unsigned char getFormat() const override { return 'y'; }
+    unsigned char getFormat() const override;
     bool is_stream_based() const override { return false; }
     bool produces_shallow_images() const override { return true; }
+
+private:
+    std::unique_ptr<PlanePool> pool_;  // frames are recycled between pictures of one size
 };
 
 }  // namespace orvo

@@ -1,6 +1,5 @@
 #pragma once
 // Every public header of the SDK's codec and utility libraries, for clients that want one include.
-#include "orvo/aj2k.h"
 #include "orvo/async_decoder.h"
 #include "orvo/async_decoder_interfaces.h"
 #include "orvo/audio_buffer_encoder.h"
@@ -25,7 +24,6 @@
 #include "orvo/ffmpeg_module.h"
 #include "orvo/image.h"
 #include "orvo/log.h"
-#include "orvo/mxpeg.h"
 #include "orvo/qimage_import.h"
 #include "orvo/rect.h"
 #include "orvo/rendering_timings.h"
@@ -36,4 +34,3 @@
 #include "orvo/video_frame.h"
 #include "orvo/video_frame_helper.h"
 #include "orvo/video_frame_qt.h"
-#include "orvo/wavelet_decoder.h"

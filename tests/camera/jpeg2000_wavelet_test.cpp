@@ -3,11 +3,11 @@
 // decoder at -lowres LEVEL (YCbCr files: opj_decompress turns those into RGB on output).
 // Wavelet fields (VC-2 made by FFmpeg's vc2 encoder) through DecoderWavelet and the wavelet
 // library, compared with FFmpeg's own decode reduced the same way.
+#include "backends/aj2k.h"
+#include "backends/wavelet_decoder.h"
 #include "common/test_streams.h"
-#include "orvo/aj2k.h"
 #include "orvo/decoder_jpeg2000.h"
 #include "orvo/decoder_wavelet.h"
-#include "orvo/wavelet_decoder.h"
 
 #include <QFileInfo>
 #include <gtest/gtest.h>

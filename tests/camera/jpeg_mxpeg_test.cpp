@@ -1,10 +1,10 @@
 // JPEG through Qt's reader (payloads with a 384-byte header), and MxPEG through DecoderMXPEG
 // and the MxPEG library: I-frames are JPEG images made by FFmpeg's mjpeg encoder; P-frames
 // are built here the way MxPEG cameras send them.
+#include "backends/mxpeg.h"
 #include "common/test_streams.h"
 #include "orvo/decoder_jpeg.h"
 #include "orvo/decoder_mxpeg.h"
-#include "orvo/mxpeg.h"
 
 #include <QImage>
 #include <QVector3D>

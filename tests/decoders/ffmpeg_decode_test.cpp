@@ -2,9 +2,9 @@
 // compared plane by plane with the ffmpeg command line's own decode; the production bound on
 // declared picture sizes (64 Mpixel: fuzz builds use a much smaller budget, and these cases
 // fail if that budget ever reaches a normal build).
+#include "backends/aj2k.h"
 #include "common/test_streams.h"
 #include "decoders/jpeg2000_boxes.h"
-#include "orvo/aj2k.h"
 #include "orvo/decoder.h"
 #include "orvo/decoder_av.h"
 #include "orvo/decoder_preferences.h"

@@ -8,12 +8,12 @@
 // under the display scale (1, 2) at level 0 and (1, 1) above:
 //   level 0: width x height,  level 1: width/2 x height,  level 2: width/4 x height/2.
 // One decoder is used by one thread at a time; decoders are independent of each other.
-#include "orvo/export.h"
+// Internal to the library: DecoderWavelet is its client.
 #include <memory>
 
 namespace orvo {
 
-class ORVO_EXPORT WaveletDecoder {
+class WaveletDecoder {
 public:
     // Not initialised (every decode fails) when the size is not positive, the output width
     // would be odd, or FFmpeg's decoder cannot be opened.

@@ -1,6 +1,6 @@
 #pragma once
-#include "orvo/export.h"
-// The SDK's MxPEG library, over FFmpeg's MxPEG decoder.
+// The SDK's MxPEG library, over FFmpeg's MxPEG decoder; internal to the library (DecoderMXPEG
+// is its client).
 //
 // MxPEG cameras send I-frames (ordinary JPEG images with a frame header) and P-frames without
 // a frame header: a COM segment "MXM" with a bitmask of the 16 x 16 macroblocks that changed
@@ -11,7 +11,7 @@
 // Width and height from the image's first frame header (SOF marker) before its scan; 0 x 0
 // for an image that carries none (a P-frame) or whose headers are damaged. Reads only
 // data[0..size).
-ORVO_EXPORT void xpegGetWH(void* data, int size, int* width, int* height);
+void xpegGetWH(void* data, int size, int* width, int* height);
 
 // Decodes one I- or P-frame of data[0..size) over the picture kept in `state` (created on
 // first use; free it with mxpegFreeState) and writes the whole picture, 8-bit 4:2:0, into:
@@ -20,7 +20,7 @@ ORVO_EXPORT void xpegGetWH(void* data, int size, int* width, int* height);
 // Throws std::runtime_error (std::bad_alloc when out of memory) when the image cannot be
 // decoded, yields no picture (a P-frame before any I-frame), or its picture is not exactly
 // width x height; nothing is written to the planes then.
-ORVO_EXPORT void mxpeg2yuv(void*& state, char* data, int size, int width, int height, void* y, void* u, void* v);
+void mxpeg2yuv(void*& state, char* data, int size, int width, int height, void* y, void* u, void* v);
 
 // Frees a state made by mxpeg2yuv and sets it to null; a null state is ignored.
-ORVO_EXPORT void mxpegFreeState(void*& state);
+void mxpegFreeState(void*& state);
