@@ -1,6 +1,7 @@
 #include "async/image_decoder.h"
 
 #include "decoders/exception_error_code.h"
+#include "decoders/frame_stamp.h"
 #include "orvo/log.h"
 
 #include <QThread>
@@ -110,10 +111,7 @@ bool ImageDecoder::decodeInto(const Image& image, VideoFrame& frame, int scale)
     if (!r) {
         if (image.isNull())
             oprint(LogStream::StandardOutput, "Image is null.\n");
-        frame.setId(image.id());
-        frame.attachImageData(image, image.payloadSize());
-        frame.setStreamId(image.streamId());
-        frame.setImage(image);
+        stampFrame(frame, image);
     }
     // A field of an interlaced picture: half the height (by the image the picture came from).
     auto scaleField = [](VideoFrame& f, const Image& source) {
