@@ -1,0 +1,240 @@
+// A camera wall as it runs live: image i of every stream is due at t0 + i * 40 ms, and
+// between pictures the decoders sleep. N = 1, 4, 16 streams of 720p and 64 of 360p, H.264
+// and H.265 (camera-like content, no B-frames, an I-frame a second).
+//   baseline: N plain libavcodec decoders (one thread each, as the library configures
+//             them) on two plain threads that each own half of the streams, decode image i
+//             of their streams when it is due and sleep until the next due time;
+//   ours:     N ConcurrentDecoders with default settings, fed from a precise timer on the
+//             owner thread.
+// Each side: 1 s of warm-up, then 4 s measured: process CPU time from the first measured
+// due time to the last frame, per measured picture, and the worst latency from an image's
+// due time to its frame. Rounds interleave the sides; ORVO_BENCH_ROUNDS sets how many
+// (default 9: one round swings by up to 15% at N = 1 on a shared machine).
+#include "bench_clips.h"
+#include "bench_report.h"
+#include "orvo/concurrent_decoder.h"
+#include "orvo/image.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QEventLoop>
+#include <QTimer>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+}
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using orvo::bench::Packet;
+using orvo::bench::processCpuSeconds;
+using Clock = std::chrono::steady_clock;
+
+constexpr int kFps = 25;
+constexpr qint64 kFrameNs = 1000000000LL / kFps;
+constexpr int kWarmFrames = kFps;       // 1 s
+constexpr int kMeasuredFrames = 4 * kFps;  // 4 s
+constexpr int kFrames = kWarmFrames + kMeasuredFrames;
+
+struct Config {
+    const char* codec;  // "H.264" or "H.265"
+    int streams;
+    int width, height;
+};
+
+const std::vector<Packet>& clip(const Config& c)
+{
+    // One clip per codec and size, made once by the ffmpeg command line.
+    static std::vector<std::pair<std::string, std::vector<Packet>>> made;
+    const bool hevc = std::string(c.codec) == "H.265";
+    const std::string name = "paced" + std::to_string(c.height) + (hevc ? ".hevc" : ".h264");
+    for (const auto& m : made)
+        if (m.first == name)
+            return m.second;
+    const std::string size = std::to_string(c.width) + "x" + std::to_string(c.height);
+    const std::string encoder = hevc ? "-c:v libx265 -preset veryfast -x265-params bframes=0:keyint=25:min-keyint=25:log-level=error -f hevc"
+                                     : "-c:v libx264 -preset veryfast -bf 0 -g 25 -keyint_min 25 -sc_threshold 0 -f h264";
+    made.emplace_back(name, orvo::bench::annexBClip("bench_paced_data", name,
+                                                    "-f lavfi -i testsrc2=size=" + size + ":rate=25,noise=alls=8:allf=t -frames:v 100 -pix_fmt yuv420p -b:v " +
+                                                        std::string(c.height >= 720 ? "2M " : "1M ") + encoder));
+    return made.back().second;
+}
+
+struct Side {
+    double cpuMsPerPicture = 0;
+    double worstLatencyMs = 0;
+};
+
+// --- plain threads and libavcodec -----------------------------------------------------------
+
+Side runRaw(const Config& c, const std::vector<Packet>& packets)
+{
+    const AVCodecID id = std::string(c.codec) == "H.265" ? AV_CODEC_ID_HEVC : AV_CODEC_ID_H264;
+    const auto t0 = Clock::now() + std::chrono::milliseconds(20);
+    std::atomic<long> measured{0};
+    std::vector<double> worst(2, 0);
+    std::vector<Clock::time_point> lastFrame(2, t0);
+    auto work = [&](int t) {
+        std::vector<AVCodecContext*> decoders;
+        for (int s = t; s < c.streams; s += 2) {
+            AVCodecContext* ctx = avcodec_alloc_context3(avcodec_find_decoder(id));
+            ctx->thread_count = 1;
+            avcodec_open2(ctx, ctx->codec, nullptr);
+            decoders.push_back(ctx);
+        }
+        AVPacket* pkt = av_packet_alloc();
+        AVFrame* frame = av_frame_alloc();
+        for (int i = 0; i < kFrames; ++i) {
+            const auto due = t0 + std::chrono::nanoseconds(kFrameNs * i);
+            std::this_thread::sleep_until(due);
+            const Packet& p = packets[size_t(i) % packets.size()];
+            for (AVCodecContext* ctx : decoders) {
+                av_new_packet(pkt, int(p.data.size()));
+                std::copy(p.data.begin(), p.data.end(), pkt->data);
+                avcodec_send_packet(ctx, pkt);
+                av_packet_unref(pkt);
+                while (avcodec_receive_frame(ctx, frame) == 0) {
+                    av_frame_unref(frame);
+                    const auto now = Clock::now();
+                    if (i >= kWarmFrames) {
+                        ++measured;
+                        worst[size_t(t)] = std::max(worst[size_t(t)], std::chrono::duration<double, std::milli>(now - due).count());
+                        lastFrame[size_t(t)] = now;
+                    }
+                }
+            }
+        }
+        av_frame_free(&frame);
+        av_packet_free(&pkt);
+        for (AVCodecContext* ctx : decoders)
+            avcodec_free_context(&ctx);
+    };
+    std::thread a(work, 0), b(work, 1);
+    std::this_thread::sleep_until(t0 + std::chrono::nanoseconds(kFrameNs * kWarmFrames));
+    const double cpu0 = processCpuSeconds();
+    a.join();
+    b.join();
+    // Closing the decoders is not part of the measured work, but costs little next to 4 s.
+    const double cpu = processCpuSeconds() - cpu0;
+    return {measured > 0 ? 1000 * cpu / double(measured) : 0, std::max(worst[0], worst[1])};
+}
+
+// --- ConcurrentDecoders fed from the owner thread --------------------------------------------
+
+Side runOurs(const Config& c, const std::vector<Packet>& packets)
+{
+    const char code = std::string(c.codec) == "H.265" ? 'e' : 'h';
+    std::vector<std::unique_ptr<orvo::ConcurrentDecoder>> decoders;
+    QEventLoop loop;
+    QElapsedTimer clock;
+    const qint64 startNs = 20000000;  // t0, on `clock`
+    long measured = 0;
+    long expected = long(c.streams) * kMeasuredFrames;
+    double worst = 0, cpu0 = 0, cpuEnd = 0;
+    for (int s = 0; s < c.streams; ++s) {
+        decoders.push_back(std::make_unique<orvo::ConcurrentDecoder>());
+        decoders.back()->useMultiThreadedMode();
+        QObject::connect(decoders.back().get(), &orvo::DecoderInterfaceSignals::frameDecoded, &loop,
+                         [&](const orvo::VideoFrame& f) {
+                             const qint64 i = qint64(f.id()) - 1;
+                             if (i < kWarmFrames)
+                                 return;
+                             worst = std::max(worst, (clock.nsecsElapsed() - startNs - i * kFrameNs) / 1e6);
+                             if (++measured == expected) {
+                                 cpuEnd = processCpuSeconds();
+                                 loop.quit();
+                             }
+                         });
+    }
+    // Payload copies per stream, as separate cameras send them.
+    std::vector<std::vector<orvo::Image>> images(size_t(c.streams));
+    for (int s = 0; s < c.streams; ++s)
+        for (int i = 0; i < kFrames; ++i) {
+            const Packet& p = packets[size_t(i) % packets.size()];
+            orvo::Image image(quint8(code), QByteArray(p.data.constData(), p.data.size()), quint64(i) + 1, qint64(i) * 40, p.key);
+            image.setAccessUnitEnd(true);
+            images[size_t(s)].push_back(image);
+        }
+    int next = 0;
+    QTimer timer;
+    timer.setTimerType(Qt::PreciseTimer);
+    timer.setSingleShot(true);
+    QObject::connect(&timer, &QTimer::timeout, [&] {
+        if (next == kWarmFrames)
+            cpu0 = processCpuSeconds();
+        for (int s = 0; s < c.streams; ++s)
+            decoders[size_t(s)]->decode(images[size_t(s)][size_t(next)]);
+        if (++next < kFrames) {
+            const qint64 waitNs = startNs + next * kFrameNs - clock.nsecsElapsed();
+            timer.start(int(std::max<qint64>(0, waitNs / 1000000)));
+        }
+    });
+    clock.start();
+    timer.start(int(startNs / 1000000));
+    QTimer::singleShot(60000, &loop, &QEventLoop::quit);  // never hang
+    loop.exec();
+    if (measured < expected)
+        std::fprintf(stderr, "ours: %ld of %ld measured pictures\n", measured, expected);
+    return {measured > 0 ? 1000 * (cpuEnd - cpu0) / double(measured) : 0, worst};
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    const char* env = std::getenv("ORVO_BENCH_ROUNDS");
+    const int rounds = env && std::atoi(env) > 0 ? std::atoi(env) : 9;
+    const std::vector<Config> configs = {
+        {"H.264", 1, 1280, 720}, {"H.264", 4, 1280, 720}, {"H.264", 16, 1280, 720}, {"H.264", 64, 640, 360},
+        {"H.265", 1, 1280, 720}, {"H.265", 4, 1280, 720}, {"H.265", 16, 1280, 720}, {"H.265", 64, 640, 360},
+    };
+    const char* only = std::getenv("ORVO_PACED_ONLY");  // the end of one row's name, e.g. "H.264 720p N=16"
+    for (const Config& c : configs) {
+        const std::string what = std::string("paced ") + c.codec + " " + std::to_string(c.height) + "p N=" + std::to_string(c.streams);
+        if (only && (what.size() < std::strlen(only) || what.compare(what.size() - std::strlen(only), std::string::npos, only) != 0))
+            continue;
+        const auto& packets = clip(c);
+        if (packets.empty()) {
+            std::printf("%s: no clip (is ffmpeg with libx264/libx265 installed?)\n", what.c_str());
+            continue;
+        }
+        std::vector<Side> raw, ours;
+        // Rates are pictures per CPU second, so the ratio reads raw / ours CPU per picture.
+        const orvo::bench::Comparison cpu = orvo::bench::interleave(
+            rounds,
+            [&] {
+                ours.push_back(runOurs(c, packets));
+                return 1000.0 / ours.back().cpuMsPerPicture;
+            },
+            [&] {
+                raw.push_back(runRaw(c, packets));
+                return 1000.0 / raw.back().cpuMsPerPicture;
+            });
+        orvo::bench::report(what + " pictures/CPU-s", cpu, "pic/cpu-s", ">= 0.97");
+        // The median round's worst latency, against raw's + 5 ms.
+        std::vector<double> worstRaw, worstOurs;
+        for (const Side& s : raw)
+            worstRaw.push_back(s.worstLatencyMs);
+        for (const Side& s : ours)
+            worstOurs.push_back(s.worstLatencyMs);
+        const double wr = orvo::bench::median(worstRaw) + 5, wo = orvo::bench::median(worstOurs);
+        char spread[96];
+        std::snprintf(spread, sizeof spread, "ours %.1f-%.1f, raw %.1f-%.1f ms",
+                      *std::min_element(worstOurs.begin(), worstOurs.end()), *std::max_element(worstOurs.begin(), worstOurs.end()),
+                      *std::min_element(worstRaw.begin(), worstRaw.end()), *std::max_element(worstRaw.begin(), worstRaw.end()));
+        orvo::bench::report(what + " worst latency / raw's + 5 ms", wo, wr, wo / wr, "ms", "<= 1.0", spread);
+    }
+    return 0;
+}
