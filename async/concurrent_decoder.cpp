@@ -45,6 +45,8 @@ void ConcurrentDecoder::useMultiThreadedMode() { ORVO_SET(setSingleThreadedMode(
 bool ConcurrentDecoder::isSingleThreadedMode() { ORVO_GET(isSingleThreadedMode(), false); }
 void ConcurrentDecoder::setWaveletScaleLevel(int level) { ORVO_SET(setScaleLevel(level)); }
 int ConcurrentDecoder::waveletScaleLevel() { ORVO_GET(scaleLevel(), 0); }
+void ConcurrentDecoder::setMaxOutputSize(const QSize& size) { ORVO_SET(setMaxOutputSize(size)); }
+QSize ConcurrentDecoder::maxOutputSize() { ORVO_GET(maxOutputSize(), QSize()); }
 void ConcurrentDecoder::setDecodeIFramesOnly(bool on) { ORVO_SET(setDecodeIFramesOnly(on)); }
 bool ConcurrentDecoder::isDecodeIFramesOnly() { ORVO_GET(isDecodeIFramesOnly(), false); }
 quint64 ConcurrentDecoder::droppedImages() { ORVO_GET(droppedImages(), 0); }

@@ -7,6 +7,8 @@
 
 #include <QThreadPool>
 
+#include <algorithm>
+
 namespace orvo {
 
 namespace {
@@ -65,6 +67,7 @@ int ConcurrentDecoderImpl::decode(const Image& image, bool clearOnIFrame, int ma
     const QSharedPointer<ConcurrentDecoderImpl> guard = weakSelf_.toStrongRef();
     settleForSynchronous();
     ImageDecoder& decoder = sequence_->decoder();
+    decoder.setMaxOutputSize(maxOutputSize_);
     VideoFrame frame;
     bool ok = false;
     bool pending = false;
@@ -100,6 +103,7 @@ int ConcurrentDecoderImpl::drain()
         return queueWork(Image(), true) ? 1 : 0;
     const QSharedPointer<ConcurrentDecoderImpl> guard = weakSelf_.toStrongRef();
     settleForSynchronous();
+    sequence_->decoder().setMaxOutputSize(maxOutputSize_);
     emitDrained(sequence_->decoder().drainAll());
     return 3;
 }
@@ -127,6 +131,8 @@ bool ConcurrentDecoderImpl::queueWork(const Image& image, bool drain)
              "Run concurrent job in thread. Img: %s. Threads pool count: %i.", image.idToString().toUtf8().constData(),
              QThreadPool::globalInstance()->activeThreadCount());
     const quint64 serial = nextSerial_++;
+    if (!drain)  // a client that repeats ids: the new image is answered
+        droppedIds_.erase(std::remove(droppedIds_.begin(), droppedIds_.end(), image.id()), droppedIds_.end());
     accepted_.push_back({serial, image, drain});
     if (sequence_->append({image, serial, drain})) {
         startedAtOnce_ = serial;
@@ -162,10 +168,20 @@ void ConcurrentDecoderImpl::takeResults()
         runningSerial_ = 0;
         if (!accepted_.empty() && accepted_.front().serial == next)
             markRunning(next);
-        if (!answersFront)
-            continue;  // cleared from the backlog, and counted, since it was taken
         if (r.epoch != epoch_) {
-            droppedImages_ += done.drain ? 0 : 1;  // cancelled while it was decoded
+            if (answersFront)
+                drop(done);  // cancelled while it was decoded
+            continue;
+        }
+        forgetDropped(r.outcome);
+        if (!answersFront) {
+            // Cleared from the backlog (and counted) after the run took it: what it answers
+            // of earlier images still goes out.
+            for (const DecoderError& ended : qAsConst(r.outcome.ended))
+                decodingError(ended);
+            decodedFrames_ += quint64(r.outcome.frames.size());
+            for (const VideoFrame& frame : qAsConst(r.outcome.frames))
+                frameFinished(frame);
             continue;
         }
         if (done.drain)
@@ -173,6 +189,30 @@ void ConcurrentDecoderImpl::takeResults()
         else
             emitResult(done.image.id(), r.outcome);
     }
+}
+
+void ConcurrentDecoderImpl::drop(const Accepted& work)
+{
+    if (work.drain)
+        return;
+    ++droppedImages_;
+    // The run may have taken it already: a later picture or end of it is not shown either.
+    droppedIds_.push_back(work.image.id());
+    if (droppedIds_.size() > 256)
+        droppedIds_.pop_front();
+}
+
+void ConcurrentDecoderImpl::forgetDropped(ImageOutcome& outcome) const
+{
+    if (droppedIds_.empty())
+        return;
+    auto dropped = [this](quint64 id) { return std::find(droppedIds_.begin(), droppedIds_.end(), id) != droppedIds_.end(); };
+    for (int i = outcome.frames.size() - 1; i >= 0; --i)
+        if (dropped(outcome.frames.at(i).id()))
+            outcome.frames.removeAt(i);
+    for (int i = outcome.ended.size() - 1; i >= 0; --i)
+        if (dropped(outcome.ended.at(i).imageId()))
+            outcome.ended.removeAt(i);
 }
 
 void ConcurrentDecoderImpl::emitDrained(const ImageOutcome& outcome)
@@ -257,7 +297,7 @@ void ConcurrentDecoderImpl::cancelAllPendingDecodings()
     ++epoch_;
     sequence_->setEpoch(epoch_);
     if (runningSerial_ != 0) {
-        droppedImages_ += accepted_.front().drain ? 0 : 1;
+        drop(accepted_.front());
         accepted_.pop_front();
         runningSerial_ = 0;
     }
@@ -271,7 +311,7 @@ void ConcurrentDecoderImpl::clearBacklog()
             ++it;
             continue;
         }
-        droppedImages_ += it->drain ? 0 : 1;
+        drop(*it);
         it = accepted_.erase(it);
     }
     sequence_->dropQueued(keep);
@@ -304,6 +344,12 @@ void ConcurrentDecoderImpl::setScaleLevel(int level)
 {
     scaleLevel_ = level;
     sequence_->setScaleLevel(level);
+}
+
+void ConcurrentDecoderImpl::setMaxOutputSize(const QSize& size)
+{
+    maxOutputSize_ = size.isEmpty() ? QSize() : size;
+    sequence_->setMaxOutputSize(maxOutputSize_);
 }
 
 void ConcurrentDecoderImpl::clear()

@@ -57,6 +57,12 @@ void StreamSequence::setScaleLevel(int level)
     scale_ = level;
 }
 
+void StreamSequence::setMaxOutputSize(const QSize& size)
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    outputSize_ = size;
+}
+
 int StreamSequence::dropQueued(quint64 keep)
 {
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -170,10 +176,13 @@ void StreamSequence::run()
         decodingEpoch_ = epoch_;
         ++takenCount_;
         const int scale = scale_;
+        const QSize outputSize = outputSize_;
         lock.unlock();
 
         // The decoder is this run's alone until the lock is taken again.
         SequenceResult result;
+        if (decoder_->maxOutputSize() != outputSize)
+            decoder_->setMaxOutputSize(outputSize);
         if (work.drain) {
             result.outcome = decoder_->drainAll();
         } else {

@@ -72,6 +72,8 @@ public:
     // append.
     ImageDecoder& decoder() { return *decoder_; }
     void setScaleLevel(int level);
+    // Applied to the decoder before each image it takes from now on.
+    void setMaxOutputSize(const QSize& size);
 
     // Observers (owner thread).
     bool isDecoding() const;                    // a run decodes an image or drain now
@@ -107,6 +109,7 @@ private:
     quint64 decodingEpoch_ = 0;
     quint64 takenCount_ = 0;
     int scale_ = 0;
+    QSize outputSize_;
     QFutureInterface<VideoFrame> future_;
     bool futureMade_ = false;
 };

@@ -1,5 +1,7 @@
 #include "backends/ffmpeg_decoding_loop.h"
 
+#include <algorithm>
+
 extern "C" {
 #include <libavutil/error.h>
 }
@@ -33,6 +35,7 @@ std::unique_ptr<FFmpegDecodingLoop> FFmpegDecodingLoop::open(const AVCodec* code
         context->thread_count = options.threads;
 #endif
     context->max_pixels = options.maxPixels;
+    context->lowres = std::min(options.lowres, int(codec->max_lowres));
     const int ret = avcodec_open2(context, codec, nullptr);
     if (ret < 0) {
         if (error)

@@ -37,6 +37,7 @@ public:
         int threads = 0;  // 0: FFmpeg's own choice; fuzz builds always decode on one thread
         // Pictures whose header declares more pixels fail before FFmpeg allocates for them.
         int64_t maxPixels = ORVO_MAX_PICTURE_PIXELS;
+        int lowres = 0;  // reduced-resolution decoding: 1/2^lowres of the size (up to the codec's max_lowres)
     };
 
     // Opens the decoder `codec` with `options`; null when memory runs out or the codec will

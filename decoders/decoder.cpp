@@ -104,6 +104,7 @@ bool Decoder::init(unsigned char type, int param)
             delete created;
             return false;
         }
+        created->setMaxOutputSize(maxOutputSize_);
         decoder_ = QSharedPointer<AbstractDecoder>(created);
     } catch (const std::bad_alloc&) {
         return false;
@@ -194,6 +195,31 @@ void Decoder::swap(Decoder& other)
     std::swap(lastStamped_, other.lastStamped_);
     ended_.swap(other.ended_);
     std::swap(failure_, other.failure_);
+    std::swap(maxOutputSize_, other.maxOutputSize_);
+}
+
+void Decoder::setMaxOutputSize(const QSize& size)
+{
+    maxOutputSize_ = size.isEmpty() ? QSize() : size;
+    if (decoder_)
+        decoder_->setMaxOutputSize(maxOutputSize_);
+}
+
+void Decoder::fitToOutputSize(orvo::VideoFrame& frame) const
+{
+    if (maxOutputSize_.isEmpty() || frame.isNull())
+        return;
+    const QSize size(frame.width(), frame.height());
+    if (size.width() <= maxOutputSize_.width() && size.height() <= maxOutputSize_.height())
+        return;
+    const QSize target = size.scaled(maxOutputSize_, Qt::KeepAspectRatio).expandedTo(QSize(1, 1));
+    // Scaled once here, on the thread that decodes (a pool thread for pooled decoders),
+    // so that the owner thread and the client handle a picture of the size shown.
+    orvo::VideoFrame small(target.width(), target.height(), frame.pixelFormat(), orvo::defaultBufferProperties);
+    if (small.isNull() || !frame.scaleTo(small, 0, 0, -1, -1))
+        return;  // out of memory: the picture goes out at its own size
+    small.setDamaged(frame.isDamaged());
+    frame = small;
 }
 
 Decoder::ImageResult Decoder::decodeImage(const orvo::Image& image, orvo::VideoFrame& frame, int param)
@@ -328,6 +354,7 @@ bool Decoder::drain(orvo::VideoFrame& frame)
 
 void Decoder::stamp(orvo::VideoFrame& frame, qint64 tag, const orvo::Image& fallback)
 {
+    fitToOutputSize(frame);
     orvo::Image image = fallback;
     if (tag == lastStamped_.first && !lastStamped_.second.isNull())
         image = lastStamped_.second;  // an image holding several access units

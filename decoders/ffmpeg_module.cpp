@@ -2,6 +2,7 @@
 
 #include "decoders/ffmpeg_log.h"
 #include "decoders/format_table.h"
+#include "decoders/jpeg_header.h"
 #include "decoders/packet_feeder.h"
 #include "orvo/decoder_preferences.h"
 #include "orvo/log.h"
@@ -124,19 +125,57 @@ void copyPicture(const AVFrame* picture, VideoFrame& frame, PlanePool& pools)
 }  // namespace
 
 struct FFmpegModule::State {
+    const AVCodec* codec = nullptr;
     std::unique_ptr<FFmpegDecodingLoop> loop;
     AVFrame* picture = av_frame_alloc();  // the picture being handed out
     sws::Scaler scaler;
     bool ok = false;
     PacketFeeder* feeder = nullptr;
+    PacketFeeder::DamagePolicy policy = PacketFeeder::DamagePolicy::Show;
     PlanePool pools;
+    QSize maxSize;
+    int lowres = 0;
 
     ~State() { av_frame_free(&picture); }
 
     // Converts `picture` into `frame` and releases it; false when the frame could not be allocated.
     bool handOut(VideoFrame& frame);
     void convert(VideoFrame& frame);
+    // A decoder (and feeder) decoding at 1/2^factor of the size; false (nothing changed) when
+    // it cannot be opened.
+    bool open(int factor);
+    // JPEG pictures are independent: the factor follows each payload's declared size.
+    void fitLowres(const unsigned char* data, int size);
 };
+
+bool FFmpegModule::State::open(int factor)
+{
+    FFmpegDecodingLoop::Options options;
+    options.lowres = factor;
+    std::unique_ptr<FFmpegDecodingLoop> opened = FFmpegDecodingLoop::open(codec, options);
+    if (!opened)
+        return false;
+    opened->context()->get_format = defaultGetFormat;
+    delete feeder;  // before the codec it feeds
+    loop = std::move(opened);
+    feeder = new PacketFeeder(*loop, policy);
+    lowres = factor;
+    return true;
+}
+
+void FFmpegModule::State::fitLowres(const unsigned char* data, int size)
+{
+    // Motion JPEG only: an MxPEG picture may update just part of the previous one, which a
+    // decoder reopened at another factor does not hold.
+    if (codec->id != AV_CODEC_ID_MJPEG || codec->max_lowres <= 0 || (maxSize.isEmpty() && lowres == 0))
+        return;
+    int w = 0, h = 0;
+    if (!maxSize.isEmpty() && !jpegPictureSize(data, size, &w, &h))
+        return;  // keep the factor: FFmpeg judges the payload itself
+    const int factor = maxSize.isEmpty() ? 0 : lowresFactorFor(w, h, maxSize.width(), maxSize.height(), codec->max_lowres);
+    if (factor != lowres)
+        open(factor);
+}
 
 FFmpegModule::FFmpegModule(const DecodeContext& context) : d(new State)
 {
@@ -149,15 +188,13 @@ FFmpegModule::FFmpegModule(const DecodeContext& context) : d(new State)
         oprint(LogStream::StandardError, "could not find codec with id:%d\n", int(id));
         return;
     }
-    d->loop = FFmpegDecodingLoop::open(codec, FFmpegDecodingLoop::Options());
-    if (!d->loop || !d->picture) {
+    d->codec = codec;
+    const bool wait = DecoderPreferences::instance()->damagedPictures() == DamagedPictures::WaitForKeyFrame;
+    d->policy = wait ? PacketFeeder::DamagePolicy::WaitForKeyFrame : PacketFeeder::DamagePolicy::Show;
+    if (!d->picture || !d->open(0)) {
         oprint(LogStream::StandardError, "could not open codec\n");
         return;
     }
-    d->loop->context()->get_format = defaultGetFormat;
-    const bool wait = DecoderPreferences::instance()->damagedPictures() == DamagedPictures::WaitForKeyFrame;
-    d->feeder = new PacketFeeder(*d->loop, wait ? PacketFeeder::DamagePolicy::WaitForKeyFrame
-                                                : PacketFeeder::DamagePolicy::Show);
     d->ok = true;
 }
 
@@ -185,6 +222,7 @@ FFmpegModule::PayloadResult FFmpegModule::decodePayload(const unsigned char* dat
 {
     if (!d->ok)
         return PayloadResult::Rejected;
+    d->fitLowres(data, size);
     const PacketFeeder::Result result = d->feeder->feed(data, size, tag, endsUnit);
     if (result == PacketFeeder::Result::Rejected) {
         if (ffmpegCategory.isTraceEnabled())
@@ -205,6 +243,8 @@ bool FFmpegModule::nextPicture(VideoFrame& frame, qint64* pictureTag)
     }
     return false;
 }
+
+void FFmpegModule::setMaxOutputSize(const QSize& size) { d->maxSize = size; }
 
 bool FFmpegModule::takeEnded(qint64* tag, QString* reason) { return d->ok && d->feeder->takeEnded(tag, reason); }
 

@@ -3,7 +3,8 @@
 // code, and checks that each image is answered by its pictures (several when it holds
 // several access units) or by one failure, never both, and only images that were given.
 // Option bit 0x80: the images are I-frames; 0x40: each ends its access unit; 0x20:
-// damaged pictures wait for the next key frame.
+// damaged pictures wait for the next key frame; 0x10: pictures at a small output size (its
+// bits 0x0f pick it), switched on and off from image to image with 0x08.
 #include "fuzz/fuzz_input.h"
 #include "fuzz/picture_check.h"
 #include "orvo/decoder.h"
@@ -68,7 +69,12 @@ inline void decodeSequence(const Input& in, unsigned char type, int param)
     Decoder decoder;
     AnswerCount answers;
     quint64 fed = 0;
+    const QSize small(1 + (in.options & 0x0f) * 24, 1 + (in.options & 0x07) * 20);
+    if (in.options & 0x10)
+        decoder.setMaxOutputSize(small);
     for (const QByteArray& chunk : in.chunks) {
+        if ((in.options & 0x18) == 0x18)
+            decoder.setMaxOutputSize(fed % 2 ? small : QSize());
         // The decoder may repair its payload in place: each image has a private copy.
         orvo::Image image(type, QByteArray(chunk.constData(), chunk.size()), ++fed, qint64(fed) * 40,
                           (in.options & 0x80) != 0);

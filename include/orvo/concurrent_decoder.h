@@ -33,6 +33,12 @@ public:
     bool isSingleThreadedMode();
     void setWaveletScaleLevel(int level);
     int waveletScaleLevel();
+    // The largest picture the client shows, e.g. its tile on a camera wall (an empty size,
+    // the default, clears it): larger pictures come out scaled down to fit, decoded smaller
+    // directly where the codec can (see Decoder::setMaxOutputSize). Scaling happens on the
+    // pool thread; it applies to images decoded from now on.
+    void setMaxOutputSize(const QSize& size);
+    QSize maxOutputSize();
     // Default off. While on, decode() refuses (returns 0) every image that is not an
     // I-frame, so none reaches the pool; switching it off resumes at the next I-frame.
     void setDecodeIFramesOnly(bool on);

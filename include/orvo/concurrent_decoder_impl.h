@@ -96,6 +96,9 @@ public:
 
     void setScaleLevel(int level);
     int scaleLevel() const { return scaleLevel_; }
+    // See Decoder::setMaxOutputSize; applies to images taken from now on.
+    void setMaxOutputSize(const QSize& size);
+    QSize maxOutputSize() const { return maxOutputSize_; }
     void setWeakPointerToThis(const QWeakPointer<ConcurrentDecoderImpl>& self) { weakSelf_ = self; }
 
     int inputQueueMaxSize() const { return inputQueueMaxSize_; }
@@ -136,6 +139,10 @@ private:
     void takeResults();
     void emitResult(quint64 imageId, const ImageOutcome& outcome);
     void emitDrained(const ImageOutcome& outcome);
+    // Accepted work that will not be answered (cleared or cancelled), counted in droppedImages().
+    void drop(const Accepted& work);
+    // Pictures and ends of dropped images that a run had taken before they were dropped.
+    void forgetDropped(ImageOutcome& outcome) const;
     // Synchronous mode: the sequence's work is done and answered, its decoder is free.
     void settleForSynchronous();
     // Accepted work behind the one being decoded.
@@ -145,6 +152,7 @@ private:
 
     std::shared_ptr<StreamSequence> sequence_;
     std::deque<Accepted> accepted_;
+    std::deque<quint64> droppedIds_;  // the latest dropped images' ids
     quint64 nextSerial_ = 1;
     quint64 startedAtOnce_ = 0;  // the last work a run was started for when it was queued
     quint64 runningSerial_ = 0;  // the accepted work being decoded as the owner knows it; 0: none
@@ -156,6 +164,7 @@ private:
     bool singleThreaded_;
     bool clearInputQueueOnIFrames_ = false;
     int scaleLevel_ = 0;
+    QSize maxOutputSize_;
     bool iframesOnly_ = false;
     // A non-I-frame was refused (also in I-frame-only mode): later ones are refused until
     // the next I-frame, which is also how switching that mode off resumes cleanly.

@@ -14,6 +14,7 @@
 #include <QList>
 #include <QPair>
 #include <QSharedPointer>
+#include <QSize>
 
 class ORVO_EXPORT AbstractDecoder {
 public:
@@ -61,6 +62,9 @@ public:
     // none is left, after which a stream decoder takes a new stream from its next I-frame.
     virtual bool drain(orvo::VideoFrame& frame);
 
+    // The largest picture the client shows (empty: no limit); a decoder that can decode
+    // smaller directly does. The dispatcher scales what is still larger.
+    virtual void setMaxOutputSize(const QSize& size) { Q_UNUSED(size); }
     // The largest picture a payload may declare (see picture_bound.h).
     static constexpr qint64 kMaxPixels = ORVO_MAX_PICTURE_PIXELS;
 
@@ -142,12 +146,22 @@ public:
     // next I-frame.
     bool drain(orvo::VideoFrame& frame);
 
+    // --- pictures at the size a client shows them ---
+    // The largest picture the client needs (an empty size clears it, the default). A larger
+    // picture comes out scaled down to fit inside it, its aspect ratio kept; the frame says
+    // its size, and its id, time and metadata stay. Motion JPEG decoded through FFmpeg is
+    // decoded smaller directly (FFmpeg's reduced resolution, 1/2 to 1/8, the smallest that
+    // still covers the size); every other format is decoded in full and scaled once.
+    void setMaxOutputSize(const QSize& size);
+    QSize maxOutputSize() const { return maxOutputSize_; }
+
     // The held format decoder (null before init); pooled jobs keep a copy alive while they run.
     QSharedPointer<AbstractDecoder> formatDecoder() const { return decoder_; }
 
 private:
     bool run(const unsigned char* data, int size, orvo::VideoFrame& frame, bool iframe);
     void stamp(orvo::VideoFrame& frame, qint64 tag, const orvo::Image& fallback);
+    void fitToOutputSize(orvo::VideoFrame& frame) const;
     // The format decoder's further pictures and ended payloads after a decode or drain;
     // true when `currentTag` itself ended (`reason` receives why).
     bool collectAnswers(qint64 currentTag, QString* reason);
@@ -161,4 +175,5 @@ private:
     QList<orvo::VideoFrame> pictures_;
     QList<EndedImage> ended_;
     QString failure_;
+    QSize maxOutputSize_;
 };

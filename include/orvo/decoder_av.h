@@ -30,6 +30,7 @@ public:
     bool fail() const override { return !module_.isOpen(); }
 
     FormatIn formatIn() const { return format_; }
+    void setMaxOutputSize(const QSize& size) override { module_.setMaxOutputSize(size); }
 
 protected:
     FFmpegModule& module() { return module_; }

@@ -8,6 +8,7 @@
 
 #include <QByteArray>
 #include <QImage>
+#include <QSize>
 #include <QtGlobal>
 
 namespace orvo {
@@ -70,6 +71,9 @@ public:
     bool nextPicture(VideoFrame& frame, qint64* pictureTag);
     // A payload tag that will never give a picture, with the reason; false once none is left.
     bool takeEnded(qint64* tag, QString* reason);
+    // The largest picture the client shows (empty: no limit). Motion JPEG is then decoded at
+    // FFmpeg's reduced resolution, the smallest that still covers that size.
+    void setMaxOutputSize(const QSize& size);
     // Why the last payload was rejected.
     QString rejectReason() const;
     // End of stream: one picture the decoder still holds per call, with its tag; false
