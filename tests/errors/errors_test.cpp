@@ -1,5 +1,6 @@
 // Failures of a client's first hour answer with their cause: length-prefixed H.264/H.265
-// (decoded after conversion, or refused with a reason that names both forms).
+// (decoded after conversion, or refused with a reason that names both forms), an unknown
+// container name, and a picture size the codec refuses.
 #include "async/async_test_util.h"
 #include "orvo/concurrent_decoder.h"
 #include "orvo/decoder.h"
@@ -116,6 +117,49 @@ TEST(Errors, APayloadOfNeitherFormIsRefusedWithBothNamed)
         EXPECT_TRUE(reason.contains(QLatin1String("no start code")) && reason.contains(QLatin1String("4-byte")))
             << reason.toStdString();
     }
+}
+
+// --- encoder ----------------------------------------------------------------------------------
+
+bool openEncoder(Encoder& encoder, const QString& path, const char* container, int width, int height,
+                 EncoderError& error)
+{
+    return encoder.open(1, path.toStdString(), container, AV_CODEC_ID_H264, width, height, 1, 1, 400000, 0, 25, 1,
+                        12, 0, 0, 0, 0, nullptr, error);
+}
+
+TEST(Errors, AnUnknownContainerNameFailsOpenWithTheName)
+{
+    SinkCapture lines;  // keeps the encoder's lines out of the test's output
+    const QString path = dataDir() + QStringLiteral("/errors_container.mp4");
+    QFile::remove(path);
+    Encoder encoder(1);
+    EncoderError error;
+    EXPECT_FALSE(openEncoder(encoder, path, "foo", 64, 48, error));
+    EXPECT_EQ(error.errorId(), EncoderError::NoSuitableOutputFormat);
+    EXPECT_NE(error.additionalInfo().find("\"foo\""), std::string::npos) << error.additionalInfo();
+    EXPECT_FALSE(QFile::exists(path)) << "nothing written under a guessed container";
+    // The same output under a name FFmpeg knows.
+    EXPECT_TRUE(openEncoder(encoder, path, "mp4", 64, 48, error)) << error.additionalInfo();
+    encoder.close();
+}
+
+TEST(Errors, ASizeTheCodecRefusesIsNamedWithTheRule)
+{
+    SinkCapture lines;
+    const QString path = dataDir() + QStringLiteral("/errors_size.mp4");
+    Encoder encoder(1);
+    EncoderError error;
+    EXPECT_FALSE(openEncoder(encoder, path, "mp4", 641, 361, error));
+    EXPECT_EQ(error.errorId(), EncoderError::CouldNotOpenCodecs);
+    EXPECT_EQ(error.toString(), "Neither video nor audio could be opened.");
+    const std::string info = error.additionalInfo();
+    EXPECT_NE(info.find("641x361"), std::string::npos) << info;
+    EXPECT_NE(info.find("even width and height"), std::string::npos) << info;
+    EXPECT_EQ(lines.count(QStringLiteral("641x361")), 1) << "the reason is logged once";
+    // One pixel less each way is served.
+    EXPECT_TRUE(openEncoder(encoder, path, "mp4", 640, 360, error)) << error.additionalInfo();
+    encoder.close();
 }
 
 }  // namespace
