@@ -1,6 +1,7 @@
 // Failures of a client's first hour answer with their cause: length-prefixed H.264/H.265
 // (decoded after conversion, or refused with a reason that names both forms), an unknown
-// container name, and a picture size the codec refuses.
+// container name, a picture size the codec refuses, and a pooled decoder whose owner thread
+// runs no event loop.
 #include "async/async_test_util.h"
 #include "orvo/concurrent_decoder.h"
 #include "orvo/decoder.h"
@@ -160,6 +161,31 @@ TEST(Errors, ASizeTheCodecRefusesIsNamedWithTheRule)
     // One pixel less each way is served.
     EXPECT_TRUE(openEncoder(encoder, path, "mp4", 640, 360, error)) << error.additionalInfo();
     encoder.close();
+}
+
+// --- a pooled decoder on a thread that runs no event loop -------------------------------------
+
+TEST(Errors, ResultsThatWaitForAnOwnerWithoutEventLoopGiveOneWarning)
+{
+    SinkCapture lines;
+    const QString warning = QStringLiteral("runs no Qt event loop");
+    ConcurrentDecoder decoder;
+    Recorder rec;
+    rec.attach(&decoder);
+    // An owner that runs its event loop hears nothing of it.
+    ASSERT_EQ(decoder.decode(Image('y', rawYuv(16, 16, 1), 1)), 1);
+    ASSERT_TRUE(waitUntil([&] { return rec.frames.size() == 1; }));
+
+    // Now the owner keeps decoding without returning to its event loop.
+    ASSERT_EQ(decoder.decode(Image('y', rawYuv(16, 16, 2), 2)), 1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(2300));
+    ASSERT_EQ(decoder.decode(Image('y', rawYuv(16, 16, 3), 3)), 1);
+    EXPECT_EQ(lines.count(warning), 1);
+    ASSERT_EQ(decoder.decode(Image('y', rawYuv(16, 16, 4), 4)), 1);
+    ASSERT_TRUE(waitUntil([&] { return rec.frames.size() == 4; }));
+    EXPECT_EQ(rec.ids(), idRange(1, 4)) << "the results still arrive, in order";
+    EXPECT_EQ(lines.count(warning), 1) << "one warning per decoder";
+    EXPECT_TRUE(poolGoesIdle());
 }
 
 }  // namespace
