@@ -225,10 +225,11 @@ bool StreamReader::openData(const QByteArray& data, const QString& formatName)
     }
     d->format->pb = d->io;
     d->format->flags |= AVFMT_FLAG_CUSTOM_IO;
-    // On failure avformat_open_input frees the context (not the custom I/O).
     AVDictionary* options = nullptr;
     if (d->frameRate > 0)
         av_dict_set(&options, "framerate", QByteArray::number(d->frameRate, 'g', 10).constData(), 0);
+    d->wait.begin(0);  // memory never keeps a reader waiting
+    // On failure avformat_open_input frees the context (not the custom I/O).
     const int ret = avformat_open_input(&d->format, nullptr, forced, &options);
     av_dict_free(&options);
     if (ret < 0)
