@@ -41,8 +41,13 @@ void AsyncDecoder::setWeakAsyncDecoder(const WeakAsyncDecoder& weak)
 
 void AsyncDecoder::myconnect()
 {
-    if (interface_)
-        connect(interface_.data(), &DecoderInterfaceSignals::frameDecoded, this, &AsyncDecoder::slotFrameFinished);
+    if (!interface_)
+        return;
+    connect(interface_.data(), &DecoderInterfaceSignals::frameDecoded, this, &AsyncDecoder::slotFrameFinished);
+    // Errors reach the handle too: a client connecting to the signal it sees on the handle
+    // must not wait in vain. Clients connected to the implementation still get each once.
+    connect(interface_.data(), &DecoderInterfaceSignals::error, this,
+            [this](const DecoderError& error) { decodingError(error); });
 }
 
 void AsyncDecoder::slotFrameFinished(const orvo::VideoFrame& vf)

@@ -1,11 +1,28 @@
 #include "async/stream_sequence.h"
 
 #include "async/decode_scheduler.h"
+#include "orvo/log.h"
 
 #include <sys/eventfd.h>
 #include <unistd.h>
 
 namespace orvo {
+namespace {
+
+LogCategory sequenceLog("orvo.async.decoder");
+// Results wait this long only for an owner thread without a running event loop (or one
+// that is blocked).
+constexpr auto kOwnerLate = std::chrono::seconds(2);
+
+void warnOwnerLate()
+{
+    olog(sequenceLog, LOG_WARNING, "orvo::ConcurrentDecoderImpl::decode",
+         "Decoded pictures have waited more than 2 s for the thread that owns the decoder: that thread runs "
+         "no Qt event loop (or it is blocked), so frameDecoded and error cannot be delivered. Create and use "
+         "pooled decoders on a thread that runs QCoreApplication::exec() or a QEventLoop.");
+}
+
+}  // namespace
 
 StreamSequence::StreamSequence(QObject* owner, std::function<void()> wake)
     : wakeFd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
@@ -38,10 +55,17 @@ bool StreamSequence::append(SequenceWork work)
     if (closed_)
         return false;
     inbox_.push_back(std::move(work));
-    if (state_ != State::Idle)
+    const bool late = ownerLateLocked();
+    if (state_ != State::Idle) {
+        lock.unlock();
+        if (late)
+            warnOwnerLate();
         return false;  // a run is on its way or going: it takes the work in turn
+    }
     state_ = State::Requested;
     lock.unlock();
+    if (late)
+        warnOwnerLate();
     return DecodeScheduler::instance()->request(shared_from_this());
 }
 
@@ -150,6 +174,8 @@ void StreamSequence::post(SequenceResult result)
     if (closed_)
         return;
     const bool wasEmpty = outbox_.empty();
+    if (wasEmpty)
+        outboxSince_ = std::chrono::steady_clock::now();
     outbox_.push_back(std::move(result));
     // One wake-up per batch: the owner takes results until the outbox is empty.
     if (wasEmpty && wakeFd_ < 0) {
@@ -162,10 +188,19 @@ void StreamSequence::post(SequenceResult result)
     }
 }
 
+bool StreamSequence::ownerLateLocked()
+{
+    if (warnedOwnerLate_ || outbox_.empty() || std::chrono::steady_clock::now() - outboxSince_ < kOwnerLate)
+        return false;
+    warnedOwnerLate_ = true;
+    return true;
+}
+
 void StreamSequence::run()
 {
     DecodeScheduler* const scheduler = DecodeScheduler::instance().data();
     std::unique_lock<std::mutex> lock(mutex_);
+    bool late = false;
     state_ = State::Running;
     for (;;) {
         if (closed_ || inbox_.empty())
@@ -205,6 +240,7 @@ void StreamSequence::run()
         const bool goOn = !closed_ && !inbox_.empty() && !scheduler->othersWaiting();
         result.nextSerial = goOn ? inbox_.front().serial : 0;
         post(std::move(result));
+        late = ownerLateLocked() || late;
         changed_.notify_all();
         if (!goOn)
             break;
@@ -213,6 +249,8 @@ void StreamSequence::run()
     state_ = again ? State::Requested : State::Idle;
     changed_.notify_all();
     lock.unlock();
+    if (late)
+        warnOwnerLate();
     scheduler->finish(again ? shared_from_this() : nullptr);
 }
 

@@ -20,6 +20,7 @@
 #include <QFutureInterface>
 #include <QObject>
 #include <QSocketNotifier>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -89,6 +90,9 @@ private:
     enum class State { Idle, Requested, Running };
     bool requestRunLocked();  // true when the caller must ask the scheduler for a run
     void post(SequenceResult result);  // under mutex_
+    // True the first time results have waited in the outbox longer than the owner thread of
+    // a running event loop ever lets them (under mutex_); the caller then warns, unlocked.
+    bool ownerLateLocked();
 
     // The owner thread's wake-up: an event counter its event loop watches. Pool threads
     // only write to it, so no Qt object is touched off the owner thread.
@@ -102,6 +106,8 @@ private:
     std::condition_variable changed_;
     std::deque<SequenceWork> inbox_;
     std::deque<SequenceResult> outbox_;
+    std::chrono::steady_clock::time_point outboxSince_;  // when the outbox last became non-empty
+    bool warnedOwnerLate_ = false;
     State state_ = State::Idle;
     bool closed_ = false;
     bool decoding_ = false;

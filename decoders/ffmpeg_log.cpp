@@ -20,7 +20,27 @@ QMutex modeMutex;
 FFmpegLogMode currentMode = FFmpegLogMode::Silenced;
 bool callbackInstalled = false;  // a callback of ours is in FFmpeg
 
-void ignoreFFmpegLog(void*, int, const char*, va_list) {}
+thread_local FFmpegErrorCapture* currentCapture = nullptr;
+constexpr int kCapturedLines = 4;
+
+// Hands an error line to the capture of this thread, if there is one.
+void captureFFmpegLine(void* context, int level, const char* format, va_list args)
+{
+    if (level > AV_LOG_ERROR || !currentCapture)
+        return;
+    char line[1024];
+    int printPrefix = 0;  // the "[tcp @ 0x...]" prefix says nothing to a client
+    va_list copy;
+    va_copy(copy, args);
+    av_log_format_line2(context, level, format, copy, line, sizeof line, &printPrefix);
+    va_end(copy);
+    currentCapture->add(QString::fromUtf8(line).trimmed());
+}
+
+void ignoreFFmpegLog(void* context, int level, const char* format, va_list args)
+{
+    captureFFmpegLine(context, level, format, args);
+}
 
 unsigned levelOf(int ffmpegLevel)
 {
@@ -40,6 +60,7 @@ unsigned levelOf(int ffmpegLevel)
 // FFmpeg hands over pieces of lines; each thread collects its own until the line end.
 void forwardFFmpegLog(void* context, int level, const char* format, va_list args)
 {
+    captureFFmpegLine(context, level, format, args);
     if (level > av_log_get_level() || !ffmpegLog.isEnabled(levelOf(level)))
         return;
     thread_local std::string pending;
@@ -86,6 +107,21 @@ void install(FFmpegLogMode mode)
 }
 
 }  // namespace
+
+FFmpegErrorCapture::FFmpegErrorCapture() : outer_(currentCapture) { currentCapture = this; }
+
+FFmpegErrorCapture::~FFmpegErrorCapture() { currentCapture = outer_; }
+
+void FFmpegErrorCapture::add(const QString& line)
+{
+    if (line.isEmpty() || lines_.contains(line))
+        return;
+    lines_.append(line);
+    if (lines_.size() > kCapturedLines)
+        lines_.removeFirst();
+}
+
+QString FFmpegErrorCapture::text() const { return lines_.join(QStringLiteral("; ")); }
 
 void setFFmpegLogMode(FFmpegLogMode mode)
 {

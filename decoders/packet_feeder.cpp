@@ -28,10 +28,13 @@ PacketFeeder::PacketFeeder(FFmpegDecodingLoop& loop, DamagePolicy policy)
       })
 {
     format_ = formats::forCodec(codec_->codec_id);
-    if (format_ && format_->parser == formats::Parser::H264)
-        splitter_ = std::make_unique<AccessUnitSplitter>(AccessUnitSplitter::Codec::H264);
-    else if (format_ && format_->parser == formats::Parser::Hevc)
-        splitter_ = std::make_unique<AccessUnitSplitter>(AccessUnitSplitter::Codec::Hevc);
+    const formats::Parser parser = format_ ? format_->parser : formats::Parser::None;
+    if (parser != formats::Parser::None) {
+        const auto codec =
+            parser == formats::Parser::H264 ? AccessUnitSplitter::Codec::H264 : AccessUnitSplitter::Codec::Hevc;
+        splitter_ = std::make_unique<AccessUnitSplitter>(codec);
+        form_ = std::make_unique<NalPayloadForm>(codec);
+    }
 }
 
 PacketFeeder::~PacketFeeder()
@@ -50,9 +53,23 @@ PacketFeeder::Result PacketFeeder::feed(const uint8_t* data, int size, qint64 ta
         rejectReason_ = QStringLiteral("empty payload");
         return Result::Rejected;
     }
-    if (format_ && format_->byteStream && AccessUnitSplitter::findStartCode(data, size, 0) < 0) {
-        rejectReason_ = QStringLiteral("no start code: the payload is not a byte stream with start codes "
-                                       "(length-prefixed NAL units must be converted first)");
+    if (form_) {
+        switch (form_->classify(data, size)) {
+        case NalPayloadForm::Form::StartCodes:
+            break;
+        case NalPayloadForm::Form::LengthPrefixed:
+            NalPayloadForm::toStartCodes(data, size, converted_);
+            data = converted_.data();
+            break;
+        case NalPayloadForm::Form::Neither:
+            rejectReason_ = QStringLiteral("not %1 NAL units: no start code, and no 4-byte big-endian lengths "
+                                           "that cover the payload")
+                                .arg(QLatin1String(format_->name));
+            return Result::Rejected;
+        }
+    } else if (format_ && format_->byteStream && AccessUnitSplitter::findStartCode(data, size, 0) < 0) {
+        rejectReason_ = QStringLiteral("no start code: the payload is not a %1 byte stream")
+                            .arg(QLatin1String(format_->name));
         return Result::Rejected;
     }
     if (draining_)

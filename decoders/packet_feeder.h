@@ -17,9 +17,14 @@
 // key picture sent after it came out, when far more units followed than any decoder
 // holds, or at the drain.
 //
+// H.264 and H.265 payloads may come with start codes or length-prefixed (4-byte
+// big-endian sizes, as MP4 and many SDKs hand them over); the latter are converted to start
+// codes first (NalPayloadForm).
+//
 // One feeder per decoder, used from one thread at a time.
 #include "backends/ffmpeg_decoding_loop.h"
 #include "decoders/access_unit_splitter.h"
+#include "decoders/nal_payload_form.h"
 
 #include <QString>
 #include <QtGlobal>
@@ -80,6 +85,8 @@ private:
     const formats::Format* format_ = nullptr;  // null for a codec without a row
     DamagePolicy policy_;
     std::unique_ptr<AccessUnitSplitter> splitter_;  // H.264 and H.265 only
+    std::unique_ptr<NalPayloadForm> form_;          // with the splitter
+    std::vector<uint8_t> converted_;                // a length-prefixed payload in start-code form
     const AccessUnitSplitter::Sink sendUnit_;
     const FFmpegDecodingLoop::FrameReady acceptFrame_;
     std::deque<AVFrame*> ready_;

@@ -1,6 +1,8 @@
 #include "orvo/stream_reader.h"
 
+#include "decoders/ffmpeg_log.h"
 #include "decoders/format_table.h"
+#include "decoders/source_wait.h"
 
 #include <QFile>
 
@@ -8,6 +10,7 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavcodec/bsf.h>
 #include <libavformat/avformat.h>
+#include <libavutil/dict.h>
 #include <libavutil/mem.h>
 }
 
@@ -86,11 +89,14 @@ const char* cameraFormFilter(const AVCodecParameters* par, const AVInputFormat* 
     return nullptr;
 }
 
-QString averror(int code)
+const char* transportName(StreamReader::Transport transport)
 {
-    char text[AV_ERROR_MAX_STRING_SIZE] = {0};
-    av_strerror(code, text, sizeof text);
-    return QString::fromUtf8(text);
+    switch (transport) {
+    case StreamReader::Transport::Tcp: return "tcp";
+    case StreamReader::Transport::Udp: return "udp";
+    case StreamReader::Transport::Auto: break;
+    }
+    return nullptr;
 }
 
 }  // namespace
@@ -105,7 +111,15 @@ struct StreamReader::State {
     quint8 code = 0;
     quint64 nextId = 1;
     bool inputDone = false;
+    bool network = false;
+    qint64 untimedTicks = 0;  // raw streams: the time so far, in the stream's time base
+    QString source;           // as messages name it
     QString error;
+    // Settings, kept across open and close.
+    Transport transport = Transport::Auto;
+    int timeoutMs = kDefaultTimeoutMs;
+    double frameRate = kDefaultFrameRate;
+    SourceWait wait;
 
     void reset()
     {
@@ -121,6 +135,8 @@ struct StreamReader::State {
         code = 0;
         nextId = 1;
         inputDone = false;
+        network = false;
+        untimedTicks = 0;
     }
 };
 
@@ -145,12 +161,41 @@ bool StreamReader::fail(const QString& message)
     return false;
 }
 
+void StreamReader::setTransport(Transport transport) { d->transport = transport; }
+StreamReader::Transport StreamReader::transport() const { return d->transport; }
+void StreamReader::setTimeout(int milliseconds) { d->timeoutMs = milliseconds; }
+int StreamReader::timeout() const { return d->timeoutMs; }
+void StreamReader::setFrameRate(double framesPerSecond) { d->frameRate = framesPerSecond; }
+double StreamReader::frameRate() const { return d->frameRate; }
+void StreamReader::interrupt() { d->wait.stop(); }
+bool StreamReader::isInterrupted() const { return d->wait.isStopped(); }
+bool StreamReader::isNetworkStream() const { return d->network; }
+
 bool StreamReader::open(const QString& path)
 {
     d->reset();
     d->error.clear();
-    if (avformat_open_input(&d->format, QFile::encodeName(path).constData(), nullptr, nullptr) < 0)
-        return fail(QStringLiteral("cannot open %1").arg(path));
+    d->source = displayName(path);
+    if (d->wait.isStopped())
+        return fail(QStringLiteral("cannot open %1: interrupted").arg(d->source));
+    applyFFmpegLogMode();  // FFmpeg's complaints reach the client's sink, or nowhere
+    d->format = avformat_alloc_context();
+    if (!d->format)
+        return fail(QStringLiteral("out of memory"));
+    d->format->interrupt_callback = d->wait.callback();
+    d->network = isNetworkUrl(path);
+    AVDictionary* options = nullptr;
+    if (d->network)
+        addNetworkOptions(path, transportName(d->transport), d->timeoutMs, &options);
+    else if (d->frameRate > 0)  // raw elementary streams without timing of their own run at this rate
+        av_dict_set(&options, "framerate", QByteArray::number(d->frameRate, 'g', 10).constData(), 0);
+    FFmpegErrorCapture said;
+    d->wait.begin(d->network ? d->timeoutMs : 0);
+    const int ret = avformat_open_input(&d->format, QFile::encodeName(path).constData(), nullptr, &options);
+    av_dict_free(&options);
+    // On failure avformat_open_input has freed the context.
+    if (ret < 0)
+        return fail(QStringLiteral("cannot open %1: %2").arg(d->source, d->wait.reason(ret, said.text())));
     return start();
 }
 
@@ -158,6 +203,7 @@ bool StreamReader::openData(const QByteArray& data, const QString& formatName)
 {
     d->reset();
     d->error.clear();
+    d->source = QStringLiteral("the stream in memory");
     if (data.isEmpty())
         return fail(QStringLiteral("no data"));
     const AVInputFormat* forced = nullptr;
@@ -179,16 +225,25 @@ bool StreamReader::openData(const QByteArray& data, const QString& formatName)
     }
     d->format->pb = d->io;
     d->format->flags |= AVFMT_FLAG_CUSTOM_IO;
+    AVDictionary* options = nullptr;
+    if (d->frameRate > 0)
+        av_dict_set(&options, "framerate", QByteArray::number(d->frameRate, 'g', 10).constData(), 0);
+    d->wait.begin(0);  // memory never keeps a reader waiting
     // On failure avformat_open_input frees the context (not the custom I/O).
-    if (avformat_open_input(&d->format, nullptr, forced, nullptr) < 0)
+    const int ret = avformat_open_input(&d->format, nullptr, forced, &options);
+    av_dict_free(&options);
+    if (ret < 0)
         return fail(QStringLiteral("not a media stream"));
     return start();
 }
 
 bool StreamReader::start()
 {
-    if (avformat_find_stream_info(d->format, nullptr) < 0)
-        return fail(QStringLiteral("cannot read the stream's parameters"));
+    FFmpegErrorCapture said;
+    const int ret = avformat_find_stream_info(d->format, nullptr);
+    if (ret < 0 || d->wait.isStopped() || d->wait.isOverdue())
+        return fail(QStringLiteral("cannot read the parameters of %1: %2")
+                        .arg(d->source, d->wait.reason(ret < 0 ? ret : AVERROR_EXIT, said.text())));
     d->stream = av_find_best_stream(d->format, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
     if (d->stream < 0)
         return fail(QStringLiteral("no video stream"));
@@ -219,6 +274,7 @@ void StreamReader::close()
 {
     d->reset();
     d->error.clear();
+    d->wait.clearStop();
 }
 
 bool StreamReader::isOpen() const { return d->format != nullptr; }
@@ -227,34 +283,38 @@ StreamReader::Result StreamReader::read(Image& image)
 {
     if (!d->format || !d->packet)
         return Result::Error;
+    if (d->wait.isStopped())
+        return failRead(QStringLiteral("reading %1: interrupted").arg(d->source));
     AVPacket* pkt = d->packet;
-    AVStream* video = d->format->streams[d->stream];
+    d->wait.begin(d->network ? d->timeoutMs : 0);
     for (;;) {
         if (d->filter) {
             const int ret = av_bsf_receive_packet(d->filter, pkt);
             if (ret == AVERROR_EOF)
                 return Result::End;
-            if (ret < 0 && ret != AVERROR(EAGAIN)) {
-                d->error = QStringLiteral("conversion failed: %1").arg(averror(ret));
-                return Result::Error;
-            }
+            if (ret < 0 && ret != AVERROR(EAGAIN))
+                return failRead(QStringLiteral("conversion failed: %1").arg(ffmpegErrorText(ret)));
         }
         if (!d->filter || pkt->size == 0 || !pkt->data) {
             // Nothing filtered yet: read the next packet of the video stream.
             if (d->inputDone)
                 return Result::End;
+            FFmpegErrorCapture said;
             const int ret = av_read_frame(d->format, pkt);
             if (ret == AVERROR_EOF || (ret < 0 && avio_feof(d->format->pb))) {
                 d->inputDone = true;
+                // FFmpeg tells a finished session from a closed connection by neither.
+                if (d->network)
+                    d->error = QStringLiteral("%1: the server ended the stream or closed the connection")
+                                   .arg(d->source);
                 if (!d->filter)
                     return Result::End;
                 av_bsf_send_packet(d->filter, nullptr);
                 continue;
             }
-            if (ret < 0) {
-                d->error = QStringLiteral("read failed: %1").arg(averror(ret));
-                return Result::Error;
-            }
+            if (ret < 0)
+                return failRead(
+                    QStringLiteral("reading %1 failed: %2").arg(d->source, d->wait.reason(ret, said.text())));
             if (pkt->stream_index != d->stream || pkt->size <= 0) {
                 av_packet_unref(pkt);
                 continue;
@@ -265,13 +325,32 @@ StreamReader::Result StreamReader::read(Image& image)
                 continue;
             }
         }
-        const qint64 stamp = pkt->pts != AV_NOPTS_VALUE ? pkt->pts : pkt->dts;
-        const qint64 ms = stamp == AV_NOPTS_VALUE ? 0 : av_rescale_q(stamp, video->time_base, AVRational{1, 1000});
-        image = Image(d->code, QByteArray(reinterpret_cast<const char*>(pkt->data), pkt->size), d->nextId++, ms,
-                      (pkt->flags & AV_PKT_FLAG_KEY) != 0);
+        image = Image(d->code, QByteArray(reinterpret_cast<const char*>(pkt->data), pkt->size), d->nextId++,
+                      timeOf(pkt), (pkt->flags & AV_PKT_FLAG_KEY) != 0);
+        image.setAccessUnitEnd(true);  // one packet is one whole access unit
         av_packet_unref(pkt);
         return Result::Image;
     }
+}
+
+StreamReader::Result StreamReader::failRead(const QString& message)
+{
+    d->error = message;
+    return Result::Error;
+}
+
+// Milliseconds from the packet's time stamp; a raw stream's packets have none and are
+// timed by their durations (the stream's timing, or the frame rate given).
+qint64 StreamReader::timeOf(const AVPacket* pkt)
+{
+    const AVRational tb = d->format->streams[d->stream]->time_base;
+    const qint64 stamp = pkt->pts != AV_NOPTS_VALUE ? pkt->pts : pkt->dts;
+    if (stamp != AV_NOPTS_VALUE)
+        return av_rescale_q(stamp, tb, AVRational{1, 1000});
+    const qint64 at = d->untimedTicks;
+    const double rate = d->frameRate > 0 ? d->frameRate : kDefaultFrameRate;
+    d->untimedTicks += pkt->duration > 0 ? pkt->duration : qint64(av_q2d(av_inv_q(tb)) / rate);
+    return av_rescale_q(at, tb, AVRational{1, 1000});
 }
 
 quint8 StreamReader::formatCode() const { return d->code; }

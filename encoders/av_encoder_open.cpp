@@ -97,6 +97,13 @@ bool AVEncoder::open(const std::string& filename, const std::string& formatName,
     if (formatContext_)
         close();
 
+    // A container named but unknown is a mistake to report, not a guess to make.
+    if (!formatName.empty() && !av_guess_format(formatName.c_str(), nullptr, nullptr)) {
+        error.setErrorId(EncoderError::NoSuitableOutputFormat);
+        error.setAdditionalInfo("unknown container format \"" + formatName +
+                                "\" (FFmpeg muxer names such as mp4, matroska, mov, avi, mpegts)");
+        return false;
+    }
     const AVOutputFormat* format = outputFormatFor(filename, formatName);
     if (!format) {
         error.setErrorId(EncoderError::NoSuitableOutputFormat);
@@ -198,6 +205,8 @@ bool AVEncoder::openCodecs(EncoderError& error)
     if (!videoOpened && !audioOpened) {
         closeResources();
         error.setErrorId(EncoderError::CouldNotOpenCodecs);
+        if (!videoRefusal_.empty())
+            error.setAdditionalInfo(videoRefusal_);
         return false;
     }
     return true;

@@ -1,12 +1,14 @@
 // AVEncoder: adding the video and audio streams and opening their encoders.
 #include "orvo/av_encoder.h"
 
+#include "decoders/ffmpeg_log.h"
 #include "orvo/log.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavutil/channel_layout.h>
 #include <libavutil/opt.h>
+#include <libavutil/pixdesc.h>
 #include <libswresample/swresample.h>
 }
 
@@ -25,6 +27,27 @@ const AVCodec* videoEncoderFor(AVCodecID codec)
         if (const AVCodec* x265 = avcodec_find_encoder_by_name("libx265"))
             return x265;
     return avcodec_find_encoder(codec);
+}
+
+// Why `c` refused to open, in words: the size rule of its chroma subsampling when the size
+// breaks it, else FFmpeg's reason and what it logged.
+std::string refusalOf(const AVCodecContext* c, const char* encoder, int err, const QString& logged)
+{
+    const std::string size = std::to_string(c->width) + "x" + std::to_string(c->height);
+    std::string why;
+    const AVPixFmtDescriptor* desc = av_pix_fmt_desc_get(c->pix_fmt);
+    if (desc && (desc->log2_chroma_w || desc->log2_chroma_h) &&
+        ((c->width & ((1 << desc->log2_chroma_w) - 1)) || (c->height & ((1 << desc->log2_chroma_h) - 1)))) {
+        why = desc->log2_chroma_h ? "4:2:0 pictures need an even width and height"
+                                  : "4:2:2 pictures need an even width";
+    } else {
+        char text[AV_ERROR_MAX_STRING_SIZE] = {0};
+        av_strerror(err, text, sizeof text);
+        why = text;
+    }
+    if (!logged.isEmpty())
+        why += " (FFmpeg: " + logged.toStdString() + ")";
+    return std::string("video encoder ") + encoder + " refused " + size + ": " + why;
 }
 }  // namespace
 
@@ -103,16 +126,21 @@ AVStream* AVEncoder::add_audio_stream(AVCodecID codec, int bitRate, int sampleRa
 
 bool AVEncoder::open_video(int bufferSize)
 {
+    videoRefusal_.clear();
     const AVCodec* codec = videoEncoderFor(videoCodecId_);
     if (!codec) {
         olog(encoderLog, LOG_ERROR, "orvo::AVEncoder::open_video", "Video codec not found, codec id: %d",
              static_cast<int>(videoCodecId_));
+        videoRefusal_ = std::string("no video encoder for ") + avcodec_get_name(videoCodecId_) + " in this FFmpeg";
         return false;
     }
+    FFmpegErrorCapture said;
     const int err = avcodec_open2(videoContext_, codec, nullptr);
     if (err < 0) {
         olog(encoderLog, LOG_ERROR, "orvo::AVEncoder::open_video", "Could not open codec. avcodec_open2() failed, err: %d",
              err);
+        videoRefusal_ = refusalOf(videoContext_, codec->name, err, said.text());
+        olog(encoderLog, LOG_ERROR, "orvo::AVEncoder::open_video", "%s", videoRefusal_.c_str());
         return false;
     }
     if (videoOutBufferRecorded_) {

@@ -76,6 +76,12 @@ def main():
     save("fuzz_decode_h264", "nal_per_image", 0x07, [u + aud + b"\x00\x00\x00\x01" for u in units[:4]])
     save("fuzz_decode_h264", "access_units", 0x80, [b"".join(units)])
 
+    # Length-prefixed NAL units (MP4 samples, camera SDKs): each start code becomes a 4-byte length.
+    length_prefixed = lambda us: b"".join(struct.pack(">I", len(u) - 4) + u[4:] for u in us)
+    save("fuzz_nal_payload_form", "h264_access_units", 0, [length_prefixed(units)])
+    save("fuzz_nal_payload_form", "h264_nal_per_image", 0, [length_prefixed([u]) for u in units[:4]])
+    save("fuzz_decode_h264", "length_prefixed", 0x00, [length_prefixed(units[:3]), length_prefixed(units[3:])])
+
     mjpeg = jpegs(ffmpeg(lavfi("32x24", 2) + ["-c:v", "mjpeg", "-pix_fmt", "yuvj422p", "-f", "image2pipe"], ".mjpeg"))
     save("fuzz_decode_mjpeg", "ffmpeg_path", 0, mjpeg[:2])
     save("fuzz_decode_mjpeg", "qt_path", 1, [b"\x00" * 384 + mjpeg[0]])
@@ -151,6 +157,8 @@ def main():
     hevc_units = nal_units(h265)
     save("fuzz_decode_h265", "access_units", 0, [h265])
     save("fuzz_decode_h265", "nal_per_image", 0, [b"".join(hevc_units[:4])] + hevc_units[4:7])
+    save("fuzz_nal_payload_form", "hevc_access_units", 1, [length_prefixed(hevc_units)])
+    save("fuzz_decode_h265", "length_prefixed", 0, [length_prefixed(hevc_units[:5]), length_prefixed(hevc_units[5:])])
 
     # Network image headers: a plain one, one with an odd I-frame byte and attached data after it.
     header = lambda t, flags, iframe, ident, time, ch, sid, psize, asize: (

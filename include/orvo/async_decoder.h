@@ -2,8 +2,9 @@
 // AsyncDecoder: the handle clients hold over one asynchronous decoder implementation.
 //
 // The handle owns the implementation through a QSharedPointer, forwards decode/isBusy/
-// reset to it and re-emits its decoded frames as its own frameDecoded. Errors are not
-// forwarded: connect to the implementation (getInterface()) to receive them.
+// reset to it and re-emits its decoded frames and errors as its own frameDecoded and error.
+// A client may connect to either the handle or the implementation (getInterface()): each
+// emits every frame and every error once.
 // A handle and its implementation belong to the thread that created them.
 #include "orvo/async_decoder_interfaces.h"
 

@@ -170,6 +170,7 @@ private:
     AVPacket* packet_ = nullptr;
     SwrContext* resampler_ = nullptr;
     std::map<std::string, std::string> muxerOptions_;
+    std::string videoRefusal_;  // why the video encoder did not open, for the error record
     bool crashSafe_ = false;
     bool flushAfterWrites_ = false;  // decided at open: fragmented MP4/MOV or crash-safe
 };

@@ -125,14 +125,17 @@ TEST(SingleThreaded, DecodesOnTheCallersThreadOnceAndReportsFailures)
     EXPECT_EQ(impl.frames.size(), images.size());
     EXPECT_TRUE(impl.errors.empty());
 
-    // Failures: error code 1 on the implementation, nothing on the handle.
+    // Failures: error code 1 on the implementation, and once more on the handle, before
+    // decode returned.
     QByteArray bad = rawYuv(4, 2, 0);
     bad.chop(1);
     EXPECT_EQ(decoder.decode(Image('y', bad, 50)), 0);
     EXPECT_EQ(decoder.decode(Image('R', rawYuv(4, 2, 0), 51)), 0);
     EXPECT_EQ(decoder.decode(Image('y', QByteArray(), 52)), 0);
     EXPECT_EQ(impl.errors, (std::vector<quint32>{1, 1, 1}));
-    EXPECT_TRUE(handle.errors.empty());
+    EXPECT_EQ(impl.errorIds, (std::vector<quint64>{50, 51, 52}));
+    EXPECT_EQ(handle.errors, impl.errors);
+    EXPECT_EQ(handle.errorIds, impl.errorIds);
     EXPECT_EQ(handle.frames.size(), images.size());
 }
 

@@ -242,5 +242,7 @@ TEST(OrderedDecoder, PoolPathEmitsInIdOrderAndBridgesFailedImages)
         expected.push_back(id);
     EXPECT_EQ(rec.ids(), expected);
     EXPECT_EQ(implRec.errors, std::vector<quint32>{1});
+    EXPECT_EQ(implRec.errorIds, std::vector<quint64>{8});
+    EXPECT_EQ(rec.errorIds, implRec.errorIds) << "the handle re-emits the error once";
     EXPECT_TRUE(poolGoesIdle());
 }

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Installs a build into a temporary prefix and uses it the way a client would: examples/
-# and README's code blocks built against it with only CMAKE_PREFIX_PATH, programs started
-# without any loader variable, and the pkg-config file compiled against.
+# Installs a build into a temporary prefix and uses it the way a client would: the examples
+# installed under share/ and README's code blocks built against it with only
+# CMAKE_PREFIX_PATH, programs started without any loader variable, and the pkg-config file
+# compiled against.
 #   tests/install/check_install.sh BUILD_DIR
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
@@ -19,7 +20,9 @@ mkdir -p "$work/readme"
 awk -f "$here/readme_snippets.awk" "$root/README.md" >"$work/readme/readme_snippets.cpp"
 cp "$here/readme_program.cmake" "$work/readme/CMakeLists.txt"
 
-for project in "$root/examples" "$work/readme"; do
+examples=$prefix/share/orvosdk-codecs/examples
+[ -f "$examples/CMakeLists.txt" ] || { echo "examples not installed under $examples"; exit 1; }
+for project in "$examples" "$work/readme"; do
   out=$work/build-$(basename "$project")
   cmake -S "$project" -B "$out" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_BUILD_TYPE=Release "${launcher[@]}" >/dev/null
   cmake --build "$out" -j "${JOBS:-2}" >/dev/null

@@ -281,4 +281,39 @@ TEST(StreamReaderTest, ErrorsAreResults)
     EXPECT_EQ(reader.formatCode(), 0);
 }
 
+// Raw elementary streams carry no time stamps: H.264 and H.265 are timed by the timing
+// information in their parameter sets (30 pictures a second here, not the 25 assumed when
+// there is none), Motion JPEG, which has none, by the frame rate the client gives.
+TEST(StreamReaderTest, RawStreamsAreTimedByTheirOwnTimingOrTheRateGiven)
+{
+    const struct {
+        const char* file;
+        const char* codec;
+        double givenRate;  // 0: the reader's default
+        double expectedRate;
+    } cases[] = {
+        {"timed_h264.h264", "-c:v libx264 -bf 0 -f h264", 0, 30},
+        {"timed_hevc.hevc", "-c:v libx265 -x265-params log-level=error:bframes=0 -f hevc", 0, 30},
+        {"timed_mjpeg.mjpeg", "-c:v mjpeg -pix_fmt yuvj420p -f mjpeg", 12.5, 12.5},
+        {"timed_mjpeg.mjpeg", "-c:v mjpeg -pix_fmt yuvj420p -f mjpeg", 0, StreamReader::kDefaultFrameRate},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.file);
+        const QString path = ffmpegFile(QString::fromLatin1(c.file),
+                                        QStringLiteral("-f lavfi -i testsrc2=size=64x48:rate=30 -frames:v 7 ") +
+                                            QString::fromLatin1(c.codec));
+        StreamReader reader;
+        if (c.givenRate > 0)
+            reader.setFrameRate(c.givenRate);
+        ASSERT_TRUE(reader.open(path)) << reader.errorString().toStdString();
+        Image image;
+        qint64 k = 0;
+        for (; reader.read(image) == StreamReader::Result::Image; ++k) {
+            EXPECT_EQ(image.time(), qRound64(k * 1000 / c.expectedRate)) << k;
+            EXPECT_TRUE(image.isAccessUnitEnd());
+        }
+        EXPECT_EQ(k, 7);
+    }
+}
+
 }  // namespace
