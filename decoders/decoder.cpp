@@ -207,12 +207,19 @@ void Decoder::setMaxOutputSize(const QSize& size)
 
 void Decoder::fitToOutputSize(orvo::VideoFrame& frame) const
 {
-    if (maxOutputSize_.isEmpty() || frame.isNull())
+    // Planar 4:2:0 pictures of at least 2x2 only: other layouts (Qt's JPEG reader) and
+    // degenerate sizes go out as decoded rather than through a scaler that cannot take them.
+    if (maxOutputSize_.isEmpty() || frame.isNull() || frame.pixelFormat() != orvo::VideoFrame::Format_YUV420P ||
+        frame.width() < 2 || frame.height() < 2)
         return;
     const QSize size(frame.width(), frame.height());
     if (size.width() <= maxOutputSize_.width() && size.height() <= maxOutputSize_.height())
         return;
-    const QSize target = size.scaled(maxOutputSize_, Qt::KeepAspectRatio).expandedTo(QSize(1, 1));
+    const QSize target = size.scaled(maxOutputSize_, Qt::KeepAspectRatio).expandedTo(QSize(2, 2));
+    // swscale cannot reduce by much more than 16 in one pass (it fails, or worse, on tiny
+    // targets): such pictures go out at their own size.
+    if (target.width() * 16 < size.width() || target.height() * 16 < size.height())
+        return;
     // Scaled once here, on the thread that decodes (a pool thread for pooled decoders),
     // so that the owner thread and the client handle a picture of the size shown.
     orvo::VideoFrame small(target.width(), target.height(), frame.pixelFormat(), orvo::defaultBufferProperties);
