@@ -273,11 +273,12 @@ TEST(Rtsp, OpenAgainstASilentServerTimesOutOrIsStoppedFromAnotherThread)
     EXPECT_LT(clock.elapsed(), 1500);
     EXPECT_TRUE(reader.errorString().contains(QLatin1String("timed out"))) << reader.errorString().toStdString();
 
-    // Nobody listens: FFmpeg's own reason.
+    // Nobody listens: FFmpeg's own reason, and no password in the message.
     silent.close();
-    EXPECT_FALSE(reader.open(silent.url()));
+    EXPECT_FALSE(reader.open(silent.url().replace(QLatin1String("rtsp://"), QLatin1String("rtsp://cam:secret@"))));
     EXPECT_TRUE(reader.errorString().contains(QLatin1String("Connection refused")))
         << reader.errorString().toStdString();
+    EXPECT_FALSE(reader.errorString().contains(QLatin1String("secret"))) << reader.errorString().toStdString();
 }
 
 TEST(Rtsp, AReadBlockedOnAFrozenServerIsStoppedFromAnotherThread)
