@@ -297,6 +297,9 @@ void ConcurrentDecoderImpl::cancelAllPendingDecodings()
     ++epoch_;
     sequence_->setEpoch(epoch_);
     if (runningSerial_ != 0) {
+        // Granted but not yet taken by the pool: it must not start after the cancel (a
+        // blocking clear would return with it still to run).
+        sequence_->withdraw(runningSerial_);
         drop(accepted_.front());
         accepted_.pop_front();
         runningSerial_ = 0;

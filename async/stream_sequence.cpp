@@ -3,6 +3,7 @@
 #include "async/decode_scheduler.h"
 #include "orvo/log.h"
 
+#include <algorithm>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -100,6 +101,17 @@ int StreamSequence::dropQueued(quint64 keep)
         }
     }
     return images;
+}
+
+bool StreamSequence::withdraw(quint64 serial)
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto it =
+        std::find_if(inbox_.begin(), inbox_.end(), [serial](const SequenceWork& w) { return w.serial == serial; });
+    if (it == inbox_.end())
+        return false;
+    inbox_.erase(it);
+    return true;
 }
 
 bool StreamSequence::take(SequenceResult& result)

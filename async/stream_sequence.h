@@ -58,6 +58,8 @@ public:
     // Removes queued work (not yet taken) with a serial above `keep`; returns how many
     // images (not drains) went.
     int dropQueued(quint64 keep);
+    // Removes the work of `serial` while no run has taken it yet; false once one has.
+    bool withdraw(quint64 serial);
     // The oldest result in the outbox; false when empty.
     bool take(SequenceResult& result);
     // No further work is taken and nothing more reaches the owner; waits for the image
