@@ -1,0 +1,122 @@
+#include "decoders/mpeg4_header.h"
+
+namespace orvo {
+namespace {
+
+constexpr unsigned char kVopStart = 0xb6;
+
+// Reads bits MSB first; a read past the end fails the whole parse (ok() turns false).
+class BitReader {
+public:
+    BitReader(const unsigned char* data, int size) : data_(data), bits_(qint64Bits(size)) {}
+    unsigned read(int n)
+    {
+        unsigned v = 0;
+        for (int i = 0; i < n; ++i) {
+            if (pos_ >= bits_) {
+                ok_ = false;
+                return 0;
+            }
+            v = (v << 1) | ((data_[pos_ >> 3] >> (7 - (pos_ & 7))) & 1);
+            ++pos_;
+        }
+        return v;
+    }
+    bool marker() { return read(1) == 1; }
+    bool ok() const { return ok_; }
+
+private:
+    static long long qint64Bits(int size) { return size > 0 ? static_cast<long long>(size) * 8 : 0; }
+    const unsigned char* data_;
+    long long bits_;
+    long long pos_ = 0;
+    bool ok_ = true;
+};
+
+// Offset just past the next start code prefix (00 00 01) at or after `from`; -1 when none.
+int nextStartCode(const unsigned char* data, int size, int from)
+{
+    for (int i = from < 0 ? 0 : from; i + 3 < size; ++i)
+        if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1)
+            return i + 3;
+    return -1;
+}
+
+// The size in a VOL header whose bytes (after its start code) are data[0..size).
+bool volSize(const unsigned char* data, int size, int* width, int* height)
+{
+    BitReader bits(data, size);
+    bits.read(1);  // random_accessible_vol
+    bits.read(8);  // video_object_type_indication
+    int verid = 1;
+    if (bits.read(1)) {  // is_object_layer_identifier
+        verid = int(bits.read(4));
+        bits.read(3);  // priority
+    }
+    if (bits.read(4) == 0xf)  // aspect_ratio_info: extended PAR
+        bits.read(16);
+    if (bits.read(1)) {  // vol_control_parameters
+        bits.read(3);    // chroma_format, low_delay
+        if (bits.read(1)) {  // vbv_parameters: 79 bits with their markers
+            bits.read(16);
+            bits.read(16);
+            bits.read(16);
+            bits.read(3);
+            bits.read(12);
+            bits.read(16);
+        }
+    }
+    const unsigned shape = bits.read(2);
+    if (shape == 3 && verid != 1)  // greyscale: shape extension
+        bits.read(4);
+    if (!bits.marker())
+        return false;
+    const unsigned resolution = bits.read(16);  // vop_time_increment_resolution
+    if (resolution == 0 || !bits.marker())
+        return false;
+    if (bits.read(1)) {  // fixed_vop_rate: an increment of as many bits as the resolution needs
+        int n = 1;
+        while (n < 16 && (1u << n) < resolution)
+            ++n;
+        bits.read(n);
+    }
+    if (shape != 0)  // only rectangular pictures declare a size
+        return false;
+    if (!bits.marker())
+        return false;
+    const int w = int(bits.read(13));
+    if (!bits.marker())
+        return false;
+    const int h = int(bits.read(13));
+    if (!bits.marker() || !bits.ok() || w <= 0 || h <= 0)
+        return false;
+    *width = w;
+    *height = h;
+    return true;
+}
+
+}  // namespace
+
+bool mpeg4KeyPictureSize(const unsigned char* data, int size, int* width, int* height)
+{
+    if (!data || size < 5 || !width || !height)
+        return false;
+    bool haveVol = false;
+    int w = 0, h = 0;
+    for (int p = nextStartCode(data, size, 0); p >= 0 && p < size; p = nextStartCode(data, size, p)) {
+        const unsigned char code = data[p];
+        if (code >= 0x20 && code <= 0x2f) {
+            haveVol = volSize(data + p + 1, size - p - 1, &w, &h);
+        } else if (code == kVopStart) {
+            // vop_coding_type, the two bits after the start code: 0 is intra.
+            if (!haveVol || p + 1 >= size || (data[p + 1] >> 6) != 0)
+                return false;
+            *width = w;
+            *height = h;
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace orvo
