@@ -5,6 +5,8 @@
 #include "async/async_test_util.h"
 #include "common/support.h"
 #include "common/test_streams.h"
+#include "decoders/jpeg_header.h"
+#include "decoders/mpeg4_header.h"
 #include "orvo/concurrent_decoder.h"
 #include "orvo/decoder.h"
 #include "orvo/decoder_jpeg2000.h"
@@ -284,6 +286,45 @@ TEST(ReducedResolution, HeldPicturesFormatSwitchesAndThePoolKeepEveryAnswer)
             EXPECT_EQ(maxDiffYuv420p(rec.frames[i], ref[i], eighth.width(), eighth.height()), 0) << i;
         }
     }
+}
+
+TEST(ReducedResolution, KeyPictureHeadersAreReadOnlyWhereADecoderCanStart)
+{
+    auto bytes = [](const QByteArray& a) { return reinterpret_cast<const unsigned char*>(a.constData()); };
+    // MPEG-4: the VOL + I-VOP payloads of real streams (plain, and with an extended pixel
+    // aspect ratio, which shifts the size's bits); every other payload, and every cut of a key
+    // payload before its I-VOP's type, refuses.
+    const QString odd = ffmpegFile("rr_mpeg4_vol.m4v", "-f lavfi -i testsrc2=size=320x240:rate=25 -vf scale=333:99 "
+                                                       "-frames:v 3 -c:v mpeg4 -g 2 -aspect 17:9 -f m4v");
+    for (const auto& [path, size] : {std::make_pair(mpeg4Clip(0), QSize(kMpegW, kMpegH)),
+                                     std::make_pair(odd, QSize(333, 99))}) {
+        const auto packets = demuxVideo(path);
+        ASSERT_GE(packets.size(), 3u);
+        for (size_t i = 0; i < packets.size(); ++i) {
+            const QByteArray& p = packets[i].data;
+            int w = 0, h = 0;
+            EXPECT_EQ(mpeg4KeyPictureSize(bytes(p), p.size(), &w, &h), packets[i].key) << i;
+            if (packets[i].key)
+                EXPECT_EQ(QSize(w, h), size);
+        }
+        const QByteArray key = packets[0].data;
+        const int vop = key.indexOf(QByteArray("\x00\x00\x01\xb6", 4));
+        ASSERT_GT(vop, 0);
+        for (int cut = 0; cut <= vop + 4; ++cut) {
+            int w = 0, h = 0;
+            EXPECT_FALSE(mpeg4KeyPictureSize(bytes(key), cut, &w, &h)) << cut;
+        }
+    }
+    // MxPEG: an I-frame starts a decoder; a P-frame, or a frame header with a bitmask, does not.
+    const QByteArray i = mxJpeg(0);
+    int w = 0, h = 0;
+    ASSERT_TRUE(mxpegKeyPictureSize(bytes(i), i.size(), &w, &h));
+    EXPECT_EQ(QSize(w, h), QSize(kMxW, kMxH));
+    const QByteArray p = pFrame(i, 3);
+    EXPECT_FALSE(mxpegKeyPictureSize(bytes(p), p.size(), &w, &h));
+    const QByteArray masked = p.left(p.indexOf(QByteArray("\xff\xdb", 2))) + i.mid(2);
+    EXPECT_TRUE(jpegPictureSize(bytes(masked), masked.size(), &w, &h));
+    EXPECT_FALSE(mxpegKeyPictureSize(bytes(masked), masked.size(), &w, &h));
 }
 
 TEST(ReducedResolution, Jpeg2000AndWaveletPickTheirScaleLevelFromTheSize)
