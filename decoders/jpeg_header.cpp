@@ -9,7 +9,8 @@ namespace {
 struct Headers {
     int width = 0;
     int height = 0;
-    bool bitmask = false;  // an MxPEG "MXM" comment
+    bool frameHeader = false;  // the first one was read (its size may be 0: not a picture)
+    bool bitmask = false;      // an MxPEG "MXM" comment
 };
 
 // Walks the segments before the first scan (or to the end of the payload): the first frame
@@ -42,9 +43,10 @@ bool readHeaders(const unsigned char* data, int size, bool untilFrameHeader, Hea
         if (length < 2)
             return false;
         const bool frameHeader = marker >= 0xc0 && marker <= 0xcf && marker != 0xc4 && marker != 0xc8 && marker != 0xcc;
-        if (frameHeader && out->width == 0) {
+        if (frameHeader && !out->frameHeader) {
             if (length < 7 || p + 7 > size)
                 return false;
+            out->frameHeader = true;
             out->height = (data[p + 3] << 8) | data[p + 4];
             out->width = (data[p + 5] << 8) | data[p + 6];
             if (untilFrameHeader)
