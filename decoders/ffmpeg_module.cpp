@@ -137,6 +137,8 @@ struct FFmpegModule::State {
     PlanePool pools;
     QSize maxSize;
     int lowres = 0;
+    std::unique_ptr<KeyPictures> keys;
+    QByteArray withHeaders;  // the payload to decode instead, when fitLowres set it
     // Pictures and answers the decoder replaced at another factor still owed, handed out first.
     std::deque<std::pair<AVFrame*, qint64>> carried;
     std::deque<std::pair<qint64, QString>> carriedEnded;
@@ -155,7 +157,8 @@ struct FFmpegModule::State {
     // it cannot be opened.
     bool open(int factor);
     // The factor follows the declared picture size at key pictures, where a decoder opened
-    // afresh can take over: every Motion JPEG picture, MxPEG I-frames, MPEG-4 VOL + I-VOP.
+    // afresh can take over: every Motion JPEG picture, MxPEG I-frames, MPEG-4 I-VOPs once a VOL
+    // was seen (withHeaders then holds the payload behind the headers the new decoder lacks).
     void fitLowres(const unsigned char* data, int size);
     // open(factor) after taking every picture and answer the current decoder still owes.
     void reopen(int factor);
@@ -180,11 +183,15 @@ bool FFmpegModule::State::open(int factor)
 void FFmpegModule::State::fitLowres(const unsigned char* data, int size)
 {
     // Never assumed: only where the linked decoder offers reduced resolution.
-    if (codec->max_lowres <= 0 || (maxSize.isEmpty() && lowres == 0))
+    if (codec->max_lowres <= 0 || (maxSize.isEmpty() && lowres == 0 && !keys->remembers()))
         return;
     int w = 0, h = 0;
+    QByteArray missing;
+    const bool key = keys->at(data, size, &w, &h, &missing);
+    if (maxSize.isEmpty() && lowres == 0)
+        return;
     int factor = 0;
-    if (keyPictureSize(codec->id, data, size, &w, &h)) {
+    if (key) {
         if (!maxSize.isEmpty())
             factor = lowresFactorFor(w, h, maxSize.width(), maxSize.height(), codec->max_lowres);
     } else if (!(maxSize.isEmpty() && independentPictures(codec->id))) {
@@ -192,8 +199,14 @@ void FFmpegModule::State::fitLowres(const unsigned char* data, int size)
         // unreadable header keeps it too (FFmpeg judges the payload itself).
         return;
     }
-    if (factor != lowres)
-        reopen(factor);
+    if (factor == lowres)
+        return;
+    reopen(factor);
+    // An I-VOP without its headers: the new decoder gets it behind those the stream sent last.
+    if (!missing.isEmpty() && lowres == factor) {
+        withHeaders = missing;
+        withHeaders.append(reinterpret_cast<const char*>(data), size);
+    }
 }
 
 void FFmpegModule::State::reopen(int factor)
@@ -244,6 +257,7 @@ FFmpegModule::FFmpegModule(const DecodeContext& context) : d(new State)
         return;
     }
     d->codec = codec;
+    d->keys = std::make_unique<KeyPictures>(codec->id);
     const bool wait = DecoderPreferences::instance()->damagedPictures() == DamagedPictures::WaitForKeyFrame;
     d->policy = wait ? PacketFeeder::DamagePolicy::WaitForKeyFrame : PacketFeeder::DamagePolicy::Show;
     if (!d->picture || !d->open(0)) {
@@ -277,7 +291,12 @@ FFmpegModule::PayloadResult FFmpegModule::decodePayload(const unsigned char* dat
 {
     if (!d->ok)
         return PayloadResult::Rejected;
+    d->withHeaders.clear();
     d->fitLowres(data, size);
+    if (!d->withHeaders.isEmpty()) {
+        data = reinterpret_cast<const unsigned char*>(d->withHeaders.constData());
+        size = d->withHeaders.size();
+    }
     const PacketFeeder::Result result = d->feeder->feed(data, size, tag, endsUnit);
     if (result == PacketFeeder::Result::Rejected) {
         if (ffmpegCategory.isTraceEnabled())

@@ -15,4 +15,12 @@ bool keyPictureSize(AVCodecID codec, const unsigned char* data, int size, int* w
     }
 }
 
+bool KeyPictures::at(const unsigned char* data, int size, int* width, int* height, QByteArray* missing)
+{
+    missing->clear();
+    if (codec_ == AV_CODEC_ID_MPEG4)
+        return mpeg4_.keyPicture(data, size, width, height, missing);
+    return keyPictureSize(codec_, data, size, width, height);
+}
+
 }  // namespace orvo

@@ -97,26 +97,74 @@ bool volSize(const unsigned char* data, int size, int* width, int* height)
 
 }  // namespace
 
-bool mpeg4KeyPictureSize(const unsigned char* data, int size, int* width, int* height)
+namespace {
+
+struct Scan {
+    bool key = false;       // an I-VOP follows a VOL of this payload, or one before it
+    bool vol = false;       // the payload holds a VOL of a rectangular picture
+    bool intra = false;     // its first VOP is an I-VOP
+    int headerStart = -1;   // first header start code (VOS, VO, VOL) before the first VOP
+    int headerEnd = -1;     // first group or VOP start code after them
+    int width = 0, height = 0;
+};
+
+constexpr unsigned char kVosStart = 0xb0, kGovStart = 0xb3;
+
+Scan scan(const unsigned char* data, int size)
 {
-    if (!data || size < 5 || !width || !height)
-        return false;
-    bool haveVol = false;
-    int w = 0, h = 0;
+    Scan s;
+    if (!data || size < 5)
+        return s;
     for (int p = nextStartCode(data, size, 0); p >= 0 && p < size; p = nextStartCode(data, size, p)) {
         const unsigned char code = data[p];
-        if (code >= 0x20 && code <= 0x2f) {
-            haveVol = volSize(data + p + 1, size - p - 1, &w, &h);
-        } else if (code == kVopStart) {
+        const bool header = code <= 0x2f || code == kVosStart;  // VO (00-1f), VOL (20-2f), VOS
+        if (header && s.headerStart < 0)
+            s.headerStart = p - 3;
+        if (code >= 0x20 && code <= 0x2f)
+            s.vol = volSize(data + p + 1, size - p - 1, &s.width, &s.height);
+        if ((code == kGovStart || code == kVopStart) && s.vol && s.headerEnd < 0)
+            s.headerEnd = p - 3;
+        if (code == kVopStart) {
             // vop_coding_type, the two bits after the start code: 0 is intra.
-            if (!haveVol || p + 1 >= size || (data[p + 1] >> 6) != 0)
-                return false;
-            *width = w;
-            *height = h;
-            return true;
+            s.intra = p + 1 < size && (data[p + 1] >> 6) == 0;
+            break;
         }
     }
-    return false;
+    s.key = s.vol && s.intra;
+    return s;
+}
+
+}  // namespace
+
+bool mpeg4KeyPictureSize(const unsigned char* data, int size, int* width, int* height)
+{
+    if (!width || !height)
+        return false;
+    const Scan s = scan(data, size);
+    if (!s.key)
+        return false;
+    *width = s.width;
+    *height = s.height;
+    return true;
+}
+
+bool Mpeg4Headers::keyPicture(const unsigned char* data, int size, int* width, int* height, QByteArray* missing)
+{
+    const Scan s = scan(data, size);
+    if (s.vol) {
+        // A VOL-only payload counts too: its bytes end with the payload.
+        const int end = s.headerEnd >= 0 ? s.headerEnd : size;
+        headers_ = QByteArray(reinterpret_cast<const char*>(data) + s.headerStart, end - s.headerStart);
+        width_ = s.width;
+        height_ = s.height;
+    }
+    if (!s.intra || headers_.isEmpty())
+        return false;
+    *width = width_;
+    *height = height_;
+    if (missing)
+        *missing = s.vol ? QByteArray() : headers_;
+    return true;
 }
 
 }  // namespace orvo

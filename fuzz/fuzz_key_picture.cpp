@@ -22,6 +22,8 @@ namespace {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     const auto in = orvo::fuzz::split(data, size);
+    // MPEG-4 over the chunks as one stream: headers remembered from earlier ones.
+    orvo::KeyPictures stream(AV_CODEC_ID_MPEG4);
     for (const QByteArray& chunk : in.chunks) {
         const std::vector<unsigned char> bytes(chunk.begin(), chunk.end());
         const unsigned char* p = bytes.empty() ? nullptr : bytes.data();
@@ -41,6 +43,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         for (AVCodecID id : {AV_CODEC_ID_MJPEG, AV_CODEC_ID_MXPEG, AV_CODEC_ID_MPEG4, AV_CODEC_ID_H264})
             if (orvo::keyPictureSize(id, p, n, &w, &h))
                 check(id != AV_CODEC_ID_H264 && w > 0 && h > 0);
+        QByteArray missing;
+        if (stream.at(p, n, &w, &h, &missing)) {
+            check(w > 0 && h > 0);
+            // Headers handed to a fresh decoder make the payload a key picture of that size.
+            if (!missing.isEmpty()) {
+                const std::vector<unsigned char> joined(missing.begin(), missing.end());
+                std::vector<unsigned char> whole(joined);
+                whole.insert(whole.end(), bytes.begin(), bytes.end());
+                int jw = 0, jh = 0;
+                check(orvo::mpeg4KeyPictureSize(whole.data(), int(whole.size()), &jw, &jh) && jw == w && jh == h);
+            }
+        }
         const int factor = orvo::lowresFactorFor(w, h, 1 + (in.options & 0x0f) * 40, 1 + (in.options >> 4) * 30, 3);
         check(factor >= 0 && factor <= 3);
     }

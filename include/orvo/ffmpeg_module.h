@@ -74,7 +74,7 @@ public:
     // The largest picture the client shows (empty: no limit). Motion JPEG, MxPEG and MPEG-4
     // Part 2 are then decoded at FFmpeg's reduced resolution (where the linked decoder offers
     // it), the smallest that still covers that size. The factor changes only at key pictures
-    // (every Motion JPEG picture, MxPEG I-frames, MPEG-4 VOL headers with an I-VOP): pictures
+    // (every Motion JPEG picture, MxPEG I-frames, MPEG-4 I-VOPs once a VOL header was seen): pictures
     // before the next one keep the factor of their references, also once the size is cleared.
     void setMaxOutputSize(const QSize& size);
     // Why the last payload was rejected.

@@ -224,6 +224,41 @@ TEST(ReducedResolution, FactorChangesAtTheNextKeyPictureAndEveryImageIsAnsweredO
     }
 }
 
+TEST(ReducedResolution, Mpeg4IVopsWithoutTheirHeadersStartFromTheLastHeaders)
+{
+    // Headers only in the first payload, as some cameras send them: the later I-VOPs are key
+    // pictures all the same, the decoder opened there is given the first payload's headers.
+    const auto packets = demuxVideo(mpeg4Clip(0));
+    ASSERT_EQ(packets.size(), 16u);
+    std::vector<Image> images;
+    QByteArray stream;
+    for (size_t i = 0; i < packets.size(); ++i) {
+        QByteArray p = packets[i].data;
+        if (i > 0 && packets[i].key) {
+            const int gov = p.indexOf(QByteArray("\x00\x00\x01\xb3", 4));
+            const int vop = p.indexOf(QByteArray("\x00\x00\x01\xb6", 4));
+            ASSERT_GT(vop, 0) << i;  // the headers were there, in front
+            p = p.mid(gov >= 0 && gov < vop ? gov : vop);
+        }
+        images.emplace_back('m', p, i + 1, qint64(i) * 40, packets[i].key);
+        stream += p;
+    }
+    const QString path = dataDir() + "/rr_mpeg4_headers_once.m4v";
+    QFile out(path);
+    ASSERT_TRUE(out.open(QIODevice::WriteOnly));
+    out.write(stream);
+    out.close();
+    auto at = [](int k) { return QSize(ceilShift(kMpegW, k), ceilShift(kMpegH, k)); };
+    const auto quarter =
+        ffmpegFrames(path, at(2).width(), at(2).height(), "yuv420p", "-fps_mode passthrough", "-f m4v -lowres 2");
+    const auto full = ffmpegFrames(path, kMpegW, kMpegH, "yuv420p", "-fps_mode passthrough", "-f m4v");
+    Decoder decoder;
+    const auto got = run(decoder, images, [&](size_t i) { return i >= 2 && i < 9 ? at(2) : QSize(); });
+    expectEqual(got, full, at(0), 0, 2);
+    expectEqual(got, quarter, at(2), 4, 12);
+    expectEqual(got, full, at(0), 12);
+}
+
 TEST(ReducedResolution, HeldPicturesFormatSwitchesAndThePoolKeepEveryAnswer)
 {
     // With B-frames the decoder holds a picture when the factor changes: it comes out first,
