@@ -101,7 +101,8 @@ namespace {
 
 struct Scan {
     bool key = false;       // an I-VOP follows a VOL of this payload, or one before it
-    bool vol = false;       // the payload holds a VOL of a rectangular picture
+    bool anyVol = false;    // the payload holds a VOL header, readable or not
+    bool vol = false;       // its last one before the first VOP is of a rectangular picture
     bool intra = false;     // its first VOP is an I-VOP
     int headerStart = -1;   // first header start code (VOS, VO, VOL) before the first VOP
     int headerEnd = -1;     // first group or VOP start code after them
@@ -120,8 +121,13 @@ Scan scan(const unsigned char* data, int size)
         const bool header = code <= 0x2f || code == kVosStart;  // VO (00-1f), VOL (20-2f), VOS
         if (header && s.headerStart < 0)
             s.headerStart = p - 3;
-        if (code >= 0x20 && code <= 0x2f)
-            s.vol = volSize(data + p + 1, size - p - 1, &s.width, &s.height);
+        if (code >= 0x20 && code <= 0x2f) {
+            s.anyVol = true;
+            // Its bits end where the next start code begins.
+            const int next = nextStartCode(data, size, p);
+            const int end = next >= 0 ? next - 3 : size;
+            s.vol = volSize(data + p + 1, end - p - 1, &s.width, &s.height);
+        }
         if ((code == kGovStart || code == kVopStart) && s.vol && s.headerEnd < 0)
             s.headerEnd = p - 3;
         if (code == kVopStart) {
@@ -158,7 +164,9 @@ bool Mpeg4Headers::keyPicture(const unsigned char* data, int size, int* width, i
         width_ = s.width;
         height_ = s.height;
     }
-    if (!s.intra || headers_.isEmpty())
+    // A VOL of its own that cannot be read (another shape, damage) is what FFmpeg will use:
+    // headers remembered from before do not speak for it.
+    if (!s.intra || headers_.isEmpty() || (s.anyVol && !s.vol))
         return false;
     *width = width_;
     *height = height_;
