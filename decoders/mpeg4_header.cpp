@@ -3,12 +3,12 @@
 namespace orvo {
 namespace {
 
-constexpr unsigned char kVopStart = 0xb6;
+constexpr unsigned char kVosStart = 0xb0, kGovStart = 0xb3, kVopStart = 0xb6;
 
 // Reads bits MSB first; a read past the end fails the whole parse (ok() turns false).
 class BitReader {
 public:
-    BitReader(const unsigned char* data, int size) : data_(data), bits_(qint64Bits(size)) {}
+    BitReader(const unsigned char* data, int size) : data_(data), bits_(bitCount(size)) {}
     unsigned read(int n)
     {
         unsigned v = 0;
@@ -26,7 +26,7 @@ public:
     bool ok() const { return ok_; }
 
 private:
-    static long long qint64Bits(int size) { return size > 0 ? static_cast<long long>(size) * 8 : 0; }
+    static long long bitCount(int size) { return size > 0 ? static_cast<long long>(size) * 8 : 0; }
     const unsigned char* data_;
     long long bits_;
     long long pos_ = 0;
@@ -95,10 +95,6 @@ bool volSize(const unsigned char* data, int size, int* width, int* height)
     return true;
 }
 
-}  // namespace
-
-namespace {
-
 struct Scan {
     bool key = false;       // an I-VOP follows a VOL of this payload, or one before it
     bool anyVol = false;    // the payload holds a VOL header, readable or not
@@ -108,8 +104,6 @@ struct Scan {
     int headerEnd = -1;     // first group or VOP start code after them
     int width = 0, height = 0;
 };
-
-constexpr unsigned char kVosStart = 0xb0, kGovStart = 0xb3;
 
 Scan scan(const unsigned char* data, int size)
 {
