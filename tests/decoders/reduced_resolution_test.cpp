@@ -15,6 +15,8 @@
 #include <QFile>
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <functional>
 #include <map>
 
 using namespace orvo;
