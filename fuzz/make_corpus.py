@@ -98,7 +98,8 @@ def main():
     # Decoded small, the size switched on and off from image to image: the decoder is
     # reopened at key pictures, with B-frames held.
     save("fuzz_decode_mpeg", "mpeg4_small_switching", 0x1b, [m4v_b[: len(m4v_b) // 2], m4v_b[len(m4v_b) // 2:], m4v])
-    save("fuzz_decode_mxpeg", "pframes_small_switching", 0x1b, [mjpeg[0], mxm, mjpeg[1], mxm])
+    save("fuzz_decode_mxpeg", "pframes_small_switching", 0x1b, [mjpeg[0], mxm, mjpeg[1], mxm])  # the library
+    save("fuzz_decode_mxpeg", "pframes_small_switching_ffmpeg", 0x1a, [mjpeg[0], mxm, mjpeg[1], mxm])
     m2v = ffmpeg(lavfi("32x32", 3) + ["-c:v", "mpeg2video", "-g", "2", "-f", "mpeg2video"], ".m2v")
     save("fuzz_decode_mpeg", "mpeg2", 1, [m2v])
 

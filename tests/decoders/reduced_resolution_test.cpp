@@ -10,6 +10,7 @@
 #include "orvo/concurrent_decoder.h"
 #include "orvo/decoder.h"
 #include "orvo/decoder_jpeg2000.h"
+#include "orvo/decoder_preferences.h"
 #include "orvo/decoder_wavelet.h"
 
 #include <QFile>
@@ -224,6 +225,40 @@ TEST(ReducedResolution, FactorChangesAtTheNextKeyPictureAndEveryImageIsAnsweredO
         for (size_t i = 0; i < got.size(); ++i)
             EXPECT_EQ(got[i].id(), images[i].id());
     }
+}
+
+TEST(ReducedResolution, MxpegThroughTheMxpegLibraryDecodesSmallToo)
+{
+    // The library hands JPEG's full-range samples over as they are: FFmpeg's reference stays
+    // in yuvj420p. Every factor, then the size changed mid-stream as for the default path.
+    const MxStream mx = mxStream();
+    struct NativeMxpeg {
+        const bool was = DecoderPreferences::instance()->isUsedMxPEGNative();
+        NativeMxpeg() { DecoderPreferences::instance()->useMxPEGNative(true); }
+        ~NativeMxpeg() { DecoderPreferences::instance()->useMxPEGNative(was); }
+    } native;
+    auto at = [](int k) { return QSize(ceilShift(kMxW, k), ceilShift(kMxH, k)); };
+    auto refAt = [&](int k) {
+        auto ref = ffmpegFrames(mx.path, at(k).width(), at(k).height(), "yuvj420p", "-fps_mode passthrough",
+                                QString("-lowres %1").arg(k));
+        ref.resize(std::min(ref.size(), mx.images.size()));
+        return ref;
+    };
+    for (int k = 0; k <= 3; ++k) {
+        SCOPED_TRACE(k);
+        Decoder decoder;
+        const auto got = run(decoder, mx.images, [&](size_t) { return k ? at(k) : QSize(); });
+        expectEqual(got, refAt(k), at(k));
+    }
+    Decoder decoder;
+    const auto got = run(decoder, mx.images, [&](size_t i) {
+        return i < 2 ? QSize() : i < 6 ? at(2) : i < 9 ? at(1) : QSize();
+    });
+    expectEqual(got, refAt(0), at(0), 0, 2);
+    for (size_t i = 2; i < 4; ++i)
+        EXPECT_EQ(sizeOf(got[i]), at(2)) << i;
+    expectEqual(got, refAt(2), at(2), 4, 8);
+    expectEqual(got, refAt(1), at(1), 8);
 }
 
 TEST(ReducedResolution, Mpeg4IVopsWithoutTheirHeadersStartFromTheLastHeaders)
