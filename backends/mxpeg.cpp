@@ -8,6 +8,7 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -37,7 +38,7 @@ std::string ffmpegError(const char* what, int err)
     return std::string(what) + ": " + orvo::FFmpegDecodingLoop::errorText(err);
 }
 
-MxpegState* createState()
+MxpegState* createState(int lowres = 0)
 {
     const AVCodec* codec = avcodec_find_decoder(AV_CODEC_ID_MXPEG);
     if (!codec)
@@ -47,6 +48,7 @@ MxpegState* createState()
     // fails before FFmpeg allocates.
     orvo::FFmpegDecodingLoop::Options options;
     options.threads = 1;
+    options.lowres = std::clamp(lowres, 0, int(codec->max_lowres));
     int err = 0;
     state->loop = orvo::FFmpegDecodingLoop::open(codec, options, &err);
     if (!state->picture || err == AVERROR(ENOMEM))
@@ -179,6 +181,14 @@ void mxpeg2yuv(void*& state, char* data, int size, int width, int height, void* 
     if (!orvo::sws::scale(s->scaler, source, orvo::sws::Planes::of(AV_PIX_FMT_YUV420P, width, height, dst, dstStride),
                           orvo::sws::Room::Exact))
         throw std::runtime_error("MxPEG picture could not be converted");
+}
+
+void* mxpegCreateState(int lowres) { return createState(lowres); }
+
+int mxpegMaxLowres()
+{
+    const AVCodec* codec = avcodec_find_decoder(AV_CODEC_ID_MXPEG);
+    return codec ? codec->max_lowres : 0;
 }
 
 void mxpegFreeState(void*& state)

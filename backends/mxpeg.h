@@ -22,5 +22,12 @@ void xpegGetWH(void* data, int size, int* width, int* height);
 // width x height; nothing is written to the planes then.
 void mxpeg2yuv(void*& state, char* data, int size, int width, int height, void* y, void* u, void* v);
 
+// A state that decodes at 1/2^lowres of the picture size (FFmpeg's reduced resolution): every
+// size above, the planes' included, is then the reduced one, each side rounded up. Throws as
+// mxpeg2yuv does when the decoder cannot be opened.
+void* mxpegCreateState(int lowres);
+// The largest factor the linked decoder offers (0: none).
+int mxpegMaxLowres();
+
 // Frees a state made by mxpeg2yuv and sets it to null; a null state is ignored.
 void mxpegFreeState(void*& state);

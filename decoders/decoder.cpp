@@ -212,10 +212,15 @@ void Decoder::fitToOutputSize(orvo::VideoFrame& frame) const
     if (maxOutputSize_.isEmpty() || frame.isNull() || frame.pixelFormat() != orvo::VideoFrame::Format_YUV420P ||
         frame.width() < 2 || frame.height() < 2)
         return;
+    // Fitted as shown: a picture marked with a display scale (wavelet fields, lines doubled)
+    // keeps its mark and its proportions.
+    const int sx = std::max<int>(1, frame.getScaleX()), sy = std::max<int>(1, frame.getScaleY());
     const QSize size(frame.width(), frame.height());
-    if (size.width() <= maxOutputSize_.width() && size.height() <= maxOutputSize_.height())
+    const QSize shown(size.width() * sx, size.height() * sy);
+    if (shown.width() <= maxOutputSize_.width() && shown.height() <= maxOutputSize_.height())
         return;
-    const QSize target = size.scaled(maxOutputSize_, Qt::KeepAspectRatio).expandedTo(QSize(2, 2));
+    const QSize fitted = shown.scaled(maxOutputSize_, Qt::KeepAspectRatio);
+    const QSize target = QSize(fitted.width() / sx, fitted.height() / sy).expandedTo(QSize(2, 2));
     // swscale cannot reduce by much more than 16 in one pass (it fails, or worse, on tiny
     // targets): such pictures go out at their own size.
     if (target.width() * 16 < size.width() || target.height() * 16 < size.height())
@@ -225,6 +230,8 @@ void Decoder::fitToOutputSize(orvo::VideoFrame& frame) const
     orvo::VideoFrame small(target.width(), target.height(), frame.pixelFormat(), orvo::defaultBufferProperties);
     if (small.isNull() || !frame.scaleTo(small, 0, 0, -1, -1))
         return;  // out of memory: the picture goes out at its own size
+    if (frame.getScaleX() && frame.getScaleY())
+        small.setScale(frame.getScaleX(), frame.getScaleY());
     small.setDamaged(frame.isDamaged());
     frame = small;
 }

@@ -2,8 +2,10 @@
 
 #include "backends/aj2k.h"
 #include "decoders/format_table.h"
+#include "decoders/jpeg_header.h"
 #include "frames/plane_pool.h"
 
+#include <algorithm>
 #include <new>
 
 namespace orvo {
@@ -30,10 +32,15 @@ DecoderJPEG2000* DecoderJPEG2000::get() { return new DecoderJPEG2000(0); }
 
 bool DecoderJPEG2000::decode(unsigned char* data, int size, orvo::VideoFrame& frame, bool)
 {
-    const int s = scaleLevel_;
     int fullWidth = 0, fullHeight = 0, components = 0;
     if (aj2k_jp2memgetdims(handle_, data, size, AJ2K_INPUT_AUTO, &fullWidth, &fullHeight, &components) != 0)
         return false;
+    // Each level halves the picture, rounding up; a level beyond those the code stream holds
+    // gives its smallest picture, which still covers the size. Sides stay below 2^16.
+    const int fitting = maxSize_.isEmpty()
+                            ? 0
+                            : lowresFactorFor(fullWidth, fullHeight, maxSize_.width(), maxSize_.height(), 16);
+    const int s = std::max(scaleLevel_, fitting);
 
     int w = 0, h = 0;
     if (aj2k_jp2memdecode(handle_, data, size, AJ2K_INPUT_AUTO, s, &w, &h) != 0) {

@@ -2,6 +2,7 @@
 
 #include "backends/mxpeg.h"
 #include "decoders/format_table.h"
+#include "decoders/jpeg_header.h"
 #include "frames/plane_pool.h"
 #include "orvo/log.h"
 
@@ -76,7 +77,23 @@ bool DecoderMXPEG::decode(unsigned char* data, int size, orvo::VideoFrame& frame
             odebug().noquote() << QString("MxPEG: picture size %1x%2 out of range").arg(w).arg(h);
             return false;
         }
-        size_ = QSize(w, h);
+        // The factor changes only where the picture starts afresh; images with a size and a
+        // bitmask patch the picture like P-frames.
+        int keyW = 0, keyH = 0;
+        if (mxpegKeyPictureSize(data, length, &keyW, &keyH)) {
+            const int factor =
+                maxSize_.isEmpty() ? 0 : lowresFactorFor(w, h, maxSize_.width(), maxSize_.height(), mxpegMaxLowres());
+            if (factor != lowres_) {
+                void* fresh = nullptr;
+                if (!guarded([&] { fresh = mxpegCreateState(factor); }))
+                    return false;
+                mxpegFreeState(state_);
+                state_ = fresh;
+                lowres_ = factor;
+            }
+        }
+        const int step = (1 << lowres_) - 1;
+        size_ = QSize((w + step) >> lowres_, (h + step) >> lowres_);
         frame.setScale(1, 1);
     }
 

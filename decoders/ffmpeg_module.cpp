@@ -3,6 +3,7 @@
 #include "decoders/ffmpeg_log.h"
 #include "decoders/format_table.h"
 #include "decoders/jpeg_header.h"
+#include "decoders/key_picture.h"
 #include "decoders/packet_feeder.h"
 #include "orvo/decoder_preferences.h"
 #include "orvo/log.h"
@@ -26,6 +27,7 @@ extern "C" {
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <mutex>
 #include <new>
 
@@ -135,8 +137,18 @@ struct FFmpegModule::State {
     PlanePool pools;
     QSize maxSize;
     int lowres = 0;
+    std::unique_ptr<KeyPictures> keys;
+    QByteArray withHeaders;  // the payload to decode instead, when fitLowres set it
+    // Pictures and answers the decoder replaced at another factor still owed, handed out first.
+    std::deque<std::pair<AVFrame*, qint64>> carried;
+    std::deque<std::pair<qint64, QString>> carriedEnded;
 
-    ~State() { av_frame_free(&picture); }
+    ~State()
+    {
+        for (auto& held : carried)
+            av_frame_free(&held.first);
+        av_frame_free(&picture);
+    }
 
     // Converts `picture` into `frame` and releases it; false when the frame could not be allocated.
     bool handOut(VideoFrame& frame);
@@ -144,8 +156,13 @@ struct FFmpegModule::State {
     // A decoder (and feeder) decoding at 1/2^factor of the size; false (nothing changed) when
     // it cannot be opened.
     bool open(int factor);
-    // JPEG pictures are independent: the factor follows each payload's declared size.
+    // The factor follows the declared picture size at key pictures, where a decoder opened
+    // afresh can take over: every Motion JPEG picture, MxPEG I-frames, MPEG-4 I-VOPs once a VOL
+    // was seen (withHeaders then holds the payload behind the headers the new decoder lacks).
     void fitLowres(const unsigned char* data, int size);
+    // open(factor) after taking every picture and answer the current decoder still owes.
+    void reopen(int factor);
+    bool takeCarried(qint64* tag);
 };
 
 bool FFmpegModule::State::open(int factor)
@@ -165,16 +182,67 @@ bool FFmpegModule::State::open(int factor)
 
 void FFmpegModule::State::fitLowres(const unsigned char* data, int size)
 {
-    // Motion JPEG only: an MxPEG picture may update just part of the previous one, which a
-    // decoder reopened at another factor does not hold.
-    if (codec->id != AV_CODEC_ID_MJPEG || codec->max_lowres <= 0 || (maxSize.isEmpty() && lowres == 0))
+    // Never assumed: only where the linked decoder offers reduced resolution.
+    if (codec->max_lowres <= 0 || (maxSize.isEmpty() && lowres == 0 && !keys->remembers()))
         return;
     int w = 0, h = 0;
-    if (!maxSize.isEmpty() && !jpegPictureSize(data, size, &w, &h))
-        return;  // keep the factor: FFmpeg judges the payload itself
-    const int factor = maxSize.isEmpty() ? 0 : lowresFactorFor(w, h, maxSize.width(), maxSize.height(), codec->max_lowres);
-    if (factor != lowres)
-        open(factor);
+    QByteArray missing;
+    const bool key = keys->at(data, size, &w, &h, &missing);
+    if (maxSize.isEmpty() && lowres == 0)
+        return;
+    int factor = 0;
+    if (key) {
+        if (!maxSize.isEmpty())
+            factor = lowresFactorFor(w, h, maxSize.width(), maxSize.height(), codec->max_lowres);
+    } else if (!(maxSize.isEmpty() && independentPictures(codec->id))) {
+        // Pictures that refer to earlier ones keep the factor of their references; an
+        // unreadable header keeps it too (FFmpeg judges the payload itself).
+        return;
+    }
+    if (factor == lowres)
+        return;
+    reopen(factor);
+    // An I-VOP without its headers: the new decoder gets it behind those the stream sent last.
+    if (!missing.isEmpty() && lowres == factor) {
+        withHeaders = missing;
+        withHeaders.append(reinterpret_cast<const char*>(data), size);
+    }
+}
+
+void FFmpegModule::State::reopen(int factor)
+{
+    // Pictures the decoder still holds (reordering) and the answers for its payloads come
+    // out before the new decoder's: every payload is answered once.
+    for (;;) {
+        AVFrame* held = av_frame_alloc();
+        qint64 tag = 0;
+        if (!held)
+            break;  // out of memory: what the decoder holds is answered as ended below
+        if (!feeder->drain(held, &tag)) {
+            av_frame_free(&held);
+            break;
+        }
+        carried.emplace_back(held, tag);
+    }
+    qint64 tag = 0;
+    QString reason;
+    while (feeder->takeEnded(&tag, &reason))
+        carriedEnded.emplace_back(tag, reason);
+    // On failure the drained decoder stays, ready for the key picture at its old factor.
+    open(factor);
+}
+
+bool FFmpegModule::State::takeCarried(qint64* tag)
+{
+    if (carried.empty())
+        return false;
+    AVFrame* held = carried.front().first;
+    *tag = carried.front().second;
+    carried.pop_front();
+    av_frame_unref(picture);
+    av_frame_move_ref(picture, held);
+    av_frame_free(&held);
+    return true;
 }
 
 FFmpegModule::FFmpegModule(const DecodeContext& context) : d(new State)
@@ -189,6 +257,7 @@ FFmpegModule::FFmpegModule(const DecodeContext& context) : d(new State)
         return;
     }
     d->codec = codec;
+    d->keys = std::make_unique<KeyPictures>(codec->id);
     const bool wait = DecoderPreferences::instance()->damagedPictures() == DamagedPictures::WaitForKeyFrame;
     d->policy = wait ? PacketFeeder::DamagePolicy::WaitForKeyFrame : PacketFeeder::DamagePolicy::Show;
     if (!d->picture || !d->open(0)) {
@@ -222,7 +291,12 @@ FFmpegModule::PayloadResult FFmpegModule::decodePayload(const unsigned char* dat
 {
     if (!d->ok)
         return PayloadResult::Rejected;
+    d->withHeaders.clear();
     d->fitLowres(data, size);
+    if (!d->withHeaders.isEmpty()) {
+        data = reinterpret_cast<const unsigned char*>(d->withHeaders.constData());
+        size = d->withHeaders.size();
+    }
     const PacketFeeder::Result result = d->feeder->feed(data, size, tag, endsUnit);
     if (result == PacketFeeder::Result::Rejected) {
         if (ffmpegCategory.isTraceEnabled())
@@ -237,7 +311,7 @@ bool FFmpegModule::nextPicture(VideoFrame& frame, qint64* pictureTag)
     if (!d->ok)
         return false;
     // A picture whose frame cannot be allocated is skipped.
-    while (d->feeder->takePicture(d->picture, pictureTag)) {
+    while (d->takeCarried(pictureTag) || d->feeder->takePicture(d->picture, pictureTag)) {
         if (d->handOut(frame))
             return true;
     }
@@ -246,7 +320,18 @@ bool FFmpegModule::nextPicture(VideoFrame& frame, qint64* pictureTag)
 
 void FFmpegModule::setMaxOutputSize(const QSize& size) { d->maxSize = size; }
 
-bool FFmpegModule::takeEnded(qint64* tag, QString* reason) { return d->ok && d->feeder->takeEnded(tag, reason); }
+bool FFmpegModule::takeEnded(qint64* tag, QString* reason)
+{
+    if (!d->ok)
+        return false;
+    if (!d->carriedEnded.empty()) {
+        *tag = d->carriedEnded.front().first;
+        *reason = d->carriedEnded.front().second;
+        d->carriedEnded.pop_front();
+        return true;
+    }
+    return d->feeder->takeEnded(tag, reason);
+}
 
 QString FFmpegModule::rejectReason() const
 {
@@ -258,7 +343,7 @@ bool FFmpegModule::drain(VideoFrame& frame, qint64* pictureTag)
     if (!d->ok)
         return false;
     // A picture whose frame cannot be allocated is skipped, not the end of the drain.
-    while (d->feeder->drain(d->picture, pictureTag)) {
+    while (d->takeCarried(pictureTag) || d->feeder->drain(d->picture, pictureTag)) {
         if (d->handOut(frame))
             return true;
     }

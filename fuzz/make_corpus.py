@@ -90,6 +90,16 @@ def main():
 
     m4v = ffmpeg(lavfi("32x24", 3) + ["-c:v", "mpeg4", "-g", "2", "-f", "m4v"], ".m4v")
     save("fuzz_decode_mpeg", "mpeg4", 0, [m4v])
+    # Key pictures: Motion JPEG, an MxPEG P-frame shape (MXM comment, no frame header), MPEG-4
+    # with its VOL header, with B-frames in between and an extended pixel aspect ratio.
+    m4v_b = ffmpeg(lavfi("33x25", 4) + ["-c:v", "mpeg4", "-g", "3", "-bf", "1", "-aspect", "11:7", "-f", "m4v"], ".m4v")
+    mxm = b"\xff\xd8\xff\xfe\x00\x0fMXM\x00\x02\x00\x02\x00\x00\x00\x00\x00\xf0" + mjpeg[0][2:]
+    save("fuzz_key_picture", "three_formats", 0x35, [mjpeg[0], mxm, m4v, m4v_b])
+    # Decoded small, the size switched on and off from image to image: the decoder is
+    # reopened at key pictures, with B-frames held.
+    save("fuzz_decode_mpeg", "mpeg4_small_switching", 0x1b, [m4v_b[: len(m4v_b) // 2], m4v_b[len(m4v_b) // 2:], m4v])
+    save("fuzz_decode_mxpeg", "pframes_small_switching", 0x1b, [mjpeg[0], mxm, mjpeg[1], mxm])  # the library
+    save("fuzz_decode_mxpeg", "pframes_small_switching_ffmpeg", 0x1a, [mjpeg[0], mxm, mjpeg[1], mxm])
     m2v = ffmpeg(lavfi("32x32", 3) + ["-c:v", "mpeg2video", "-g", "2", "-f", "mpeg2video"], ".m2v")
     save("fuzz_decode_mpeg", "mpeg2", 1, [m2v])
 

@@ -20,6 +20,9 @@ public:
     static DecoderJPEG2000* get();  // level 0; the caller owns the decoder
     // Used from the next image on.
     void setScaleLevel(int level) { scaleLevel_ = level; }
+    // With a size set, each image is decoded at the scale level that still covers it (the
+    // smallest such picture), or at the scale level set above when that one is smaller.
+    void setMaxOutputSize(const QSize& size) override { maxSize_ = size; }
     int scaleLevel() const { return scaleLevel_; }
     // Strict decoding: truncated or corrupt code streams fail. On a decoding failure the
     // frame has already been replaced (by a null frame, or the unfilled picture when only the
@@ -31,6 +34,7 @@ public:
 
 private:
     int scaleLevel_ = 0;
+    QSize maxSize_;
     aj2k_handle* handle_ = nullptr;
     std::unique_ptr<PlanePool> pool_;  // frames are recycled between pictures of one size
 };

@@ -21,6 +21,9 @@ public:
     unsigned char getFormat() const override;
     bool is_stream_based() const override { return true; }
     bool produces_shallow_images() const override { return true; }
+    // With a size set, I-frames (frame header, no macroblock bitmask) reopen the library at the
+    // reduced resolution that still covers it; the P-frames after one keep its factor.
+    void setMaxOutputSize(const QSize& size) override { maxSize_ = size; }
 
     // Largest width and height of an I-frame; larger frame headers are refused before any
     // picture memory is allocated.
@@ -28,7 +31,9 @@ public:
 
 private:
     void* state_ = nullptr;  // the MxPEG library's decoding state
-    QSize size_;             // of the last I-frame's picture; invalid before the first
+    QSize size_;             // of the last I-frame's picture as decoded; invalid before the first
+    QSize maxSize_;
+    int lowres_ = 0;         // the state's reduced-resolution factor
     std::unique_ptr<PlanePool> pool_;
 };
 

@@ -71,8 +71,11 @@ public:
     bool nextPicture(VideoFrame& frame, qint64* pictureTag);
     // A payload tag that will never give a picture, with the reason; false once none is left.
     bool takeEnded(qint64* tag, QString* reason);
-    // The largest picture the client shows (empty: no limit). Motion JPEG is then decoded at
-    // FFmpeg's reduced resolution, the smallest that still covers that size.
+    // The largest picture the client shows (empty: no limit). Motion JPEG, MxPEG and MPEG-4
+    // Part 2 are then decoded at FFmpeg's reduced resolution (where the linked decoder offers
+    // it), the smallest that still covers that size. The factor changes only at key pictures
+    // (every Motion JPEG picture, MxPEG I-frames, MPEG-4 I-VOPs once a VOL header was seen): pictures
+    // before the next one keep the factor of their references, also once the size is cleared.
     void setMaxOutputSize(const QSize& size);
     // Why the last payload was rejected.
     QString rejectReason() const;
