@@ -66,6 +66,12 @@ public:
     // none is left (every tag still waiting is then ended), and the decoder is then ready
     // for a new stream.
     bool drain(AVFrame* out, qint64* tag);
+    // Goes on with `loop`, another decoder of the same stream (it outlives the feeder), from
+    // the next unit: the units the old decoder held without a picture are answered as
+    // ended, with `reason`; pictures that came out already stay ready. The old loop may go.
+    void switchLoop(FFmpegDecodingLoop& loop, const QString& reason);
+    // Answers every unit still waiting for a picture as ended, with `reason`.
+    void abandonWaiting(const QString& reason);
 
 private:
     struct Sent {
@@ -80,7 +86,7 @@ private:
     void settleBefore(quint64 serial, bool key);
     void restart();
 
-    FFmpegDecodingLoop& loop_;
+    FFmpegDecodingLoop* loop_;
     AVCodecContext* codec_;
     const formats::Format* format_ = nullptr;  // null for a codec without a row
     DamagePolicy policy_;
