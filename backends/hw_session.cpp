@@ -137,6 +137,10 @@ int Session::toSoftware(AVFrame* in, AVFrame* out, bool* useOut)
     *useOut = false;
     const bool fromEngine = in->hw_frames_ctx || (emulated_ && onEngine_);
     if (!fromEngine) {
+        // FFmpeg decoded the picture in software although the engine was chosen (a codec
+        // that never asks for a picture format): the path must say so.
+        if (onEngine_ && !emulated_)
+            leave("FFmpeg decoded the stream's pictures in software");
         // A stream that left the emulated engine inside its decoder is cropped here still.
         if (emulated_ && context_ && !context_->apply_cropping)
             av_frame_apply_cropping(in, context_->flags & AV_CODEC_FLAG_UNALIGNED ? AV_FRAME_CROP_UNALIGNED : 0);

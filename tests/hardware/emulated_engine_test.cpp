@@ -40,7 +40,7 @@ TEST_P(EmulatedEngine, PicturesEqualTheSoftwareDecode)
     EXPECT_EQ(engine.paths.back().toString(), "hardware (cuda)");
 }
 
-INSTANTIATE_TEST_SUITE_P(Clips, EmulatedEngine, testing::ValuesIn(hwClipNames().toVector().toStdVector()),
+INSTANTIATE_TEST_SUITE_P(Clips, EmulatedEngine, testing::ValuesIn(hwClipNames()),
                          [](const testing::TestParamInfo<QString>& info) {
                              return QString(info.param).replace('.', '_').toStdString();
                          });

@@ -83,6 +83,12 @@ const ClipRecipe kRecipes[] = {
     {"hw_h264_camera.h264", 'h',
      "-f lavfi -i testsrc2=size=176x144:rate=25 -frames:v 40 -c:v libx264 -preset veryfast -tune zerolatency "
      "-bf 0 -g 10 -keyint_min 10 -sc_threshold 0 -pix_fmt yuv420p -f h264"},
+    {"hw_h264_1080p.h264", 'h',
+     "-f lavfi -i testsrc2=size=1920x1080:rate=25 -frames:v 20 -c:v libx264 -preset veryfast -bf 2 -g 10 "
+     "-pix_fmt yuv420p -f h264"},
+    {"hw_hevc_1080p.hevc", 'e',
+     "-f lavfi -i testsrc2=size=1920x1080:rate=25 -frames:v 20 -c:v libx265 -x265-params "
+     "log-level=error:bframes=2:keyint=10:min-keyint=10 -f hevc"},
     {"hw_h264_large.h264", 'h',
      "-f lavfi -i testsrc2=size=320x240:rate=25 -frames:v 20 -c:v libx264 -preset veryfast -tune zerolatency "
      "-bf 0 -g 10 -pix_fmt yuv420p -f h264"},
@@ -99,13 +105,15 @@ std::vector<Image> imagesOf(const QString& file, quint8 code, quint64 firstId = 
 
 }  // namespace
 
-QStringList hwClipNames()
+QStringList hwClipNames(bool gpu)
 {
     QStringList names;
     for (const ClipRecipe& r : kRecipes)
-        if (QString(r.name) != "hw_h264_large.h264")
+        if (!QString(r.name).contains("large") && !QString(r.name).contains("1080p"))
             names << r.name;
     names << "hw_h264_resize";
+    if (gpu)
+        names << "hw_h264_1080p.h264" << "hw_hevc_1080p.hevc";
     return names;
 }
 
@@ -133,6 +141,7 @@ void decodeAll(Decoder& decoder, const std::vector<Image>& images, Answers& a,
 {
     auto picture = [&](const VideoFrame& f) {
         a.pictures[f.id()] = packYuv420p(f);
+        a.inOrder.push_back(a.pictures[f.id()]);
         a.damaged[f.id()] = f.isDamaged();
         ++a.answerCount[f.id()];
     };

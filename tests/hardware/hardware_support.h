@@ -57,11 +57,13 @@ struct HwClip {
     std::vector<Image> images;
 };
 HwClip hwClip(const QString& name);  // see hardware_support.cpp for the list
-QStringList hwClipNames();
+// The clips of the suites; `gpu` adds the 1080p ones (too slow for every run in software).
+QStringList hwClipNames(bool gpu = false);
 
 // How a run through one Decoder answered the images.
 struct Answers {
     std::map<quint64, QByteArray> pictures;  // packed yuv420p by image id
+    std::vector<QByteArray> inOrder;         // the same, in output order
     std::map<quint64, bool> damaged;
     std::map<quint64, QString> errors;       // failed or ended without a picture, with the reason
     std::map<quint64, int> answerCount;      // pictures and errors together
