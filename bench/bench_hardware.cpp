@@ -119,13 +119,20 @@ RunResult runOurs(const Codec& codec, int streams, orvo::HardwareDecoding mode)
                                    p.key);
         }
     std::vector<std::unique_ptr<orvo::ConcurrentDecoder>> decoders;
-    int total = 0;
+    int total = 0;     // pictures
+    int answered = 0;  // pictures and errors: the run ends when every image is answered
     QEventLoop loop;
     for (int s = 0; s < streams; ++s) {
         decoders.push_back(std::make_unique<orvo::ConcurrentDecoder>());
         QObject::connect(decoders.back().get(), &orvo::DecoderInterfaceSignals::frameDecoded, &loop,
                          [&](const orvo::VideoFrame&) {
-                             if (++total == streams * perStream)
+                             ++total;
+                             if (++answered == streams * perStream)
+                                 loop.quit();
+                         });
+        QObject::connect(decoders.back().get(), &orvo::DecoderInterfaceSignals::error, &loop,
+                         [&](const orvo::DecoderError&) {
+                             if (++answered == streams * perStream)
                                  loop.quit();
                          });
     }
