@@ -56,13 +56,15 @@ TEST(HardwareFallback, NoHardwareFormatAndNoSurfacesGoOnInSoftwareInTheSameDecod
         LogLines log;
         HardwareGuard::use(HardwareDecoding::Auto, true);
         setHardwareFailureForTesting(point, 1);
-        for (const QString& name : {kCamera, QStringLiteral("hw_h264_crop.h264")}) {
+        // A clip with a cropping window first: software pictures of the engine's decoder are
+        // cropped as the software decoder's.
+        for (const QString& name : {QStringLiteral("hw_h264_crop.h264"), kCamera}) {
             const HwClip clip = hwClip(name);
             const Answers got = decodeAll(clip.images);
             // Nothing was decoded on the engine yet: every picture is the software one.
             EXPECT_EQ(got.pictures, softwareDecode(clip.images).pictures);
             expectEachAnsweredOnce(clip.images, got);
-            if (name == kCamera) {
+            if (name != kCamera) {
                 EXPECT_FALSE(got.paths.front().isHardware());
                 EXPECT_TRUE(got.paths.back().reason.contains(reason)) << got.paths.back().reason.toStdString();
             } else {
