@@ -1,7 +1,8 @@
 #pragma once
 #include "orvo/export.h"
 // Process-wide switches that choose decoding paths and camera repairs. In memory only.
-// Fields are atomic and read without ordering (pool threads read some at every image):
+// Fields are atomic (texts: behind a lock) and read without ordering (pool threads read
+// some at every image):
 // a change is seen by each reader at some later image (decoder choices at the next
 // creation of a format decoder).
 #include <atomic>
