@@ -191,7 +191,9 @@ int Session::emulatedDownload(const AVFrame* in, AVFrame* out)
         return ret;
     // What FFmpeg does to a hardware picture: the right and bottom edges are cut by its
     // size, the left and top ones are left to the caller (here, applyCropping).
-    const bool valid = in->crop_left + in->crop_right < size_t(w) && in->crop_top + in->crop_bottom < size_t(h);
+    // Checked term by term: the sum of two crop fields may wrap.
+    const bool valid = in->crop_left < size_t(w) && in->crop_right < size_t(w) - in->crop_left &&
+                       in->crop_top < size_t(h) && in->crop_bottom < size_t(h) - in->crop_top;
     out->width = valid ? w - int(in->crop_right) : w;
     out->height = valid ? h - int(in->crop_bottom) : h;
     out->crop_left = valid ? in->crop_left : 0;
