@@ -140,6 +140,9 @@ struct FFmpegModule::State {
     HardwareRequest request;  // read at creation
     HardwareEngine engine;    // the device, until the engine's decoder holds it
     bool hardwareStream = false;  // opened on the engine (reduced resolution does not apply)
+    // On software because the device did not open or was lost: the engine is tried again at
+    // the stream's key pictures (the device registry keeps that to once per delay).
+    bool retryEngine = false;
     DecodingPath path;
     // Required hardware decoding that the stream cannot have: why (every payload is refused).
     QString hardwareFailure;
@@ -157,6 +160,8 @@ struct FFmpegModule::State {
     // when hardware decoding is required, fails from now on).
     void followEngine();
     bool onEngine() const { return loop && loop->hardware() && loop->hardware()->onEngine(); }
+    // Before a key picture of a stream waiting for its device: back to the engine when it opens.
+    void returnToEngine();
     // A decoder (and feeder) decoding at 1/2^factor of the size; false (nothing changed) when
     // it cannot be opened.
     bool open(int factor);
@@ -186,6 +191,11 @@ bool FFmpegModule::State::open(int factor)
     delete feeder;  // before the codec it feeds
     loop = std::move(opened);
     feeder = new PacketFeeder(*loop, policy);
+    if (request.mode == HardwareDecoding::Auto)
+        feeder->setBeforeKeyUnit([this] {
+            if (retryEngine)
+                returnToEngine();
+        });
     lowres = factor;
     return true;
 }
@@ -236,6 +246,7 @@ FFmpegModule::FFmpegModule(const DecodeContext& context) : d(new State)
             return;
         } else {
             d->path = softwarePath(d->request, d->engine.error);
+            d->retryEngine = d->engine.deviceFailed;
             logHardwareCause(QStringLiteral("decoding in software, not on the %1 engine: %2").arg(type, why));
         }
     }
@@ -247,6 +258,30 @@ FFmpegModule::FFmpegModule(const DecodeContext& context) : d(new State)
 }
 
 bool FFmpegModule::isOpen() const { return d->ok; }
+
+void FFmpegModule::State::returnToEngine()
+{
+    HardwareEngine found = findEngine(request, codec, true);
+    if (!found.device)
+        return;  // still failing, or waiting out its delay: no driver call
+    FFmpegDecodingLoop::Options options;
+    options.hardware = found.device;
+    options.hardwareFormat = found.format;
+    std::unique_ptr<FFmpegDecodingLoop> hardware = FFmpegDecodingLoop::open(codec, options);
+    if (!hardware)
+        return;
+    const QString type = QString::fromStdString(request.type);
+    // The software decoder's held pictures come out first; the key picture starts the engine's.
+    const QString reason = QStringLiteral("its decoder was replaced when the stream went back to the %1 engine").arg(type);
+    feeder->drainLoop(reason);
+    feeder->switchLoop(*hardware, reason);
+    loop = std::move(hardware);
+    hardwareStream = true;
+    retryEngine = false;
+    lowres = 0;
+    path = hardwarePath(request);
+    logHardwareCause(QStringLiteral("a stream went back to the %1 engine").arg(type));
+}
 
 QString FFmpegModule::openFailure() const
 {
@@ -276,6 +311,7 @@ void FFmpegModule::State::followEngine()
     }
     path = softwarePath(request, session->leaveReason());
     logHardwareCause(QStringLiteral("a stream left the %1 engine for software: %2").arg(type, why));
+    retryEngine = session->device().isLost();
     if (!session->needsNewDecoder())
         return;  // FFmpeg goes on in software in the same decoder
     // The engine's decoder is of no further use: a software one takes the stream on from its

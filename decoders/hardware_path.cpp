@@ -42,6 +42,7 @@ HardwareEngine findEngine(const HardwareRequest& request, const AVCodec* codec, 
         return engine;
     }
     engine.device = hw::acquireDevice(request.type, request.name, &engine.error);
+    engine.deviceFailed = !engine.device;
     if (engine.device && !hw::Session::supports(codec, *engine.device, &engine.format, &engine.error))
         engine.device.reset();
     return engine;

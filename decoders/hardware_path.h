@@ -29,6 +29,7 @@ struct HardwareEngine {
     hw::DeviceRef device;
     AVPixelFormat format = AV_PIX_FMT_NONE;
     std::string error;
+    bool deviceFailed = false;  // the device did not open (or waits out its delay): worth trying later
 };
 HardwareEngine findEngine(const HardwareRequest& request, const AVCodec* codec, bool formatHasEngine);
 

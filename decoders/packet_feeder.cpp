@@ -90,6 +90,8 @@ PacketFeeder::Result PacketFeeder::feed(const uint8_t* data, int size, qint64 ta
 
 void PacketFeeder::send(const uint8_t* data, int size, qint64 tag)
 {
+    if (beforeKeyUnit_ && splitter_ && isKeyUnit(data, size))
+        beforeKeyUnit_();
     const quint64 serial = nextSerial_++;
     if (tag > 0)
         sent_.push_back({tag, serial});
@@ -259,6 +261,34 @@ void PacketFeeder::switchLoop(FFmpegDecodingLoop& loop, const QString& reason)
     loop_ = &loop;
     codec_ = loop.context();
     draining_ = false;
+}
+
+bool PacketFeeder::isKeyUnit(const uint8_t* data, int size) const
+{
+    const bool hevc = format_ && format_->parser == formats::Parser::Hevc;
+    // The first picture NAL unit decides; parameter sets and SEI come before it.
+    for (int at = AccessUnitSplitter::findStartCode(data, size, 0); at >= 0;
+         at = AccessUnitSplitter::findStartCode(data, size, at + 3)) {
+        if (at + 3 >= size)
+            return false;
+        const uint8_t header = data[at + 3];
+        if (hevc) {
+            const int type = (header >> 1) & 0x3f;
+            if (type < 32)
+                return type >= 16 && type <= 23;
+        } else {
+            const int type = header & 0x1f;
+            if (type >= 1 && type <= 5)
+                return type == 5;
+        }
+    }
+    return false;
+}
+
+void PacketFeeder::drainLoop(const QString& reason)
+{
+    loop_->drain(acceptFrame_);
+    abandonWaiting(reason);
 }
 
 void PacketFeeder::abandonWaiting(const QString& reason)

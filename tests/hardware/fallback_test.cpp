@@ -182,6 +182,52 @@ TEST(HardwareFallback, LostDeviceEndsEveryStreamOnItAndIsTriedAgainLater)
     EXPECT_TRUE(fourth.decodingPath().isHardware());
 }
 
+TEST(HardwareFallback, StreamsGoBackToTheEngineAtAKeyPictureOnceTheDeviceOpens)
+{
+    HardwareGuard guard;
+    LogLines log;
+    HardwareGuard::use(HardwareDecoding::Auto, true);
+    const HwClip clip = hwClip(kCamera);
+    const Answers soft = softwareDecode(clip.images);
+
+    // No device at first: software, and the engine from the first key picture after the wait.
+    setHardwareFailureForTesting(HardwareFailurePoint::DeviceOpen, 1);
+    const Answers late = decodeAll(clip.images, [](size_t i) {
+        if (i == 4)
+            resetHardwareStateForTesting();  // the wait is over
+    });
+    expectEachAnsweredOnce(clip.images, late);
+    EXPECT_EQ(late.pictures, soft.pictures);  // nothing lost at the switch
+    EXPECT_FALSE(late.paths.at(9).isHardware());
+    for (size_t i = 10; i < late.paths.size(); ++i)
+        EXPECT_TRUE(late.paths[i].isHardware()) << "after image " << i + 1;
+
+    // A lost device: both streams leave it and come back at the first key picture after the wait.
+    resetHardwareStateForTesting();
+    Decoder first, second;
+    Answers a, b;
+    for (size_t i = 0; i < clip.images.size(); ++i) {
+        if (i == 12)
+            setHardwareFailureForTesting(HardwareFailurePoint::DeviceLost, 1);
+        if (i == 15)
+            resetHardwareStateForTesting();
+        decodeAll(first, {clip.images[i]}, a, {}, false);
+        decodeAll(second, {clip.images[i]}, b, {}, false);
+    }
+    decodeAll(first, {}, a);
+    decodeAll(second, {}, b);
+    for (const Answers* got : {&a, &b}) {
+        expectEachAnsweredOnce(clip.images, *got);
+        expectSoftwareEqualOutside(*got, soft, 13, 21);
+        EXPECT_FALSE(got->paths.at(19).isHardware());
+        EXPECT_TRUE(got->paths.at(20).isHardware());
+        EXPECT_TRUE(got->paths.back().isHardware());
+    }
+    EXPECT_EQ(hardwareDeviceUsersForTesting("cuda"), 2);
+    // Once per part (two streams came back in the second): the reset forgets logged causes.
+    EXPECT_EQ(log.count("a stream went back to the cuda engine"), 2);
+}
+
 TEST(HardwareFallback, RequiredFailsTheImagesInsteadOfGoingToSoftware)
 {
     HardwareGuard guard;
