@@ -48,6 +48,8 @@ void AsyncDecoder::myconnect()
     // must not wait in vain. Clients connected to the implementation still get each once.
     connect(interface_.data(), &DecoderInterfaceSignals::error, this,
             [this](const DecoderError& error) { decodingError(error); });
+    connect(interface_.data(), &DecoderInterfaceSignals::decodingPathChanged, this,
+            &DecoderInterfaceSignals::decodingPathChanged);
 }
 
 void AsyncDecoder::slotFrameFinished(const orvo::VideoFrame& vf)

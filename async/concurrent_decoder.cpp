@@ -49,6 +49,7 @@ void ConcurrentDecoder::setMaxOutputSize(const QSize& size) { ORVO_SET(setMaxOut
 QSize ConcurrentDecoder::maxOutputSize() { ORVO_GET(maxOutputSize(), QSize()); }
 void ConcurrentDecoder::setDecodeIFramesOnly(bool on) { ORVO_SET(setDecodeIFramesOnly(on)); }
 bool ConcurrentDecoder::isDecodeIFramesOnly() { ORVO_GET(isDecodeIFramesOnly(), false); }
+DecodingPath ConcurrentDecoder::decodingPath() { ORVO_GET(decodingPath(), DecodingPath()); }
 quint64 ConcurrentDecoder::droppedImages() { ORVO_GET(droppedImages(), 0); }
 quint64 ConcurrentDecoder::decodedFrames() { ORVO_GET(decodedFrames(), 0); }
 int ConcurrentDecoder::drain() { ORVO_GET(drain(), 0); }

@@ -80,6 +80,7 @@ int ConcurrentDecoderImpl::decode(const Image& image, bool clearOnIFrame, int ma
         // No exception leaves the library; the failure is reported by the result.
         ok = false;
     }
+    notePath(outcome.path);
     for (const DecoderError& ended : qAsConst(outcome.ended))
         decodingError(ended);
     if (pending) {
@@ -104,7 +105,9 @@ int ConcurrentDecoderImpl::drain()
     const QSharedPointer<ConcurrentDecoderImpl> guard = weakSelf_.toStrongRef();
     settleForSynchronous();
     sequence_->decoder().setMaxOutputSize(maxOutputSize_);
-    emitDrained(sequence_->decoder().drainAll());
+    const ImageOutcome drained = sequence_->decoder().drainAll();
+    notePath(drained.path);
+    emitDrained(drained);
     return 3;
 }
 
@@ -168,6 +171,7 @@ void ConcurrentDecoderImpl::takeResults()
         runningSerial_ = 0;
         if (!accepted_.empty() && accepted_.front().serial == next)
             markRunning(next);
+        notePath(r.outcome.path);  // a fact about the stream, also for results not shown
         if (r.epoch != epoch_) {
             if (answersFront)
                 drop(done);  // cancelled while it was decoded
@@ -238,6 +242,14 @@ void ConcurrentDecoderImpl::emitResult(quint64 imageId, const ImageOutcome& outc
     }
     decodedFrames_ += quint64(outcome.frames.size());
     imageDone(imageId, outcome.frames);
+}
+
+void ConcurrentDecoderImpl::notePath(const DecodingPath& path)
+{
+    if (path == path_)
+        return;
+    path_ = path;
+    emit decodingPathChanged(path);
 }
 
 int ConcurrentDecoderImpl::decodeScheduledImage(Image&)

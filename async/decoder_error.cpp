@@ -1,4 +1,5 @@
 #include "orvo/decoder_error.h"
+#include "orvo/decoding_path.h"
 
 #include "orvo/video_frame.h"
 
@@ -34,6 +35,7 @@ void registerAsyncDecoderMetaTypes()
         qRegisterMetaType<orvo::VideoFrame>();
         qRegisterMetaType<orvo::DecoderError>();
         qRegisterMetaType<orvo::DecoderError>("DecoderError");
+        qRegisterMetaType<orvo::DecodingPath>();
         return true;
     }();
     Q_UNUSED(registered);

@@ -36,6 +36,7 @@ ImageOutcome ImageDecoder::takeOutcome()
         outcome.frames.prepend(result_);
     result_ = VideoFrame();
     outcome.errorCode = errorCode_;
+    outcome.path = decodingPath();
     return outcome;
 }
 
@@ -139,6 +140,7 @@ ImageOutcome ImageDecoder::drainAll()
     } catch (...) {
         outcome.errorCode = currentExceptionErrorCode();  // what was drained is delivered
     }
+    outcome.path = decodingPath();
     return outcome;
 }
 

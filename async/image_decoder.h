@@ -18,6 +18,7 @@ struct ImageOutcome {
     QList<DecoderError> ended;   // earlier images that will never give a picture (code 1, with reason)
     quint32 errorCode = 0;       // the image's own failure, as DecoderError's codes
     QString reason;              // why it failed
+    DecodingPath path;           // the decoder's path after it
 };
 
 // The images `decoder` reports as ended without a picture, as the errors that answer them.

@@ -28,6 +28,14 @@ std::unique_ptr<FFmpegDecodingLoop> FFmpegDecodingLoop::open(const AVCodec* code
         return nullptr;
     }
     AVCodecContext* context = loop->context_;
+    if (options.hardware) {
+        loop->hardware_.reset(new (std::nothrow) hw::Session(options.hardware, options.hardwareFormat));
+        if (!loop->hardware_ || !(loop->downloaded_ = av_frame_alloc())) {
+            if (error)
+                *error = AVERROR(ENOMEM);
+            return nullptr;
+        }
+    }
 #ifdef FUZZING_BUILD_MODE_UNSAFE_FOR_PRODUCTION
     context->thread_count = 1;  // findings and timings belong to one thread
 #else
@@ -36,6 +44,10 @@ std::unique_ptr<FFmpegDecodingLoop> FFmpegDecodingLoop::open(const AVCodec* code
 #endif
     context->max_pixels = options.maxPixels;
     context->lowres = std::min(options.lowres, int(codec->max_lowres));
+    if (loop->hardware_) {
+        loop->hardware_->attach(context);  // after the thread count: the engine takes one
+        loop->hardware_->setRequired(options.hardwareRequired);
+    }
     const int ret = avcodec_open2(context, codec, nullptr);
     if (ret < 0) {
         if (error)
@@ -48,8 +60,11 @@ std::unique_ptr<FFmpegDecodingLoop> FFmpegDecodingLoop::open(const AVCodec* code
 FFmpegDecodingLoop::~FFmpegDecodingLoop()
 {
     av_frame_free(&frame_);
+    av_frame_free(&downloaded_);
     av_packet_free(&packet_);
+    // The codec context refers to the session (get_format): it goes first.
     avcodec_free_context(&context_);
+    hardware_.reset();
 }
 
 FFmpegDecodingLoop::Result FFmpegDecodingLoop::decodePacket(const AVPacket* packet, const FrameReady& ready)
@@ -65,6 +80,8 @@ FFmpegDecodingLoop::Result FFmpegDecodingLoop::decodePacket(const AVPacket* pack
     }
     if (ret < 0 && !(ret == AVERROR_EOF && !packet)) {
         lastError_ = ret;
+        if (hardware_)
+            hardware_->noteFailure(ret, false);
         return Result::SendFailed;
     }
     return receive(ready);
@@ -98,10 +115,28 @@ FFmpegDecodingLoop::Result FFmpegDecodingLoop::receive(const FrameReady& ready)
             return Result::Ok;
         if (ret < 0) {
             lastError_ = ret;
+            if (hardware_)
+                hardware_->noteFailure(ret, false);
             return Result::ReceiveFailed;
         }
-        const bool processed = ready(frame_);
-        av_frame_unref(frame_);
+        AVFrame* picture = frame_;
+        if (hardware_) {
+            bool downloaded = false;
+            const int got = hardware_->toSoftware(frame_, downloaded_, &downloaded);
+            if (got < 0) {
+                // The picture is lost; its packet is answered by the feeder's bookkeeping.
+                av_frame_unref(frame_);
+                lastError_ = got;
+                return Result::ReceiveFailed;
+            }
+            hardware_->notePicture();
+            if (downloaded) {
+                av_frame_unref(frame_);
+                picture = downloaded_;
+            }
+        }
+        const bool processed = ready(picture);
+        av_frame_unref(picture);
         if (!processed)
             return Result::FrameProcessingFailed;
     }

@@ -8,6 +8,7 @@
 // error code behind it. Frames go to a callback as they come out, in output order.
 //
 // One loop per decoder, used from one thread at a time. The loop owns its codec context.
+#include "backends/hw_session.h"
 #include "orvo/picture_bound.h"
 
 extern "C" {
@@ -38,6 +39,11 @@ public:
         // Pictures whose header declares more pixels fail before FFmpeg allocates for them.
         int64_t maxPixels = ORVO_MAX_PICTURE_PIXELS;
         int lowres = 0;  // reduced-resolution decoding: 1/2^lowres of the size (up to the codec's max_lowres)
+        // Decode on this device's video engine (null: software). Its pictures reach the
+        // callback downloaded and cropped, as software pictures (see hw::Session).
+        hw::DeviceRef hardware;
+        AVPixelFormat hardwareFormat = AV_PIX_FMT_NONE;  // hw::Session::supports()
+        bool hardwareRequired = false;                   // hw::Session::setRequired()
     };
 
     // Opens the decoder `codec` with `options`; null when memory runs out or the codec will
@@ -63,6 +69,8 @@ public:
     void flush();
 
     AVCodecContext* context() const { return context_; }
+    // The engine's session; null for a software decoder.
+    hw::Session* hardware() const { return hardware_.get(); }
     // FFmpeg's code behind the last failure (0 after a decode that did not fail).
     int lastError() const { return lastError_; }
     static std::string errorText(int error);
@@ -73,6 +81,8 @@ private:
     AVCodecContext* context_ = nullptr;
     AVPacket* packet_ = nullptr;
     AVFrame* frame_ = nullptr;
+    AVFrame* downloaded_ = nullptr;  // a hardware picture as a software one
+    std::unique_ptr<hw::Session> hardware_;
     int lastError_ = 0;
 };
 

@@ -8,3 +8,10 @@ bool AbstractDecoder::produces_shallow_images() const { return true; }
 bool AbstractDecoder::drain(orvo::VideoFrame&) { return false; }
 bool AbstractDecoder::nextPicture(orvo::VideoFrame&) { return false; }
 bool AbstractDecoder::takeEndedPayload(qint64*, QString*) { return false; }
+
+orvo::DecodingPath AbstractDecoder::decodingPath() const
+{
+    orvo::DecodingPath path;
+    path.engine = orvo::DecodingPath::Engine::Software;
+    return path;
+}

@@ -89,6 +89,7 @@ bool Decoder::init(unsigned char type, int param)
     decoder_.reset();
     held_.clear();
     lastStamped_ = {};
+    initFailure_.clear();
     if (formats::decoderKind(*row) == formats::Kind::Null) {
         // The process-wide null decoder must never be freed.
         decoder_ = QSharedPointer<AbstractDecoder>(DecoderNULL::instance(), noDelete);
@@ -101,6 +102,16 @@ bool Decoder::init(unsigned char type, int param)
         if (!created)
             return false;
         if (created->fail()) {  // e.g. a codec the linked FFmpeg lacks
+            initFailure_ = created->failReason();
+            delete created;
+            return false;
+        }
+        // Required hardware decoding is never silently software, whatever the format.
+        if (DecoderPreferences::instance()->hardwareDecoding() == HardwareDecoding::Required &&
+            created->decodingPath().engine == DecodingPath::Engine::Software) {
+            initFailure_ = QStringLiteral("hardware decoding required, but the %1 decoder decodes in software")
+                               .arg(QLatin1String(row->name));
+            olog(decoderCategory, LOG_WARNING, "Decoder::init", "%s", initFailure_.toUtf8().constData());
             delete created;
             return false;
         }
@@ -195,7 +206,13 @@ void Decoder::swap(Decoder& other)
     std::swap(lastStamped_, other.lastStamped_);
     ended_.swap(other.ended_);
     std::swap(failure_, other.failure_);
+    std::swap(initFailure_, other.initFailure_);
     std::swap(maxOutputSize_, other.maxOutputSize_);
+}
+
+orvo::DecodingPath Decoder::decodingPath() const
+{
+    return decoder_ ? decoder_->decodingPath() : orvo::DecodingPath();
 }
 
 void Decoder::setMaxOutputSize(const QSize& size)
@@ -248,6 +265,8 @@ Decoder::ImageResult Decoder::decodeImage(const orvo::Image& image, orvo::VideoF
         failure_ = isKnownFormat(image.type())
                        ? QStringLiteral("the decoder for format code %1 could not be opened").arg(image.type())
                        : QStringLiteral("unknown format code %1").arg(image.type());
+        if (!initFailure_.isEmpty())
+            failure_ += QStringLiteral(": ") + initFailure_;
         return ImageResult::Failed;
     }
     // Pictures the previous format decoder still held (init() retired it) come out first.

@@ -2,6 +2,7 @@
 
 #include "decoders/ffmpeg_log.h"
 #include "decoders/format_table.h"
+#include "decoders/hardware_path.h"
 #include "decoders/jpeg_header.h"
 #include "decoders/key_picture.h"
 #include "decoders/packet_feeder.h"
@@ -9,6 +10,7 @@
 #include "orvo/log.h"
 
 #include "backends/ffmpeg_decoding_loop.h"
+#include "frames/nv12_planes.h"
 #include "frames/plane_pool.h"
 #include "frames/qimage_scale.h"
 #include "frames/sws_scale.h"
@@ -142,6 +144,15 @@ struct FFmpegModule::State {
     // Pictures and answers the decoder replaced at another factor still owed, handed out first.
     std::deque<std::pair<AVFrame*, qint64>> carried;
     std::deque<std::pair<qint64, QString>> carriedEnded;
+    HardwareRequest request;  // read at creation
+    HardwareEngine engine;    // the device, until the engine's decoder holds it
+    bool hardwareStream = false;  // opened on the engine (reduced resolution does not apply)
+    // On software because the device did not open or was lost: the engine is tried again at
+    // the stream's key pictures (the device registry keeps that to once per delay).
+    bool retryEngine = false;
+    DecodingPath path;
+    // Required hardware decoding that the stream cannot have: why (every payload is refused).
+    QString hardwareFailure;
 
     ~State()
     {
@@ -153,6 +164,16 @@ struct FFmpegModule::State {
     // Converts `picture` into `frame` and releases it; false when the frame could not be allocated.
     bool handOut(VideoFrame& frame);
     void convert(VideoFrame& frame);
+    // Brings full-range planes of `frame` to the studio range, as for a software picture.
+    // `overreadable`: the source is one of FFmpeg's padded pictures (see sws::Planes).
+    void toStudioRange(const uint8_t* const data[4], const int linesize[4], AVPixelFormat format, int w, int h,
+                       bool overreadable, VideoFrame& frame);
+    // Follows the engine after each call: a stream that left it goes on in software (or,
+    // when hardware decoding is required, fails from now on).
+    void followEngine();
+    bool onEngine() const { return loop && loop->hardware() && loop->hardware()->onEngine(); }
+    // Before a key picture of a stream waiting for its device: back to the engine when it opens.
+    void returnToEngine();
     // A decoder (and feeder) decoding at 1/2^factor of the size; false (nothing changed) when
     // it cannot be opened.
     bool open(int factor);
@@ -169,21 +190,38 @@ bool FFmpegModule::State::open(int factor)
 {
     FFmpegDecodingLoop::Options options;
     options.lowres = factor;
+    if (hardwareStream) {
+        if (!engine.device)
+            return false;  // the engine's decoder is not opened twice
+        options.hardware = engine.device;
+        options.hardwareFormat = engine.format;
+        options.hardwareRequired = request.mode == HardwareDecoding::Required;
+        options.lowres = 0;  // engines decode at full size; the dispatcher scales
+    }
     std::unique_ptr<FFmpegDecodingLoop> opened = FFmpegDecodingLoop::open(codec, options);
     if (!opened)
         return false;
-    opened->context()->get_format = defaultGetFormat;
+    if (hardwareStream)
+        engine.device.reset();  // the decoder holds it: the device goes with its last decoder
+    else
+        opened->context()->get_format = defaultGetFormat;
     delete feeder;  // before the codec it feeds
     loop = std::move(opened);
     feeder = new PacketFeeder(*loop, policy);
+    if (request.mode == HardwareDecoding::Auto)
+        feeder->setBeforeKeyUnit([this] {
+            if (retryEngine)
+                returnToEngine();
+        });
     lowres = factor;
     return true;
 }
 
 void FFmpegModule::State::fitLowres(const unsigned char* data, int size)
 {
-    // Never assumed: only where the linked decoder offers reduced resolution.
-    if (codec->max_lowres <= 0 || (maxSize.isEmpty() && lowres == 0 && !keys->remembers()))
+    // Never assumed: only where the linked decoder offers reduced resolution; engines decode
+    // at full size.
+    if (codec->max_lowres <= 0 || hardwareStream || (maxSize.isEmpty() && lowres == 0 && !keys->remembers()))
         return;
     int w = 0, h = 0;
     QByteArray missing;
@@ -260,6 +298,27 @@ FFmpegModule::FFmpegModule(const DecodeContext& context) : d(new State)
     d->keys = std::make_unique<KeyPictures>(codec->id);
     const bool wait = DecoderPreferences::instance()->damagedPictures() == DamagedPictures::WaitForKeyFrame;
     d->policy = wait ? PacketFeeder::DamagePolicy::WaitForKeyFrame : PacketFeeder::DamagePolicy::Show;
+    d->request = HardwareRequest::fromPreferences();
+    d->path = softwarePath(d->request, std::string());
+    if (d->request.mode != HardwareDecoding::Off) {
+        const formats::Format* row = formats::forInput(context.format);
+        d->engine = findEngine(d->request, codec, row && row->hardware);
+        const QString type = QString::fromStdString(d->request.type);
+        const QString why = QString::fromStdString(d->engine.error);
+        if (d->engine.device) {
+            d->path = hardwarePath(d->request);
+            d->hardwareStream = true;
+        } else if (d->request.mode == HardwareDecoding::Required) {
+            d->hardwareFailure = QStringLiteral("hardware decoding (%1) required, but %2").arg(type, why);
+            logHardwareCause(d->hardwareFailure);
+            d->path = DecodingPath();
+            return;
+        } else {
+            d->path = softwarePath(d->request, d->engine.error);
+            d->retryEngine = d->engine.deviceFailed;
+            logHardwareCause(QStringLiteral("decoding in software, not on the %1 engine: %2").arg(type, why));
+        }
+    }
     if (!d->picture || !d->open(0)) {
         oprint(LogStream::StandardError, "could not open codec\n");
         return;
@@ -268,6 +327,81 @@ FFmpegModule::FFmpegModule(const DecodeContext& context) : d(new State)
 }
 
 bool FFmpegModule::isOpen() const { return d->ok; }
+
+void FFmpegModule::State::returnToEngine()
+{
+    HardwareEngine found = findEngine(request, codec, true);
+    if (!found.device)
+        return;  // still failing, or waiting out its delay: no driver call
+    FFmpegDecodingLoop::Options options;
+    options.hardware = found.device;
+    options.hardwareFormat = found.format;
+    std::unique_ptr<FFmpegDecodingLoop> hardware = FFmpegDecodingLoop::open(codec, options);
+    if (!hardware)
+        return;
+    const QString type = QString::fromStdString(request.type);
+    // The software decoder's held pictures come out first; the key picture starts the engine's.
+    const QString reason = QStringLiteral("its decoder was replaced when the stream went back to the %1 engine").arg(type);
+    feeder->drainLoop(reason);
+    feeder->switchLoop(*hardware, reason);
+    loop = std::move(hardware);
+    hardwareStream = true;
+    retryEngine = false;
+    lowres = 0;
+    path = hardwarePath(request);
+    logHardwareCause(QStringLiteral("a stream went back to the %1 engine").arg(type));
+}
+
+QString FFmpegModule::openFailure() const
+{
+    if (d->ok)
+        return QString();
+    return d->hardwareFailure.isEmpty() ? QStringLiteral("the codec could not be opened") : d->hardwareFailure;
+}
+
+DecodingPath FFmpegModule::decodingPath() const { return d->path; }
+
+void FFmpegModule::State::followEngine()
+{
+    hw::Session* session = loop ? loop->hardware() : nullptr;
+    if (!session || path.engine != DecodingPath::Engine::Hardware)
+        return;
+    session->checkDevice();  // another stream may have found the device lost
+    if (session->onEngine())
+        return;
+    const QString type = QString::fromStdString(request.type);
+    const QString why = QString::fromStdString(session->leaveReason());
+    if (request.mode == HardwareDecoding::Required) {
+        hardwareFailure = QStringLiteral("hardware decoding (%1) required, but %2").arg(type, why);
+        logHardwareCause(hardwareFailure);
+        feeder->abandonWaiting(hardwareFailure);
+        path = DecodingPath();
+        return;
+    }
+    path = softwarePath(request, session->leaveReason());
+    logHardwareCause(QStringLiteral("a stream left the %1 engine for software: %2").arg(type, why));
+    retryEngine = session->device().isLost();
+    if (!session->needsNewDecoder())
+        return;  // FFmpeg goes on in software in the same decoder
+    // The engine's decoder is of no further use: a software one takes the stream on from its
+    // next unit (the next key picture is the first it can show). The device reference goes
+    // with the old decoder.
+    hardwareStream = false;
+    FFmpegDecodingLoop::Options options;
+    std::unique_ptr<FFmpegDecodingLoop> software = FFmpegDecodingLoop::open(codec, options);
+    if (!software) {
+        hardwareFailure = QStringLiteral("the software decoder could not be opened after the %1 engine failed: %2")
+                              .arg(type, why);
+        feeder->abandonWaiting(hardwareFailure);
+        return;
+    }
+    software->context()->get_format = defaultGetFormat;
+    feeder->switchLoop(*software, QStringLiteral("lost when the %1 engine failed (%2); decoding goes on in software "
+                                                 "from the next key picture")
+                                      .arg(type, why));
+    loop = std::move(software);
+    lowres = 0;
+}
 
 FFmpegModule::~FFmpegModule()
 {
@@ -292,12 +426,16 @@ FFmpegModule::PayloadResult FFmpegModule::decodePayload(const unsigned char* dat
     if (!d->ok)
         return PayloadResult::Rejected;
     d->withHeaders.clear();
+    d->followEngine();
+    if (!d->hardwareFailure.isEmpty())
+        return PayloadResult::Rejected;
     d->fitLowres(data, size);
     if (!d->withHeaders.isEmpty()) {
         data = reinterpret_cast<const unsigned char*>(d->withHeaders.constData());
         size = d->withHeaders.size();
     }
     const PacketFeeder::Result result = d->feeder->feed(data, size, tag, endsUnit);
+    d->followEngine();
     if (result == PacketFeeder::Result::Rejected) {
         if (ffmpegCategory.isTraceEnabled())
             olog(ffmpegCategory, LOG_TRACE, "orvo::FFmpegModule::decode", "payload of %d bytes rejected", size);
@@ -335,6 +473,8 @@ bool FFmpegModule::takeEnded(qint64* tag, QString* reason)
 
 QString FFmpegModule::rejectReason() const
 {
+    if (!d->hardwareFailure.isEmpty())
+        return d->hardwareFailure;
     return d->ok ? d->feeder->rejectReason() : QStringLiteral("the codec could not be opened");
 }
 
@@ -343,11 +483,11 @@ bool FFmpegModule::drain(VideoFrame& frame, qint64* pictureTag)
     if (!d->ok)
         return false;
     // A picture whose frame cannot be allocated is skipped, not the end of the drain.
-    while (d->takeCarried(pictureTag) || d->feeder->drain(d->picture, pictureTag)) {
-        if (d->handOut(frame))
-            return true;
-    }
-    return false;
+    bool got = false;
+    while (!got && (d->takeCarried(pictureTag) || d->feeder->drain(d->picture, pictureTag)))
+        got = d->handOut(frame);
+    d->followEngine();
+    return got;
 }
 
 bool FFmpegModule::State::handOut(VideoFrame& frame)
@@ -373,6 +513,28 @@ void FFmpegModule::State::convert(VideoFrame& frame)
     if (w <= 0 || h <= 0)
         return;
     const bool full = isFullRange(pic);
+    if (pic->format == AV_PIX_FMT_NV12) {
+        // A picture downloaded from the engine: the same planes as the software picture.
+        frame = allocateFrame(pools, w, h);
+        if (!frame.mapIfNotMapped(QAbstractVideoBuffer::ReadWrite))
+            return;
+        deinterleaveNv12(pic->data[0], pic->linesize[0], pic->data[1], pic->linesize[1], w, h, frame.bitsY(),
+                         int(frame.bytesPerLineY()), frame.bitsU(), int(frame.bytesPerLineU()), frame.bitsV(),
+                         int(frame.bytesPerLineV()));
+        frame.unmap();
+        if (full) {
+            // Full range: the conversion a software yuvj420p picture gets, from these planes.
+            VideoFrame planar = frame;
+            if (!planar.mapIfNotMapped(QAbstractVideoBuffer::ReadOnly))
+                return;
+            const uint8_t* const data[4] = {planar.bitsY(), planar.bitsU(), planar.bitsV(), nullptr};
+            const int linesize[4] = {int(planar.bytesPerLineY()), int(planar.bytesPerLineU()),
+                                     int(planar.bytesPerLineV()), 0};
+            toStudioRange(data, linesize, AV_PIX_FMT_YUVJ420P, w, h, false, frame);
+            planar.unmap();
+        }
+        return;
+    }
     if (pic->format == AV_PIX_FMT_YUV420P && !full) {
         // Already what frames hold: no conversion needed.
         if (DecoderPreferences::instance()->isZeroCopyDecoding() && wrapPicture(pic, frame))
@@ -381,18 +543,24 @@ void FFmpegModule::State::convert(VideoFrame& frame)
         return;
     }
 
+    toStudioRange(pic->data, pic->linesize, AVPixelFormat(pic->format), w, h, true, frame);
+}
+
+void FFmpegModule::State::toStudioRange(const uint8_t* const data[4], const int linesize[4], AVPixelFormat format,
+                                        int w, int h, bool overreadable, VideoFrame& frame)
+{
+    const bool full = isFullRange(picture) || format == AV_PIX_FMT_YUVJ420P;
     frame = allocateFrame(pools, w, h);
     if (!frame.mapIfNotMapped(QAbstractVideoBuffer::ReadWrite))
         return;
-    const AVPixelFormat format = AVPixelFormat(pic->format);
     if (SwsContext* context =
             scaler.get({w, h, format, full, w, h, AV_PIX_FMT_YUV420P, SWS_BILINEAR})) {
         const int chromaStride = int(std::max(frame.bytesPerLineU(), frame.bytesPerLineV()));
         uint8_t* const dst[4] = {frame.bitsY(), frame.bitsU(), frame.bitsV(), nullptr};
         const int dstStride[4] = {int(frame.bytesPerLineY()), chromaStride, chromaStride, 0};
         // Pooled planes have the slack to be written in place.
-        sws::Planes source = sws::Planes::of(format, w, h, pic->data, pic->linesize);
-        source.overreadable = true;
+        sws::Planes source = sws::Planes::of(format, w, h, data, linesize);
+        source.overreadable = overreadable;
         sws::scale(context, source, sws::Planes::of(AV_PIX_FMT_YUV420P, w, h, dst, dstStride), sws::Room::Slack);
     }
     frame.unmap();

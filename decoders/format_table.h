@@ -52,7 +52,7 @@ struct Format {
     AVCodecID codecId;  // FFmpeg's codec for the format (also where the row's decoder is another)
     Parser parser;
     bool byteStream;  // payloads are start-code byte streams (a payload without one is refused)
-    bool hardware;    // FFmpeg may decode it in hardware (not used yet)
+    bool hardware;    // FFmpeg may decode it on the GPU's video engine (hardware decoding preference)
     int fieldLines;   // wavelet fields: lines of the field (kFieldWidth wide); 0 otherwise
     // Whether FFmpeg decodes the format at reduced resolution is no column: maxLowres() asks
     // the linked FFmpeg.

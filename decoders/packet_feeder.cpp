@@ -18,7 +18,7 @@ constexpr size_t kRecentTags = 64;
 }  // namespace
 
 PacketFeeder::PacketFeeder(FFmpegDecodingLoop& loop, DamagePolicy policy)
-    : loop_(loop),
+    : loop_(&loop),
       codec_(loop.context()),
       policy_(policy),
       sendUnit_([this](const AccessUnitSplitter::Unit& unit) { send(unit.data, unit.size, unit.tag); }),
@@ -90,20 +90,22 @@ PacketFeeder::Result PacketFeeder::feed(const uint8_t* data, int size, qint64 ta
 
 void PacketFeeder::send(const uint8_t* data, int size, qint64 tag)
 {
+    if (beforeKeyUnit_ && splitter_ && isKeyUnit(data, size))
+        beforeKeyUnit_();
     const quint64 serial = nextSerial_++;
     if (tag > 0)
         sent_.push_back({tag, serial});
-    if (loop_.decode(data, size, tag, acceptFrame_) == FFmpegDecodingLoop::Result::SendFailed) {
+    if (loop_->decode(data, size, tag, acceptFrame_) == FFmpegDecodingLoop::Result::SendFailed) {
         if (tag > 0) {
             const auto it =
                 std::find_if(sent_.begin(), sent_.end(), [&](const Sent& s) { return s.serial == serial; });
             if (it != sent_.end()) {
                 sent_.erase(it);
                 end(tag, QStringLiteral("FFmpeg refused it: %1")
-                             .arg(QString::fromStdString(FFmpegDecodingLoop::errorText(loop_.lastError()))));
+                             .arg(QString::fromStdString(FFmpegDecodingLoop::errorText(loop_->lastError()))));
             }
         }
-        loop_.receive(acceptFrame_);  // pictures that were waiting still come out
+        loop_->receive(acceptFrame_);  // pictures that were waiting still come out
     }
     // Nothing holds a picture this long: what still waits gave none.
     const quint64 depth = quint64(std::max(0, codec_->has_b_frames)) + kMaxWaitingUnits;
@@ -241,21 +243,64 @@ bool PacketFeeder::drain(AVFrame* out, qint64* tag)
             splitter_->flush(sendUnit_);
         if (takePicture(out, tag))
             return true;
-        loop_.drain(acceptFrame_);
+        loop_->drain(acceptFrame_);
         draining_ = true;
     }
     if (takePicture(out, tag))
         return true;
-    loop_.receive(acceptFrame_);
+    loop_->receive(acceptFrame_);
     if (takePicture(out, tag))
         return true;
     restart();
     return false;
 }
 
+void PacketFeeder::switchLoop(FFmpegDecodingLoop& loop, const QString& reason)
+{
+    abandonWaiting(reason);
+    loop_ = &loop;
+    codec_ = loop.context();
+    draining_ = false;
+}
+
+bool PacketFeeder::isKeyUnit(const uint8_t* data, int size) const
+{
+    const bool hevc = format_ && format_->parser == formats::Parser::Hevc;
+    // The first picture NAL unit decides; parameter sets and SEI come before it.
+    for (int at = AccessUnitSplitter::findStartCode(data, size, 0); at >= 0;
+         at = AccessUnitSplitter::findStartCode(data, size, at + 3)) {
+        if (at + 3 >= size)
+            return false;
+        const uint8_t header = data[at + 3];
+        if (hevc) {
+            const int type = (header >> 1) & 0x3f;
+            if (type < 32)
+                return type >= 16 && type <= 23;
+        } else {
+            const int type = header & 0x1f;
+            if (type >= 1 && type <= 5)
+                return type == 5;
+        }
+    }
+    return false;
+}
+
+void PacketFeeder::drainLoop(const QString& reason)
+{
+    loop_->drain(acceptFrame_);
+    abandonWaiting(reason);
+}
+
+void PacketFeeder::abandonWaiting(const QString& reason)
+{
+    for (const Sent& s : sent_)
+        end(s.tag, reason);
+    sent_.clear();
+}
+
 void PacketFeeder::restart()
 {
-    loop_.flush();
+    loop_->flush();
     draining_ = false;
     waitingForKey_ = false;
     // Pictures a partial drain left, and units that never gave one, are answered here.

@@ -66,6 +66,18 @@ public:
     // none is left (every tag still waiting is then ended), and the decoder is then ready
     // for a new stream.
     bool drain(AVFrame* out, qint64* tag);
+    // Goes on with `loop`, another decoder of the same stream (it outlives the feeder), from
+    // the next unit: the units the old decoder held without a picture are answered as
+    // ended, with `reason`; pictures that came out already stay ready. The old loop may go.
+    void switchLoop(FFmpegDecodingLoop& loop, const QString& reason);
+    // Answers every unit still waiting for a picture as ended, with `reason`.
+    void abandonWaiting(const QString& reason);
+    // Called before a key unit of H.264 or H.265 (an IDR or IRAP picture) is sent, while set
+    // (empty: none); it may switch the loop, after drainLoop(), for the key unit to start it.
+    void setBeforeKeyUnit(std::function<void()> hook) { beforeKeyUnit_ = std::move(hook); }
+    // The pictures the current decoder still holds come out (ready to be taken) and its
+    // waiting units are answered: the decoder is done with.
+    void drainLoop(const QString& reason);
 
 private:
     struct Sent {
@@ -79,8 +91,9 @@ private:
     // Tags sent before `serial` that can no longer give a picture, after a picture of `serial`.
     void settleBefore(quint64 serial, bool key);
     void restart();
+    bool isKeyUnit(const uint8_t* data, int size) const;
 
-    FFmpegDecodingLoop& loop_;
+    FFmpegDecodingLoop* loop_;
     AVCodecContext* codec_;
     const formats::Format* format_ = nullptr;  // null for a codec without a row
     DamagePolicy policy_;
@@ -89,6 +102,7 @@ private:
     std::vector<uint8_t> converted_;                // a length-prefixed payload in start-code form
     const AccessUnitSplitter::Sink sendUnit_;
     const FFmpegDecodingLoop::FrameReady acceptFrame_;
+    std::function<void()> beforeKeyUnit_;
     std::deque<AVFrame*> ready_;
     // Empty frame shells for ready_, so that a picture costs no allocation of its own.
     std::vector<AVFrame*> spare_;

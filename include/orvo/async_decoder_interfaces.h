@@ -7,6 +7,7 @@
 //   1 queued for asynchronous decoding, 2 submitted to the pool, 3 decoded
 //   synchronously, 0 not accepted, -1 synchronous decode failed.
 #include "orvo/decoder_error.h"
+#include "orvo/decoding_path.h"
 #include "orvo/image.h"
 #include "orvo/video_frame.h"
 
@@ -41,6 +42,10 @@ public:
 signals:
     void frameDecoded(const orvo::VideoFrame& videoFrame);
     void error(DecoderError err);
+    // The stream's decoding path changed (see DecodingPath): its first decoded image, and
+    // each switch, e.g. a stream that left the GPU's video engine for software. Emitted on
+    // the owner thread before the frames decoded on the new path.
+    void decodingPathChanged(const orvo::DecodingPath& path);
 };
 
 // What handles hold (by QSharedPointer): the signals plus the input side.

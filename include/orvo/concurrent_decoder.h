@@ -45,6 +45,10 @@ public:
     bool isDecodeIFramesOnly();
     // Images refused by decode() or cleared from the backlog since construction, and
     // pictures decoded and delivered since construction.
+    // Which path the stream's pictures take (software, or the GPU's video engine with
+    // DecoderPreferences::setHardwareDecoding), as of the last image answered;
+    // decodingPathChanged() (on the handle and the implementation) tells each change.
+    DecodingPath decodingPath();
     quint64 droppedImages();
     quint64 decodedFrames();
     // End of stream: queues a job that emits every picture the decoder still holds, each

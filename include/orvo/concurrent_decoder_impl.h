@@ -111,6 +111,10 @@ public:
     bool isDecodeIFramesOnly() const { return iframesOnly_; }
     void setDecodeIFramesOnly(bool on) { iframesOnly_ = on; }
 
+    // Which path the stream's pictures took in the last image answered (DecodingPath;
+    // Engine::None before the first). decodingPathChanged() tells each change.
+    DecodingPath decodingPath() const { return path_; }
+
     // Images refused by decode() or cleared from the backlog since construction.
     quint64 droppedImages() const { return droppedImages_; }
     // Pictures decoded and handed on (frameFinished) since construction; failed decodes
@@ -149,6 +153,7 @@ private:
     int backlogCount() const;
     const Accepted* backlogFront() const;
     void markRunning(quint64 serial);
+    void notePath(const DecodingPath& path);
 
     std::shared_ptr<StreamSequence> sequence_;
     std::deque<Accepted> accepted_;
@@ -171,6 +176,7 @@ private:
     bool waitForIFrame_ = false;
     quint64 droppedImages_ = 0;
     quint64 decodedFrames_ = 0;
+    DecodingPath path_;
 };
 
 // Delivers frames in the order of their ids (stamp images with generateNextFrameId()),

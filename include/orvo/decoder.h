@@ -6,6 +6,7 @@
 // so that stream decoders keep their reference pictures, and runs it on payloads.
 // Use one Decoder per camera stream, from one thread at a time; copies of a Decoder
 // share its format decoder (and so its stream state).
+#include "orvo/decoding_path.h"
 #include "orvo/image.h"
 #include "orvo/log.h"
 #include "orvo/picture_bound.h"
@@ -25,6 +26,11 @@ public:
     // Fills `frame` and returns true on success. `data` may be repaired in place.
     virtual bool decode(unsigned char* data, int size, orvo::VideoFrame& frame, bool iframe);
     virtual bool fail() const;
+    // Why fail() is true, where more is known than that (empty otherwise).
+    virtual QString failReason() const { return QString(); }
+    // Which path the decoder's pictures take now: software, unless it decodes on the GPU's
+    // video engine (see DecoderPreferences::setHardwareDecoding).
+    virtual orvo::DecodingPath decodingPath() const;
     virtual unsigned char getFormat() const = 0;
     virtual bool is_stream_based() const;
     virtual bool produces_shallow_images() const;
@@ -155,6 +161,13 @@ public:
     void setMaxOutputSize(const QSize& size);
     QSize maxOutputSize() const { return maxOutputSize_; }
 
+    // --- the GPU's video engine ---
+    // Which path the held format decoder's pictures take now (Engine::None before init):
+    // Hardware while they come from the engine, Software otherwise, with the reason when
+    // hardware decoding was asked for (DecoderPreferences::setHardwareDecoding) but the
+    // stream does not have it or left it. Read it after decodeImage() to follow switches.
+    orvo::DecodingPath decodingPath() const;
+
     // The held format decoder (null before init); pooled jobs keep a copy alive while they run.
     QSharedPointer<AbstractDecoder> formatDecoder() const { return decoder_; }
 
@@ -175,5 +188,6 @@ private:
     QList<orvo::VideoFrame> pictures_;
     QList<EndedImage> ended_;
     QString failure_;
+    QString initFailure_;  // why the last init() failed, where known
     QSize maxOutputSize_;
 };

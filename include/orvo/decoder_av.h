@@ -28,6 +28,8 @@ public:
     bool produces_shallow_images() const override { return true; }
     // True when the codec could not be opened: the dispatcher refuses such a decoder.
     bool fail() const override { return !module_.isOpen(); }
+    QString failReason() const override { return module_.openFailure(); }
+    orvo::DecodingPath decodingPath() const override { return module_.decodingPath(); }
 
     FormatIn formatIn() const { return format_; }
     void setMaxOutputSize(const QSize& size) override { module_.setMaxOutputSize(size); }

@@ -1,12 +1,24 @@
 #pragma once
 #include "orvo/export.h"
 // Process-wide switches that choose decoding paths and camera repairs. In memory only.
-// Fields are atomic and read without ordering (pool threads read some at every image):
+// Fields are atomic (texts: behind a lock) and read without ordering (pool threads read
+// some at every image):
 // a change is seen by each reader at some later image (decoder choices at the next
 // creation of a format decoder).
 #include <atomic>
+#include <mutex>
+#include <string>
 
 namespace orvo {
+
+// Whether stream decoders (H.264, H.265, MPEG-2, MPEG-4, Motion JPEG through FFmpeg) use the
+// GPU's video engine through FFmpeg's hardware decoding.
+enum class HardwareDecoding {
+    Off,       // software only (the default)
+    Auto,      // the engine where the device opens and it supports the stream, else software;
+               // a stream that loses the engine goes on in software (see README)
+    Required,  // the engine or nothing: a decoder that cannot have it fails, with the reason
+};
 
 // What a stream decoder (H.264, H.265, MPEG-2/4) does with a picture that FFmpeg decoded
 // with errors (a lost or corrupt slice, concealed from its neighbours and references).
@@ -73,7 +85,45 @@ public:
     DamagedPictures damagedPictures() const { return damagedPictures_.get(); }
     void setDamagedPictures(DamagedPictures policy) { damagedPictures_.set(policy); }
 
+    // Hardware decoding. Read when a format decoder is created. The device type is spelled as
+    // FFmpeg spells it ("cuda", "vaapi", "vdpau", "vulkan", ...; default "cuda"); the device
+    // name (empty: the default device) is what FFmpeg's device creation takes, e.g.
+    // "/dev/dri/renderD128" for VAAPI or "1" for the second CUDA device.
+    HardwareDecoding hardwareDecoding() const { return hardwareDecoding_.get(); }
+    void setHardwareDecoding(HardwareDecoding mode) { hardwareDecoding_.set(mode); }
+    std::string hardwareDeviceType() const { return hardwareDeviceType_.get(); }
+    // False, and the setting unchanged, for a name the linked FFmpeg knows no device type by.
+    bool setHardwareDeviceType(const std::string& type);
+    std::string hardwareDeviceName() const { return hardwareDeviceName_.get(); }
+    void setHardwareDeviceName(const std::string& name) { hardwareDeviceName_.set(name); }
+
 private:
+    // A text setting: read under a lock (texts cannot be atomic), copied by value.
+    class Text {
+    public:
+        Text(const char* value) : value_(value) {}
+        Text(const Text& other) : value_(other.get()) {}
+        Text& operator=(const Text& other)
+        {
+            set(other.get());
+            return *this;
+        }
+        std::string get() const
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            return value_;
+        }
+        void set(const std::string& value)
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            value_ = value;
+        }
+
+    private:
+        mutable std::mutex mutex_;
+        std::string value_;
+    };
+
     // One switch: an atomic that copies by value (the preferences can be assigned whole).
     template <typename T>
     class Relaxed {
@@ -115,6 +165,9 @@ private:
     Relaxed<int> badCastFrom_{0};
     Relaxed<bool> zeroCopyDecoding_{true};
     Relaxed<DamagedPictures> damagedPictures_{DamagedPictures::Show};
+    Relaxed<HardwareDecoding> hardwareDecoding_{HardwareDecoding::Off};
+    Text hardwareDeviceType_{"cuda"};
+    Text hardwareDeviceName_{""};
 };
 
 }  // namespace orvo

@@ -4,6 +4,7 @@
 //
 // FFmpeg's headers stay out of this header: the codec context and the cached scaler
 // live in a private record.
+#include "orvo/decoding_path.h"
 #include "orvo/video_frame.h"
 
 #include <QByteArray>
@@ -36,6 +37,12 @@ public:
     // closed: isOpen() is false and decode() returns false.
     explicit FFmpegModule(const DecodeContext& context);
     bool isOpen() const;
+    // Why the module stayed closed (empty when open): e.g. hardware decoding required (a
+    // preference) but the device did not open.
+    QString openFailure() const;
+    // Which path the stream's pictures take now (see DecodingPath); changes when the stream
+    // leaves the GPU's video engine.
+    DecodingPath decodingPath() const;
     ~FFmpegModule();
     FFmpegModule(const FFmpegModule&) = delete;
     FFmpegModule& operator=(const FFmpegModule&) = delete;

@@ -1,5 +1,12 @@
 // Shared main of every test executable: a QCoreApplication so that queued signals and
 // translations work, then GoogleTest.
+//
+// ORVO_TEST_HARDWARE=emulated runs a suite with hardware decoding on (Auto) over the emulated
+// engine, ORVO_TEST_HARDWARE=device over the real one: the suites that check the software
+// path then check that the hardware path behaves the same.
+#include "orvo/decoder_preferences.h"
+#include "orvo/hardware_testing.h"
+
 #include <QCoreApplication>
 #include <gtest/gtest.h>
 
@@ -7,5 +14,10 @@ int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
     ::testing::InitGoogleTest(&argc, argv);
+    const QByteArray hardware = qgetenv("ORVO_TEST_HARDWARE");
+    if (hardware == "emulated" || hardware == "device") {
+        orvo::DecoderPreferences::instance()->setHardwareDecoding(orvo::HardwareDecoding::Auto);
+        orvo::setEmulatedHardwareForTesting(hardware == "emulated");
+    }
     return RUN_ALL_TESTS();
 }

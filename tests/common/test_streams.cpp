@@ -25,7 +25,8 @@ namespace orvo::test {
 
 QString dataDir()
 {
-    const QString dir = QStringLiteral(ORVO_TEST_DATA_DIR);
+    // ORVO_TEST_DATA points the suites at data made elsewhere (a machine without ffmpeg).
+    const QString dir = qEnvironmentVariable("ORVO_TEST_DATA", QStringLiteral(ORVO_TEST_DATA_DIR));
     QDir().mkpath(dir);
     return dir;
 }

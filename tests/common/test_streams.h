@@ -11,7 +11,7 @@
 
 namespace orvo::test {
 
-// Writable directory for generated data (created on first use).
+// Writable directory for generated data (created on first use): $ORVO_TEST_DATA where set.
 QString dataDir();
 
 // Path of `name` under dataDir(), made once by `ffmpeg -y -loglevel error <args> <path>`

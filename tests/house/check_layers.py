@@ -34,7 +34,7 @@ PUBLIC = {
     "frames": ["picture_bound.h", "qimage_import.h", "scale_context.h", "video_buffer.h", "video_frame.h",
                "video_frame_helper.h", "video_frame_qt.h"],
     "decoders": ["decoder.h", "decoder_av.h", "decoder_h264.h", "decoder_jpeg.h", "decoder_jpeg2000.h",
-                 "decoder_mxpeg.h", "decoder_null.h", "decoder_preferences.h", "decoder_wavelet.h",
+                 "decoder_mxpeg.h", "decoder_null.h", "decoder_preferences.h", "decoder_wavelet.h", "decoding_path.h", "hardware_testing.h",
                  "decoder_yuv.h", "ffmpeg_log.h", "ffmpeg_module.h", "stream_reader.h"],
     "async": ["async_decoder.h", "async_decoder_interfaces.h", "concurrent_decoder.h",
               "concurrent_decoder_impl.h", "decoder_error.h", "single_threaded_decoder.h"],
