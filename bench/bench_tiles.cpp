@@ -1,7 +1,7 @@
 // Pictures at the size a wall shows them: 1080p camera streams shown as 480x270 tiles.
 //   Motion JPEG (noisy, about 300 KB a picture): the decoder told the tile size (FFmpeg's
 //   reduced resolution) against a full decode followed by scaleTo to the tile;
-//   MPEG-4 Part 2 (noisy, key picture every second): the same, FFmpeg's reduced resolution
+//   MPEG-4 Visual (noisy, key picture every second): the same, FFmpeg's reduced resolution
 //   chosen at each VOL header + I-VOP;
 //   MxPEG: the Motion JPEG clip sent as a camera does, an I-frame every second and P-frames
 //   between that carry every macroblock (sensor noise changes them all);
@@ -122,7 +122,7 @@ int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
     compare("Motion JPEG 1080p at 480x270: reduced decode / full + scaleTo", mjpegClip(), 'j', "<= 0.75");
-    compare("MPEG-4 Part 2 1080p at 480x270: reduced decode / full + scaleTo", mpeg4Clip(), 'm', "< 1");
+    compare("MPEG-4 Visual 1080p at 480x270: reduced decode / full + scaleTo", mpeg4Clip(), 'm', "< 1");
     compare("MxPEG 1080p at 480x270: reduced decode / full + scaleTo", mxpegClip(), 'x', "< 1");
     compare("H.264 1080p at 480x270: scaled in the decode / full + client scaleTo", h264Clip(), 'h', "<= 1.05");
     return 0;

@@ -14,7 +14,7 @@ namespace orvo {
 
 // True when the payload of `codec` can start a fresh decoder, with the picture size it
 // declares: every Motion JPEG picture with a frame header; MxPEG images with a frame header
-// and no macroblock bitmask; MPEG-4 Part 2 payloads with a VOL header and an I-VOP. False for
+// and no macroblock bitmask; MPEG-4 Visual payloads with a VOL header and an I-VOP. False for
 // every other codec and payload.
 bool keyPictureSize(AVCodecID codec, const unsigned char* data, int size, int* width, int* height);
 

@@ -1,5 +1,5 @@
 #pragma once
-// Where an MPEG-4 Part 2 stream can be decoded from scratch, and its picture size there, read
+// Where an MPEG-4 Visual stream can be decoded from scratch, and its picture size there, read
 // without decoding: how the FFmpeg path knows when it may reopen its decoder at another
 // reduced-resolution factor. Payloads come from the network: every read is bounded by `size`.
 #include <QByteArray>

@@ -1,4 +1,4 @@
-// MPEG-4 part 2 ('m') or MPEG-2 video ('M') by option bit 0.
+// MPEG-4 Visual ('m') or MPEG-2 video ('M') by option bit 0.
 #include "fuzz/decode_sequence.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)

@@ -1,4 +1,4 @@
-// The key-picture header parsers on their own (Motion JPEG, MxPEG, MPEG-4 Part 2), without a
+// The key-picture header parsers on their own (Motion JPEG, MxPEG, MPEG-4 Visual), without a
 // decoder (fuzz_decode_mjpeg, _mxpeg and _mpeg run them in front of FFmpeg with option 0x10).
 // Each chunk is parsed as each format, on an exactly sized copy so that any read past the end
 // is caught.

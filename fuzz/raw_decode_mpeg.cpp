@@ -1,4 +1,4 @@
-// Baseline for fuzz_decode_mpeg: MPEG-2 or MPEG-4 part 2 by option bit 0, as there.
+// Baseline for fuzz_decode_mpeg: MPEG-2 or MPEG-4 Visual by option bit 0, as there.
 #include "fuzz/raw_decode.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)

@@ -155,7 +155,7 @@ public:
     // --- pictures at the size a client shows them ---
     // The largest picture the client needs (an empty size clears it, the default). A larger
     // picture comes out scaled down to fit inside it, its aspect ratio kept; the frame says
-    // its size, and its id, time and metadata stay. Motion JPEG, MxPEG and MPEG-4 Part 2 are decoded smaller by FFmpeg
+    // its size, and its id, time and metadata stay. Motion JPEG, MxPEG and MPEG-4 Visual are decoded smaller by FFmpeg
     // (1/2 to 1/8; the latter two change factor at key pictures), JPEG 2000 and wavelet fields at the scale level that
     // still covers the size (or the one asked for, when smaller); other 4:2:0 pictures are decoded in full, scaled once.
     void setMaxOutputSize(const QSize& size);

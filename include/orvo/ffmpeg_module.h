@@ -79,7 +79,7 @@ public:
     // A payload tag that will never give a picture, with the reason; false once none is left.
     bool takeEnded(qint64* tag, QString* reason);
     // The largest picture the client shows (empty: no limit). Motion JPEG, MxPEG and MPEG-4
-    // Part 2 are then decoded at FFmpeg's reduced resolution (where the linked decoder offers
+    // Visual are then decoded at FFmpeg's reduced resolution (where the linked decoder offers
     // it), the smallest that still covers that size. The factor changes only at key pictures
     // (every Motion JPEG picture, MxPEG I-frames, MPEG-4 I-VOPs once a VOL header was seen): pictures
     // before the next one keep the factor of their references, also once the size is cleared.

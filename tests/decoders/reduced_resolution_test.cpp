@@ -1,4 +1,4 @@
-// Streams with references decoded small: MPEG-4 Part 2 and MxPEG at FFmpeg's reduced
+// Streams with references decoded small: MPEG-4 Visual and MxPEG at FFmpeg's reduced
 // resolution equal FFmpeg's own reduced-resolution decode of the same stream at every factor
 // (odd sizes too), and the factor follows the setting from the next key picture on, every
 // image answered once. JPEG 2000 and wavelet fields pick their scale level from the size.
@@ -27,7 +27,7 @@ namespace {
 
 int ceilShift(int v, int k) { return (v + (1 << k) - 1) >> k; }
 
-// MPEG-4 Part 2 of an odd size, a key picture (VOL header + I-VOP) every 4 pictures, closed
+// MPEG-4 Visual of an odd size, a key picture (VOL header + I-VOP) every 4 pictures, closed
 // groups; `bFrames` B-frames between references.
 constexpr int kMpegW = 323, kMpegH = 243;
 QString mpeg4Clip(int bFrames)
