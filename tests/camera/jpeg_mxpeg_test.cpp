@@ -19,7 +19,7 @@ using orvo::VideoFrame;
 
 namespace {
 
-constexpr int kW = 320, kH = 240, kMbW = kW / 16, kMbH = kH / 16;
+constexpr int kW = 320, kH = 240, kMbW = kW / 16;
 
 QString jpegFile(const QString& name, int frameNumber)
 {
@@ -28,29 +28,7 @@ QString jpegFile(const QString& name, int frameNumber)
                                               kW, kH, frameNumber));
 }
 
-// A P-frame carrying the first `count` macroblocks (raster order) of JPEG `b`: SOI, the COM
-// segment "MXM" with the macroblock bitmask, b's tables, b's scan, EOI - no frame header. A
-// decoder reads scan data only for the masked macroblocks, so b's unchanged scan serves.
-QByteArray pFrame(const QByteArray& b, int count)
-{
-    const char header[12] = {'M', 'X', 'M', 0, char(kMbW), char(kMbW >> 8), char(kMbH), char(kMbH >> 8)};
-    QByteArray mxm(header, sizeof header);
-    QByteArray mask((kMbW * kMbH + 7) / 8, '\0');
-    for (int i = 0; i < count; ++i)
-        mask[i / 8] = char(uchar(mask[i / 8]) | (0x80 >> (i % 8)));
-    mxm += mask;
-    QByteArray out = QByteArray("\xff\xd8\xff\xfe", 4) + char((mxm.size() + 2) >> 8) + char(mxm.size() + 2) + mxm;
-    for (int i = 2; i + 4 <= b.size();) {
-        const uchar marker = uchar(b[i + 1]);
-        const int length = (uchar(b[i + 2]) << 8) | uchar(b[i + 3]);
-        if (marker == 0xDA)
-            return out + b.mid(i);  // scan header, entropy data and EOI
-        if (marker == 0xDB || marker == 0xC4)  // quantisation and Huffman tables
-            out += b.mid(i, 2 + length);
-        i += 2 + length;
-    }
-    return out;
-}
+QByteArray pFrame(const QByteArray& b, int count) { return mxpegPFrame(b, kW, kH, count); }
 
 // Packed yuv420p picture: the first `count` macroblocks from `b`, the rest from `a`.
 QByteArray mix(const QByteArray& a, const QByteArray& b, int count)

@@ -167,4 +167,26 @@ int maxDiffYuv420p(const VideoFrame& frame, const QByteArray& packed, int width,
     return diff == 1000 ? -1 : diff;
 }
 
+QByteArray mxpegPFrame(const QByteArray& jpeg, int width, int height, int count)
+{
+    const int mbW = (width + 15) / 16, mbH = (height + 15) / 16;
+    const char header[12] = {'M', 'X', 'M', 0, char(mbW), char(mbW >> 8), char(mbH), char(mbH >> 8)};
+    QByteArray mxm(header, sizeof header);
+    QByteArray mask((mbW * mbH + 7) / 8, '\0');
+    for (int i = 0; i < count; ++i)
+        mask[i / 8] = char(uchar(mask[i / 8]) | (0x80 >> (i % 8)));
+    mxm += mask;
+    QByteArray out = QByteArray("\xff\xd8\xff\xfe", 4) + char((mxm.size() + 2) >> 8) + char(mxm.size() + 2) + mxm;
+    for (int i = 2; i + 4 <= jpeg.size();) {
+        const uchar marker = uchar(jpeg[i + 1]);
+        const int length = (uchar(jpeg[i + 2]) << 8) | uchar(jpeg[i + 3]);
+        if (marker == 0xDA)
+            return out + jpeg.mid(i);  // scan header, entropy data and EOI
+        if (marker == 0xDB || marker == 0xC4)  // quantisation and Huffman tables
+            out += jpeg.mid(i, 2 + length);
+        i += 2 + length;
+    }
+    return out;
+}
+
 }  // namespace orvo::test

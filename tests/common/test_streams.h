@@ -62,6 +62,12 @@ QByteArray qtJpeg(int width, int height, int quality = 95);
 // The same JPEG declaring another size in its (baseline) frame header; empty without one.
 QByteArray withJpegSize(QByteArray jpeg, int width, int height);
 
+// An MxPEG P-frame carrying the first `count` macroblocks (raster order) of `jpeg`, a picture
+// of width x height: SOI, the COM segment "MXM" with the macroblock bitmask, the JPEG's tables,
+// its scan and EOI - no frame header. A decoder reads scan data only for the masked
+// macroblocks, so the JPEG's unchanged scan serves.
+QByteArray mxpegPFrame(const QByteArray& jpeg, int width, int height, int count);
+
 // Largest absolute difference between the planes of a 4:2:0 frame and a packed yuv420p
 // picture; -1 when the geometry differs or the frame cannot be mapped.
 int maxDiffYuv420p(const VideoFrame& frame, const QByteArray& packed, int width, int height);

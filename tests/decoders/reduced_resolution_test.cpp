@@ -51,28 +51,7 @@ QByteArray mxJpeg(int frameNumber)
                                                  frameNumber, kMxW, kMxH)));
 }
 
-// The first `count` macroblocks (raster order) of JPEG `b` as a P-frame: b's own scan serves,
-// a decoder reads scan data only for the masked macroblocks.
-QByteArray pFrame(const QByteArray& b, int count)
-{
-    const char header[12] = {'M', 'X', 'M', 0, char(kMbW), char(kMbW >> 8), char(kMbH), char(kMbH >> 8)};
-    QByteArray mxm(header, sizeof header);
-    QByteArray mask((kMbW * kMbH + 7) / 8, '\0');
-    for (int i = 0; i < count; ++i)
-        mask[i / 8] = char(uchar(mask[i / 8]) | (0x80 >> (i % 8)));
-    mxm += mask;
-    QByteArray out = QByteArray("\xff\xd8\xff\xfe", 4) + char((mxm.size() + 2) >> 8) + char(mxm.size() + 2) + mxm;
-    for (int i = 2; i + 4 <= b.size();) {
-        const uchar marker = uchar(b[i + 1]);
-        const int length = (uchar(b[i + 2]) << 8) | uchar(b[i + 3]);
-        if (marker == 0xDA)
-            return out + b.mid(i);
-        if (marker == 0xDB || marker == 0xC4)
-            out += b.mid(i, 2 + length);
-        i += 2 + length;
-    }
-    return out;
-}
+QByteArray pFrame(const QByteArray& b, int count) { return mxpegPFrame(b, kMxW, kMxH, count); }
 
 struct MxStream {
     std::vector<Image> images;
