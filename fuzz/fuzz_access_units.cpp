@@ -4,17 +4,11 @@
 // given, and marked payloads (option bits 1..4, one per chunk) leave nothing with a slice
 // behind.
 #include "decoders/access_unit_splitter.h"
+#include "fuzz/fuzz_check.h"
 #include "fuzz/fuzz_input.h"
 
 #include <cstdio>
 #include <cstdlib>
-
-namespace {
-
-#define check(ok) \
-    ((ok) ? (void)0 : (std::fprintf(stderr, "check failed: %s (line %d)\n", #ok, __LINE__), std::abort()))
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
@@ -24,8 +18,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     qint64 given = 0, lastTag = 0;
     size_t bytesIn = 0, bytesOut = 0;
     const Splitter::Sink sink = [&](const Splitter::Unit& unit) {
-        check(unit.size >= 4 && unit.data[0] == 0 && unit.data[1] == 0 && unit.data[2] == 1);
-        check(unit.tag >= 1 && unit.tag <= given && unit.tag >= lastTag);
+        FUZZ_CHECK(unit.size >= 4 && unit.data[0] == 0 && unit.data[1] == 0 && unit.data[2] == 1);
+        FUZZ_CHECK(unit.tag >= 1 && unit.tag <= given && unit.tag >= lastTag);
         lastTag = unit.tag;
         bytesOut += size_t(unit.size);
     };
@@ -35,14 +29,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         const bool marked = (in.options >> (1 + k)) & 1;
         const auto payload = splitter.push(reinterpret_cast<const uint8_t*>(chunk.constData()), chunk.size(), ++given,
                                            marked, sink);
-        check(payload.nalUnits >= 0 && payload.foreignUnits >= 0);
-        check(!payload.hasSlice || payload.nalUnits > 0);
+        FUZZ_CHECK(payload.nalUnits >= 0 && payload.foreignUnits >= 0);
+        FUZZ_CHECK(!payload.hasSlice || payload.nalUnits > 0);
         if (marked)
-            check(!splitter.holdsSlice());
-        check(bytesOut <= bytesIn);
+            FUZZ_CHECK(!splitter.holdsSlice());
+        FUZZ_CHECK(bytesOut <= bytesIn);
     }
     splitter.flush(sink);
-    check(!splitter.holdsSlice());
-    check(bytesOut <= bytesIn);
+    FUZZ_CHECK(!splitter.holdsSlice());
+    FUZZ_CHECK(bytesOut <= bytesIn);
     return 0;
 }

@@ -3,6 +3,7 @@
 // 1 removeDoubleStartCodes.
 #include "decoders/h264_payload.h"
 #include "decoders/h264_slice_dump.h"
+#include "fuzz/fuzz_check.h"
 #include "fuzz/fuzz_input.h"
 #include "orvo/log.h"
 
@@ -12,10 +13,6 @@
 #include <vector>
 
 namespace {
-
-// A broken property is a finding: say which one, then stop as a crash would.
-#define check(ok) \
-    ((ok) ? (void)0 : (std::fprintf(stderr, "check failed: %s (line %d)\n", #ok, __LINE__), std::abort()))
 
 bool isStartCode(const unsigned char* p) { return p[0] == 0 && p[1] == 0 && p[2] == 0 && p[3] == 1; }
 
@@ -30,15 +27,15 @@ void bitReaders(const unsigned char* p, int n)
         if (script.readBits(1)) {
             const int bits = int(script.readBits(5)) + 1;  // 1 .. 32
             const quint32 v = reader.readBits(bits);
-            check(reader.position() == before + bits);
-            check(bits == 32 || v < (quint32(1) << bits));
+            FUZZ_CHECK(reader.position() == before + bits);
+            FUZZ_CHECK(bits == 32 || v < (quint32(1) << bits));
         } else {
             reader.readUE();
             const qint64 moved = reader.position() - before;
-            check(moved >= 0 && moved <= 63);
+            FUZZ_CHECK(moved >= 0 && moved <= 63);
             // Inside the data the code is whole: z zeros, the one, z bits.
             if (before + 63 <= qint64(n) * 8)
-                check(moved % 2 == 1);
+                FUZZ_CHECK(moved % 2 == 1);
         }
     }
 }
@@ -49,25 +46,25 @@ void cutAndRepair(const std::vector<unsigned char>& original, bool lastExtraByte
     const int n = int(bytes.size());
     unsigned char* p = bytes.empty() ? nullptr : bytes.data();
     const int cut = orvo::h264::cameraPayloadLength(p, n, lastExtraByte, doubleStartCodes);
-    check(cut == -1 || (cut >= 0 && cut < n));
+    FUZZ_CHECK(cut == -1 || (cut >= 0 && cut < n));
     if (cut < 0) {
-        check(bytes == original);
+        FUZZ_CHECK(bytes == original);
         return;
     }
     for (int i = 0; i < n; ++i) {
         // The repair only turns the 01 of a start code into 00, and only before the cut.
         if (bytes[i] != original[i])
-            check(doubleStartCodes && i < cut && original[i] == 1 && bytes[i] == 0);
+            FUZZ_CHECK(doubleStartCodes && i < cut && original[i] == 1 && bytes[i] == 0);
     }
     if (doubleStartCodes)
         for (int q = 0; q + 8 <= cut; ++q)
-            check(!(isStartCode(p + q) && isStartCode(p + q + 4)));
+            FUZZ_CHECK(!(isStartCode(p + q) && isStartCode(p + q + 4)));
 
     // The repair on its own, for any length up to the buffer's.
     std::vector<unsigned char> again = original;
     orvo::h264::repairDoubleStartCodes(again.empty() ? nullptr : again.data(), n);
     for (int q = 0; q + 8 <= n; ++q)
-        check(!(isStartCode(again.data() + q) && isStartCode(again.data() + q + 4)));
+        FUZZ_CHECK(!(isStartCode(again.data() + q) && isStartCode(again.data() + q + 4)));
 }
 
 }  // namespace
@@ -88,7 +85,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         const unsigned char* p = bytes.empty() ? nullptr : bytes.data();
         const int n = int(bytes.size());
         const int last = orvo::h264::dumpSliceHeaders(p, n);
-        check(last >= -1 && last <= 15);
+        FUZZ_CHECK(last >= -1 && last <= 15);
         bitReaders(p, n);
         cutAndRepair(bytes, (in.options & 1) != 0, (in.options & 2) != 0);
     }

@@ -1,5 +1,6 @@
 // The network image header: parsing any bytes, and the round trip through serialize()
 // and Image::generateNetworkImageHeader().
+#include "fuzz/fuzz_check.h"
 #include "orvo/image.h"
 
 #include <cstdio>
@@ -7,10 +8,6 @@
 #include <cstring>
 
 namespace {
-
-// A broken property is a finding: say which one, then stop as a crash would.
-#define check(ok) \
-    ((ok) ? (void)0 : (std::fprintf(stderr, "check failed: %s (line %d)\n", #ok, __LINE__), std::abort()))
 
 bool same(const orvo::ImageHeader& a, const orvo::ImageHeader& b)
 {
@@ -27,19 +24,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const QByteArray bytes(reinterpret_cast<const char*>(data), int(size));
     orvo::ImageHeader header;
     const bool parsed = orvo::ImageHeader::parse(bytes, header);
-    check(parsed == (size >= size_t(orvo::ImageHeader::kSizeV1) && std::memcmp(data, "OIMG", 4) == 0 &&
+    FUZZ_CHECK(parsed == (size >= size_t(orvo::ImageHeader::kSizeV1) && std::memcmp(data, "OIMG", 4) == 0 &&
                      data[4] == 1));
     if (!parsed)
         return 0;
 
     // serialize() gives back the 40 bytes read, the I-frame byte brought to 0 or 1.
     const QByteArray written = header.serialize();
-    check(written.size() == orvo::ImageHeader::kSizeV1);
+    FUZZ_CHECK(written.size() == orvo::ImageHeader::kSizeV1);
     QByteArray expected = bytes.left(orvo::ImageHeader::kSizeV1);
     expected[7] = header.iframe ? 1 : 0;
-    check(written == expected);
+    FUZZ_CHECK(written == expected);
     orvo::ImageHeader again;
-    check(orvo::ImageHeader::parse(written, again) && same(again, header));
+    FUZZ_CHECK(orvo::ImageHeader::parse(written, again) && same(again, header));
 
     // An image carrying these fields writes the same header (sizes are the image's own).
     const int payloadSize = int(header.payloadSize % 64);
@@ -47,9 +44,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     image.setFlags(header.flags).setChannel(header.channel).setStreamId(header.streamId);
     image.setAttachedData(bytes.mid(orvo::ImageHeader::kSizeV1));
     orvo::ImageHeader fromImage;
-    check(orvo::ImageHeader::parse(image.generateNetworkImageHeader(), fromImage));
+    FUZZ_CHECK(orvo::ImageHeader::parse(image.generateNetworkImageHeader(), fromImage));
     header.payloadSize = quint32(image.payloadSize());
     header.attachedSize = quint32(image.attachedData().size());
-    check(same(fromImage, header));
+    FUZZ_CHECK(same(fromImage, header));
     return 0;
 }

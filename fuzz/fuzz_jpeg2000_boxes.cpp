@@ -2,6 +2,7 @@
 // fuzz_decode_jpeg2000_av for the box search in front of FFmpeg). Option bits:
 // 0 jpeg2000codestream, 1 jpeg2000display_atoms.
 #include "decoders/jpeg2000_boxes.h"
+#include "fuzz/fuzz_check.h"
 #include "fuzz/fuzz_input.h"
 #include "orvo/log.h"
 
@@ -16,9 +17,6 @@ quint32 be32(const unsigned char* p)
     return quint32(p[0]) << 24 | quint32(p[1]) << 16 | quint32(p[2]) << 8 | quint32(p[3]);
 }
 
-// A broken property is a finding: say which one, then stop as a crash would.
-#define check(ok) \
-    ((ok) ? (void)0 : (std::fprintf(stderr, "check failed: %s (line %d)\n", #ok, __LINE__), std::abort()))
 
 }  // namespace
 
@@ -45,12 +43,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         for (quint32 type : types) {
             const int at = orvo::jp2::findBox(p, n, type);
             // A box found has its whole header inside the data and the asked type.
-            check(at == -1 || (at >= 0 && at + 8 <= n && be32(p + at + 4) == type));
+            FUZZ_CHECK(at == -1 || (at >= 0 && at + 8 <= n && be32(p + at + 4) == type));
         }
         if (atoms)
             orvo::jp2::listBoxes(p, n);
         const int start = orvo::jp2::codestreamStart(p, n, codestream, atoms);
-        check(start >= 0 && (start == 0 || start < n));
+        FUZZ_CHECK(start >= 0 && (start == 0 || start < n));
     }
     return 0;
 }

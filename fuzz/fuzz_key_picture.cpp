@@ -5,19 +5,12 @@
 #include "decoders/jpeg_header.h"
 #include "decoders/key_picture.h"
 #include "decoders/mpeg4_header.h"
+#include "fuzz/fuzz_check.h"
 #include "fuzz/fuzz_input.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <vector>
-
-namespace {
-
-// A broken property is a finding: say which one, then stop as a crash would.
-#define check(ok) \
-    ((ok) ? (void)0 : (std::fprintf(stderr, "check failed: %s (line %d)\n", #ok, __LINE__), std::abort()))
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
@@ -31,30 +24,30 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         int w = 0, h = 0;
         // A size is only ever given with success, and it is a real one.
         if (orvo::jpegPictureSize(p, n, &w, &h))
-            check(w > 0 && h > 0);
+            FUZZ_CHECK(w > 0 && h > 0);
         int mw = 0, mh = 0;
         if (orvo::mxpegKeyPictureSize(p, n, &mw, &mh)) {
-            check(mw > 0 && mh > 0);
+            FUZZ_CHECK(mw > 0 && mh > 0);
             // An MxPEG key picture is a JPEG picture of the same size.
-            check(orvo::jpegPictureSize(p, n, &w, &h) && w == mw && h == mh);
+            FUZZ_CHECK(orvo::jpegPictureSize(p, n, &w, &h) && w == mw && h == mh);
         }
         if (orvo::mpeg4KeyPictureSize(p, n, &w, &h))
-            check(w > 0 && h > 0);
+            FUZZ_CHECK(w > 0 && h > 0);
         for (AVCodecID id : {AV_CODEC_ID_MJPEG, AV_CODEC_ID_MXPEG, AV_CODEC_ID_MPEG4, AV_CODEC_ID_H264})
             if (orvo::keyPictureSize(id, p, n, &w, &h))
-                check(id != AV_CODEC_ID_H264 && w > 0 && h > 0);
+                FUZZ_CHECK(id != AV_CODEC_ID_H264 && w > 0 && h > 0);
         QByteArray missing;
         if (stream.at(p, n, &w, &h, &missing)) {
-            check(w > 0 && h > 0);
+            FUZZ_CHECK(w > 0 && h > 0);
             // Headers from before stand in only for a payload that has no readable ones
             // itself; what the joined bytes decode to is FFmpeg's to judge.
             if (!missing.isEmpty()) {
                 int own = 0;
-                check(!orvo::mpeg4KeyPictureSize(p, n, &own, &own));
+                FUZZ_CHECK(!orvo::mpeg4KeyPictureSize(p, n, &own, &own));
             }
         }
         const int factor = orvo::lowresFactorFor(w, h, 1 + (in.options & 0x0f) * 40, 1 + (in.options >> 4) * 30, 3);
-        check(factor >= 0 && factor <= 3);
+        FUZZ_CHECK(factor >= 0 && factor <= 3);
     }
     return 0;
 }

@@ -5,6 +5,7 @@
 // payload read as neither holds no start code.
 #include "decoders/access_unit_splitter.h"
 #include "decoders/nal_payload_form.h"
+#include "fuzz/fuzz_check.h"
 #include "fuzz/fuzz_input.h"
 
 #include <cstdio>
@@ -12,9 +13,6 @@
 #include <vector>
 
 namespace {
-
-#define check(ok) \
-    ((ok) ? (void)0 : (std::fprintf(stderr, "check failed: %s (line %d)\n", #ok, __LINE__), std::abort()))
 
 int lengthCount(const uint8_t* p, int size)
 {
@@ -39,22 +37,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         const int n = chunk.size();
         const Form f = form.classify(p, n);
         if (f == Form::Neither) {
-            check(Splitter::findStartCode(p, n, 0) < 0);
-            check(!orvo::NalPayloadForm::coversWithLengths(p, n, codec));
+            FUZZ_CHECK(Splitter::findStartCode(p, n, 0) < 0);
+            FUZZ_CHECK(!orvo::NalPayloadForm::coversWithLengths(p, n, codec));
             continue;
         }
         if (f != Form::LengthPrefixed)
             continue;
-        check(orvo::NalPayloadForm::coversWithLengths(p, n, codec));
+        FUZZ_CHECK(orvo::NalPayloadForm::coversWithLengths(p, n, codec));
         orvo::NalPayloadForm::toStartCodes(p, n, converted);
-        check(int(converted.size()) == n);
-        check(n >= 5 && converted[0] == 0 && converted[1] == 0 && converted[2] == 0 && converted[3] == 1);
+        FUZZ_CHECK(int(converted.size()) == n);
+        FUZZ_CHECK(n >= 5 && converted[0] == 0 && converted[1] == 0 && converted[2] == 0 && converted[3] == 1);
         // Every NAL unit begins where a length was: the start codes found are those.
         int found = 0;
         for (int at = Splitter::findStartCode(converted.data(), n, 0); at >= 0;
              at = Splitter::findStartCode(converted.data(), n, at + 3))
             ++found;
-        check(found >= lengthCount(p, n));
+        FUZZ_CHECK(found >= lengthCount(p, n));
     }
     return 0;
 }

@@ -2,19 +2,12 @@
 // search is a string compare per option, which the fuzzer traces; fuzz_encoder_presets
 // applies the options to a real encoder).
 #include "encoders/preset_line.h"
+#include "fuzz/fuzz_check.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>
 #include <string>
-
-namespace {
-
-// A broken property is a finding: say which one, then stop as a crash would.
-#define check(ok) \
-    ((ok) ? (void)0 : (std::fprintf(stderr, "check failed: %s (line %d)\n", #ok, __LINE__), std::abort()))
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
@@ -26,14 +19,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             body.pop_back();
         const size_t first = body.find_first_not_of(" \t");
         const bool setsOption = orvo::parsePresetLine(line, key, value);
-        check(setsOption == (first != std::string::npos && body[first] != '#'));
+        FUZZ_CHECK(setsOption == (first != std::string::npos && body[first] != '#'));
         if (!setsOption)
             continue;
         // The name is the first word; the value is all after the first '=' that follows it.
-        check(key.find_first_of(" \t=") == std::string::npos);
-        check(body.compare(first, key.size(), key) == 0);
+        FUZZ_CHECK(key.find_first_of(" \t=") == std::string::npos);
+        FUZZ_CHECK(body.compare(first, key.size(), key) == 0);
         const size_t equals = body.find('=', first + key.size());
-        check(equals == std::string::npos ? value.empty() : value == body.substr(equals + 1));
+        FUZZ_CHECK(equals == std::string::npos ? value.empty() : value == body.substr(equals + 1));
     }
     return 0;
 }
