@@ -42,9 +42,10 @@ bool DecodeScheduler::request(const std::shared_ptr<StreamSequence>& sequence)
     return true;
 }
 
-void DecodeScheduler::finish(const std::shared_ptr<StreamSequence>& again)
+bool DecodeScheduler::finish(const std::shared_ptr<StreamSequence>& again)
 {
     std::shared_ptr<StreamSequence> next;
+    bool busy = false;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         if (again)
@@ -56,9 +57,11 @@ void DecodeScheduler::finish(const std::shared_ptr<StreamSequence>& again)
             --held_;
         }
         othersWaiting_.store(!waiting_.empty(), std::memory_order_relaxed);
+        busy = next || !ready_.empty();
     }
     if (next)
         start(std::move(next));
+    return busy;
 }
 
 void DecodeScheduler::forget(const StreamSequence* sequence)

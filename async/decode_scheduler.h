@@ -26,7 +26,9 @@ public:
     // it got a permit at once.
     bool request(const std::shared_ptr<StreamSequence>& sequence);
     // A run gives its permit back; `again` (may be null) joins the end of the line first.
-    void finish(const std::shared_ptr<StreamSequence>& again);
+    // True when granted work follows on the pool (the permit passed on, or another grant
+    // waits for a pool thread).
+    bool finish(const std::shared_ptr<StreamSequence>& again);
     // A closed sequence leaves the line.
     void forget(const StreamSequence* sequence);
     // True while a stream waits for a permit: a run then hands its permit over after its

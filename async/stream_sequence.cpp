@@ -1,11 +1,12 @@
 #include "async/stream_sequence.h"
 
 #include "async/decode_scheduler.h"
+#include "async/owner_wakeup.h"
 #include "orvo/log.h"
 
+#include <QThread>
+
 #include <algorithm>
-#include <sys/eventfd.h>
-#include <unistd.h>
 
 namespace orvo {
 namespace {
@@ -26,28 +27,27 @@ void warnOwnerLate()
 }  // namespace
 
 StreamSequence::StreamSequence(QObject* owner, std::function<void()> wake)
-    : wakeFd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
+    : wakeup_(OwnerWakeup::forCurrentThread()),
       owner_(owner),
       wake_(std::move(wake)),
       decoder_(std::make_unique<ImageDecoder>())
 {
-    if (wakeFd_ < 0)
-        return;
-    notifier_ = new QSocketNotifier(wakeFd_, QSocketNotifier::Read, owner);
-    QObject::connect(notifier_, &QSocketNotifier::activated, owner, [this] {
-        quint64 count = 0;
-        if (::read(wakeFd_, &count, sizeof count) < 0) {
-            // Nothing to reset: the counter was already read.
-        }
-        wake_();
-    });
 }
 
-StreamSequence::~StreamSequence()
+StreamSequence::~StreamSequence() = default;
+
+void StreamSequence::deliver()
 {
-    // The notifier went with its owner (close() came first); only the counter is left.
-    if (wakeFd_ >= 0)
-        ::close(wakeFd_);
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (closed_)
+            return;
+    }
+    // An owner moved to another thread takes its results there.
+    if (owner_->thread() != QThread::currentThread())
+        QMetaObject::invokeMethod(owner_, wake_, Qt::QueuedConnection);
+    else
+        wake_();
 }
 
 bool StreamSequence::append(SequenceWork work)
@@ -130,9 +130,10 @@ void StreamSequence::close()
     closed_ = true;
     inbox_.clear();
     outbox_.clear();
+    std::shared_ptr<OwnerWakeup> wakeup = std::move(wakeup_);
     lock.unlock();
-    delete notifier_;  // owner thread, before the owner goes
-    notifier_ = nullptr;
+    if (wakeup)
+        wakeup->release();  // owner thread, before the owner goes
     DecodeScheduler::instance()->forget(this);
     lock.lock();
     changed_.wait(lock, [this] { return !decoding_; });
@@ -181,23 +182,15 @@ QFuture<VideoFrame> StreamSequence::currentFuture()
     return future_.future();
 }
 
-void StreamSequence::post(SequenceResult result)
+bool StreamSequence::post(SequenceResult result)
 {
     if (closed_)
-        return;
+        return false;
     const bool wasEmpty = outbox_.empty();
     if (wasEmpty)
         outboxSince_ = std::chrono::steady_clock::now();
     outbox_.push_back(std::move(result));
-    // One wake-up per batch: the owner takes results until the outbox is empty.
-    if (wasEmpty && wakeFd_ < 0) {
-        QMetaObject::invokeMethod(owner_, wake_, Qt::QueuedConnection);
-    } else if (wasEmpty) {
-        const quint64 one = 1;
-        if (::write(wakeFd_, &one, sizeof one) < 0) {
-            // The counter is already far above zero: the owner wakes anyway.
-        }
-    }
+    return wasEmpty;  // one announcement per batch: the owner takes results until none is left
 }
 
 bool StreamSequence::ownerLateLocked()
@@ -213,6 +206,9 @@ void StreamSequence::run()
     DecodeScheduler* const scheduler = DecodeScheduler::instance().data();
     std::unique_lock<std::mutex> lock(mutex_);
     bool late = false;
+    // The owner to tell of new results, told with no lock held: a woken owner that found
+    // this sequence locked would only sleep again until the run let go.
+    std::shared_ptr<OwnerWakeup> announce;
     state_ = State::Running;
     for (;;) {
         if (closed_ || inbox_.empty())
@@ -225,6 +221,11 @@ void StreamSequence::run()
         const int scale = scale_;
         const QSize outputSize = outputSize_;
         lock.unlock();
+        if (announce) {
+            // This stream's next image follows at once: the owner may take both together.
+            announce->announce(weak_from_this(), true);
+            announce.reset();
+        }
 
         // The decoder is this run's alone until the lock is taken again.
         SequenceResult result;
@@ -251,7 +252,8 @@ void StreamSequence::run()
         // and taken under one lock, so the owner learns with this result what runs now.
         const bool goOn = !closed_ && !inbox_.empty() && !scheduler->othersWaiting();
         result.nextSerial = goOn ? inbox_.front().serial : 0;
-        post(std::move(result));
+        if (post(std::move(result)))
+            announce = wakeup_;
         late = ownerLateLocked() || late;
         changed_.notify_all();
         if (!goOn)
@@ -263,7 +265,13 @@ void StreamSequence::run()
     lock.unlock();
     if (late)
         warnOwnerLate();
-    scheduler->finish(again ? shared_from_this() : nullptr);
+    const bool poolBusy = scheduler->finish(again ? shared_from_this() : nullptr);
+    // While the pool goes on with granted work, the owner's wake-up may wait for the rest of
+    // the burst; the run that ends the burst wakes every owner held back.
+    if (announce)
+        announce->announce(weak_from_this(), poolBusy);
+    if (!poolBusy)
+        OwnerWakeup::releaseHeld();
 }
 
 }  // namespace orvo

@@ -4,9 +4,10 @@
 // The owner thread appends work (images, drains) to a first-in-first-out queue; at most one
 // run of the sequence is on the pool at a time, and it works through the queue while the
 // scheduler lets it (when another stream waits for a pool thread, the run hands its permit
-// over after the current image). Results go to one outbox; the owner thread empties it on
-// one wake-up. Cancelling bumps an epoch: a
-// result carries the epoch its work was taken in, and the owner drops stale ones.
+// over after the current image). Results go to one outbox; the owner thread empties it when
+// its thread's wake-up (shared by all the streams it owns) hands the sequence over.
+// Cancelling bumps an epoch: a result carries the epoch its work was taken in, and the
+// owner drops stale ones.
 //
 // Threads: append, cancel, dropQueued, close and the waits are called on the owner thread;
 // the run is on a pool thread. Everything shared sits behind one standard mutex (which race
@@ -19,7 +20,6 @@
 #include <QFuture>
 #include <QFutureInterface>
 #include <QObject>
-#include <QSocketNotifier>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -43,10 +43,12 @@ struct SequenceResult {
     ImageOutcome outcome;
 };
 
+class OwnerWakeup;
+
 class StreamSequence : public std::enable_shared_from_this<StreamSequence> {
 public:
     // `wake` is called on the owner thread, through its event loop, whenever results wait
-    // in the outbox; the owner must call close() before it goes away.
+    // in the outbox; the owner (of the calling thread) must call close() before it goes away.
     StreamSequence(QObject* owner, std::function<void()> wake);
     ~StreamSequence();
 
@@ -87,20 +89,21 @@ public:
 
     // Pool thread: the run, started by the scheduler once per grant.
     void run();
+    // Owner thread, from its wake-up: results wait in the outbox.
+    void deliver();
 
 private:
     enum class State { Idle, Requested, Running };
     bool requestRunLocked();  // true when the caller must ask the scheduler for a run
-    void post(SequenceResult result);  // under mutex_
+    // Under mutex_; true when the owner must be told (the outbox was empty).
+    bool post(SequenceResult result);
     // True the first time results have waited in the outbox longer than the owner thread of
     // a running event loop ever lets them (under mutex_); the caller then warns, unlocked.
     bool ownerLateLocked();
 
-    // The owner thread's wake-up: an event counter its event loop watches. Pool threads
-    // only write to it, so no Qt object is touched off the owner thread.
-    int wakeFd_ = -1;
-    QSocketNotifier* notifier_ = nullptr;  // owner thread; a child of the owner
-    // Without a counter (the process is out of descriptors) wake-ups are posted events.
+    // The owner thread's wake-up; released by close(). Pool threads only announce to it,
+    // so no Qt object is touched off the owner thread.
+    std::shared_ptr<OwnerWakeup> wakeup_;
     QObject* const owner_;
     const std::function<void()> wake_;
     std::unique_ptr<ImageDecoder> decoder_;
