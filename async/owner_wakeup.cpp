@@ -3,6 +3,7 @@
 #include "async/stream_sequence.h"
 
 #include <QSocketNotifier>
+#include <functional>
 #include <sys/eventfd.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
@@ -50,11 +51,7 @@ std::shared_ptr<OwnerWakeup> OwnerWakeup::forCurrentThread()
     std::shared_ptr<OwnerWakeup> wakeup(new OwnerWakeup);
     wakeup->users_ = 1;
     wakeup->host_ = new QObject;
-    // Alive to the end of a delivery, even if a handler releases the last user.
-    auto deliver = [weak = std::weak_ptr<OwnerWakeup>(wakeup)] {
-        if (const std::shared_ptr<OwnerWakeup> self = weak.lock())
-            self->deliver();
-    };
+    auto deliver = [weak = std::weak_ptr<OwnerWakeup>(wakeup)] { deliverIfAlive(weak); };
     // Without a counter (the process is out of descriptors) wake-ups are posted events.
     wakeup->fd_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     if (wakeup->fd_ >= 0)
@@ -161,13 +158,7 @@ bool OwnerWakeup::signalLocked()
     if (fd_ >= 0)
         return true;
     // host_ is deleted on the owner thread only after users_ fell to 0 under this mutex.
-    QMetaObject::invokeMethod(
-        host_,
-        [weak = weak_from_this()] {
-            if (const std::shared_ptr<OwnerWakeup> self = weak.lock())
-                self->deliver();
-        },
-        Qt::QueuedConnection);
+    QMetaObject::invokeMethod(host_, [weak = weak_from_this()] { deliverIfAlive(weak); }, Qt::QueuedConnection);
     return false;
 }
 
@@ -181,6 +172,13 @@ void OwnerWakeup::wakeOwner()
     }
 }
 
+void OwnerWakeup::deliverIfAlive(const std::weak_ptr<OwnerWakeup>& weak)
+{
+    // Alive to the end of a delivery, even if a handler releases the last user.
+    if (const std::shared_ptr<OwnerWakeup> self = weak.lock())
+        self->deliver();
+}
+
 void OwnerWakeup::deliver()
 {
     std::vector<std::weak_ptr<StreamSequence>> ready;
@@ -189,8 +187,7 @@ void OwnerWakeup::deliver()
         ready.swap(ready_);
         signalled_ = false;
         held_ = false;
-        if (timerFd_ >= 0)
-            setTimerLocked(false);  // woken by the deadline, or before it by other results
+        setTimerLocked(false);  // woken by the deadline, or before it by other results
     }
     // A handler may close streams (or every stream) of this thread: each is checked as it
     // comes.

@@ -18,12 +18,9 @@
 #include <QObject>
 
 #include <chrono>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <vector>
-
-class QSocketNotifier;
 
 namespace orvo {
 
@@ -52,6 +49,7 @@ public:
 private:
     OwnerWakeup() = default;
     void deliver();        // owner thread: hands the ready streams their results
+    static void deliverIfAlive(const std::weak_ptr<OwnerWakeup>& weak);
     // Under mutex_: marks the owner woken; true when wakeOwner() must follow, unlocked.
     bool signalLocked();
     void wakeOwner();
