@@ -146,6 +146,7 @@ struct FFmpegModule::State {
     std::deque<std::pair<qint64, QString>> carriedEnded;
     HardwareRequest request;  // read at creation
     HardwareEngine engine;    // the device, until the engine's decoder holds it
+    formats::Engine engineUse = formats::Engine::None;  // the format table's engine column
     bool hardwareStream = false;  // opened on the engine (reduced resolution does not apply)
     // On software because the device did not open or was lost: the engine is tried again at
     // the stream's key pictures (the device registry keeps that to once per delay).
@@ -302,7 +303,8 @@ FFmpegModule::FFmpegModule(const DecodeContext& context) : d(new State)
     d->path = softwarePath(d->request, std::string());
     if (d->request.mode != HardwareDecoding::Off) {
         const formats::Format* row = formats::forInput(context.format);
-        d->engine = findEngine(d->request, codec, row && row->hardware);
+        d->engineUse = row ? row->engine : formats::Engine::None;
+        d->engine = findEngine(d->request, codec, d->engineUse);
         const QString type = QString::fromStdString(d->request.type);
         const QString why = QString::fromStdString(d->engine.error);
         if (d->engine.device) {
@@ -330,7 +332,7 @@ bool FFmpegModule::isOpen() const { return d->ok; }
 
 void FFmpegModule::State::returnToEngine()
 {
-    HardwareEngine found = findEngine(request, codec, true);
+    HardwareEngine found = findEngine(request, codec, engineUse);
     if (!found.device)
         return;  // still failing, or waiting out its delay: no driver call
     FFmpegDecodingLoop::Options options;

@@ -16,19 +16,19 @@ constexpr FormatIn kNoInput = FormatIn(0);
 
 // clang-format off
 const Format kFormats[] = {
-//  codes    code ffmpeg  name                       kind            preference                       preferred       FFmpeg input       FFmpeg codec            parser        bytes  hw     lines
-    {"hH"sv,  'h', 'h',  "H.264",                   Kind::AV,       &P::isLookForNALsH264,           Kind::H264,     FormatIn_H264,     AV_CODEC_ID_H264,       Parser::H264, true,  true,  0},
-    {"eE"sv,  'e', 'e',  "H.265",                   Kind::AV,       nullptr,                         Kind::AV,       FormatIn_HEVC,     AV_CODEC_ID_HEVC,       Parser::Hevc, true,  true,  0},
-    {"jJ"sv,  'j', 'j',  "Motion JPEG",             Kind::AV,       &P::isDecodeMJPEGThroughQImage,  Kind::JPEG,     FormatIn_MJPEG,    AV_CODEC_ID_MJPEG,      Parser::None, false, true,  0},
-    {"M"sv,   'M', 'M',  "MPEG-2",                  Kind::AV,       nullptr,                         Kind::AV,       FormatIn_MPEG2,    AV_CODEC_ID_MPEG2VIDEO, Parser::None, true,  true,  0},
-    {"m"sv,   'm', 'm',  "MPEG-4",                  Kind::MPEG4,    nullptr,                         Kind::MPEG4,    FormatIn_MPEG4,    AV_CODEC_ID_MPEG4,      Parser::None, true,  true,  0},
-    {"xX"sv,  'x', 'X',  "MxPEG",                   Kind::AV,       &P::isUsedMxPEGNative,           Kind::MXPEG,    FormatIn_MXPEG,    AV_CODEC_ID_MXPEG,      Parser::None, false, false, 0},
-    {"r"sv,   'r', 'r',  "JPEG 2000",               Kind::JPEG2000, nullptr,                         Kind::JPEG2000, FormatIn_JPEG2000, AV_CODEC_ID_JPEG2000,   Parser::None, false, false, 0},
-    {"nN"sv,  'n', 0,    "wavelet field 720 x 243", Kind::Wavelet,  nullptr,                         Kind::Wavelet,  kNoInput,          AV_CODEC_ID_DIRAC,      Parser::None, false, false, 243},
-    {"pP"sv,  'p', 0,    "wavelet field 720 x 288", Kind::Wavelet,  nullptr,                         Kind::Wavelet,  kNoInput,          AV_CODEC_ID_DIRAC,      Parser::None, false, false, 288},
-    {"y"sv,   'y', 0,    "raw YUV 4:2:0",           Kind::YUV,      nullptr,                         Kind::YUV,      kNoInput,          AV_CODEC_ID_NONE,       Parser::None, false, false, 0},
+//  codes    code ffmpeg  name                       kind            preference                       preferred       FFmpeg input       FFmpeg codec            parser        bytes  engine                lines
+    {"hH"sv,  'h', 'h',  "H.264",                   Kind::AV,       &P::isLookForNALsH264,           Kind::H264,     FormatIn_H264,     AV_CODEC_ID_H264,       Parser::H264, true,  Engine::Exact,        0},
+    {"eE"sv,  'e', 'e',  "H.265",                   Kind::AV,       nullptr,                         Kind::AV,       FormatIn_HEVC,     AV_CODEC_ID_HEVC,       Parser::Hevc, true,  Engine::Exact,        0},
+    {"jJ"sv,  'j', 'j',  "Motion JPEG",             Kind::AV,       &P::isDecodeMJPEGThroughQImage,  Kind::JPEG,     FormatIn_MJPEG,    AV_CODEC_ID_MJPEG,      Parser::None, false, Engine::Approximate,  0},
+    {"M"sv,   'M', 'M',  "MPEG-2",                  Kind::AV,       nullptr,                         Kind::AV,       FormatIn_MPEG2,    AV_CODEC_ID_MPEG2VIDEO, Parser::None, true,  Engine::Approximate,  0},
+    {"m"sv,   'm', 'm',  "MPEG-4",                  Kind::MPEG4,    nullptr,                         Kind::MPEG4,    FormatIn_MPEG4,    AV_CODEC_ID_MPEG4,      Parser::None, true,  Engine::Approximate,  0},
+    {"xX"sv,  'x', 'X',  "MxPEG",                   Kind::AV,       &P::isUsedMxPEGNative,           Kind::MXPEG,    FormatIn_MXPEG,    AV_CODEC_ID_MXPEG,      Parser::None, false, Engine::None,         0},
+    {"r"sv,   'r', 'r',  "JPEG 2000",               Kind::JPEG2000, nullptr,                         Kind::JPEG2000, FormatIn_JPEG2000, AV_CODEC_ID_JPEG2000,   Parser::None, false, Engine::None,         0},
+    {"nN"sv,  'n', 0,    "wavelet field 720 x 243", Kind::Wavelet,  nullptr,                         Kind::Wavelet,  kNoInput,          AV_CODEC_ID_DIRAC,      Parser::None, false, Engine::None,         243},
+    {"pP"sv,  'p', 0,    "wavelet field 720 x 288", Kind::Wavelet,  nullptr,                         Kind::Wavelet,  kNoInput,          AV_CODEC_ID_DIRAC,      Parser::None, false, Engine::None,         288},
+    {"y"sv,   'y', 0,    "raw YUV 4:2:0",           Kind::YUV,      nullptr,                         Kind::YUV,      kNoInput,          AV_CODEC_ID_NONE,       Parser::None, false, Engine::None,         0},
     // The byte 0 counts as a known code: images without a format get the null decoder.
-    {"Y\0"sv, 0,   0,    "no format",               Kind::Null,     nullptr,                         Kind::Null,     kNoInput,          AV_CODEC_ID_NONE,       Parser::None, false, false, 0},
+    {"Y\0"sv, 0,   0,    "no format",               Kind::Null,     nullptr,                         Kind::Null,     kNoInput,          AV_CODEC_ID_NONE,       Parser::None, false, Engine::None,         0},
 };
 // clang-format on
 

@@ -35,6 +35,12 @@ constexpr int kFieldWidth = 720;
 // Access-unit assembly before FFmpeg (see AccessUnitSplitter).
 enum class Parser { None, H264, Hevc };
 
+// Whether FFmpeg may decode the format on the GPU's video engine, and how close its pictures
+// come to software ones. H.264 and H.265 define their inverse transforms to the bit: the
+// engine's pictures equal FFmpeg's. The DCT formats leave the inverse DCT to the decoder
+// within a tolerance: the engine's is its own, and its pictures differ from FFmpeg's a little.
+enum class Engine { None, Exact, Approximate };
+
 struct Format {
     // The type bytes that select the row, the byte 0 included where listed. Codes that differ
     // only in case share a row, except 'M' (MPEG-2) and 'm' (MPEG-4).
@@ -52,7 +58,7 @@ struct Format {
     AVCodecID codecId;  // FFmpeg's codec for the format (also where the row's decoder is another)
     Parser parser;
     bool byteStream;  // payloads are start-code byte streams (a payload without one is refused)
-    bool hardware;    // FFmpeg may decode it on the GPU's video engine (hardware decoding preference)
+    Engine engine;    // the GPU's video engine (hardware decoding preference)
     int fieldLines;   // wavelet fields: lines of the field (kFieldWidth wide); 0 otherwise
     // Whether FFmpeg decodes the format at reduced resolution is no column: maxLowres() asks
     // the linked FFmpeg.

@@ -30,15 +30,22 @@ constexpr size_t kMaxLoggedCauses = 256;
 HardwareRequest HardwareRequest::fromPreferences()
 {
     DecoderPreferences* prefs = DecoderPreferences::instance();
-    return {prefs->hardwareDecoding(), prefs->hardwareDeviceType(), prefs->hardwareDeviceName()};
+    return {prefs->hardwareDecoding(), prefs->hardwareDeviceType(), prefs->hardwareDeviceName(),
+            prefs->isApproximateHardwareDecoding()};
 }
 
-HardwareEngine findEngine(const HardwareRequest& request, const AVCodec* codec, bool formatHasEngine)
+HardwareEngine findEngine(const HardwareRequest& request, const AVCodec* codec, formats::Engine use)
 {
     HardwareEngine engine;
-    if (!formatHasEngine) {
-        engine.error = std::string(codec ? codec->long_name ? codec->long_name : codec->name : "this format") +
-                       " is not decoded on the engine";
+    const std::string format = codec ? codec->long_name ? codec->long_name : codec->name : "this format";
+    if (use == formats::Engine::None) {
+        engine.error = format + " is not decoded on the engine";
+        return engine;
+    }
+    if (use == formats::Engine::Approximate && !request.approximate) {
+        engine.error = "the engine's pictures of " + format +
+                       " would differ from software ones (its inverse DCT is its own): "
+                       "setApproximateHardwareDecoding(true) allows them";
         return engine;
     }
     engine.device = hw::acquireDevice(request.type, request.name, &engine.error);

@@ -96,6 +96,13 @@ public:
     bool setHardwareDeviceType(const std::string& type);
     std::string hardwareDeviceName() const { return hardwareDeviceName_.get(); }
     void setHardwareDeviceName(const std::string& name) { hardwareDeviceName_.set(name); }
+    // H.264 and H.265 pictures from the engine equal software ones byte for byte. MPEG-2,
+    // MPEG-4 Visual and Motion JPEG leave the inverse DCT to the decoder: the engine's pictures
+    // differ from software ones by a little (rounding of the transform), so by default those
+    // formats decode in software, saying why. On: they take the engine too. Read when a format
+    // decoder is created.
+    bool isApproximateHardwareDecoding() const { return approximateHardwareDecoding_.get(); }
+    void setApproximateHardwareDecoding(bool on) { approximateHardwareDecoding_.set(on); }
 
 private:
     // A text setting: read under a lock (texts cannot be atomic), copied by value.
@@ -166,6 +173,7 @@ private:
     Relaxed<bool> zeroCopyDecoding_{true};
     Relaxed<DamagedPictures> damagedPictures_{DamagedPictures::Show};
     Relaxed<HardwareDecoding> hardwareDecoding_{HardwareDecoding::Off};
+    Relaxed<bool> approximateHardwareDecoding_{false};
     Text hardwareDeviceType_{"cuda"};
     Text hardwareDeviceName_{""};
 };

@@ -123,7 +123,7 @@ TEST(HardwareFallback, FailuresWithReorderingStillAnswerEachImageOnce)
 {
     HardwareGuard guard;
     HardwareGuard::use(HardwareDecoding::Auto, true);
-    for (const QString& name : {QStringLiteral("hw_h264_crop.h264"), QStringLiteral("hw_hevc_crop.hevc"),
+    for (const QString& name : {QStringLiteral("hw_h264_crop.h264"), QStringLiteral("hw_hevc_crop152.hevc"),
                                 QStringLiteral("hw_mpeg2.m2v")}) {
         SCOPED_TRACE(name.toStdString());
         resetHardwareStateForTesting();

@@ -6,6 +6,7 @@ HardwareGuard::HardwareGuard()
 {
     DecoderPreferences* prefs = DecoderPreferences::instance();
     mode_ = prefs->hardwareDecoding();
+    approximate_ = prefs->isApproximateHardwareDecoding();
     type_ = prefs->hardwareDeviceType();
     name_ = prefs->hardwareDeviceName();
     resetHardwareStateForTesting();
@@ -16,16 +17,18 @@ HardwareGuard::~HardwareGuard()
 {
     DecoderPreferences* prefs = DecoderPreferences::instance();
     prefs->setHardwareDecoding(mode_);
+    prefs->setApproximateHardwareDecoding(approximate_);
     prefs->setHardwareDeviceType(type_);
     prefs->setHardwareDeviceName(name_);
     resetHardwareStateForTesting();
     setEmulatedHardwareForTesting(false);
 }
 
-void HardwareGuard::use(HardwareDecoding mode, bool emulated)
+void HardwareGuard::use(HardwareDecoding mode, bool emulated, bool approximate)
 {
     DecoderPreferences* prefs = DecoderPreferences::instance();
     prefs->setHardwareDecoding(mode);
+    prefs->setApproximateHardwareDecoding(approximate);
     prefs->setHardwareDeviceType("cuda");
     prefs->setHardwareDeviceName("");
     setEmulatedHardwareForTesting(emulated);
@@ -73,8 +76,9 @@ const ClipRecipe kRecipes[] = {
     {"hw_h264_window.h264", 'h',
      "-f lavfi -i testsrc2=size=240x136:rate=25 -frames:v 20 -c:v libx264 -preset veryfast -bf 0 -g 10 "
      "-pix_fmt yuv420p -bsf:v h264_metadata=crop_left=34:crop_right=4:crop_top=6:crop_bottom=2 -f h264"},
-    {"hw_hevc_crop.hevc", 'e',
-     "-f lavfi -i testsrc2=size=198x118:rate=25 -frames:v 24 -c:v libx265 -x265-params "
+    // At least 144 lines and columns: the smallest H.265 picture NVIDIA's engine takes.
+    {"hw_hevc_crop152.hevc", 'e',
+     "-f lavfi -i testsrc2=size=198x150:rate=25 -frames:v 24 -c:v libx265 -x265-params "
      "log-level=error:bframes=2:keyint=10:min-keyint=10 -f hevc"},
     {"hw_mpeg2.m2v", 'M',
      "-f lavfi -i testsrc2=size=176x144:rate=25 -frames:v 24 -c:v mpeg2video -bf 2 -g 10 -f mpeg2video"},

@@ -28,11 +28,13 @@ public:
     ~HardwareGuard();
     HardwareGuard(const HardwareGuard&) = delete;
     HardwareGuard& operator=(const HardwareGuard&) = delete;
-    // Sets the mode (device type "cuda", default device) and the emulated engine.
-    static void use(HardwareDecoding mode, bool emulated);
+    // Sets the mode (device type "cuda", default device) and the emulated engine; the DCT
+    // formats take the engine too unless `approximate` is false.
+    static void use(HardwareDecoding mode, bool emulated, bool approximate = true);
 
 private:
     HardwareDecoding mode_;
+    bool approximate_;
     std::string type_;
     std::string name_;
 };

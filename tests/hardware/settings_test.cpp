@@ -47,7 +47,7 @@ TEST(HardwareSettings, AutoWithoutDeviceDecodesExactlyAsSoftwareAndSaysSo)
     HardwareGuard::use(HardwareDecoding::Auto, false);
     // No device on any machine, a GPU one included.
     setHardwareFailureForTesting(HardwareFailurePoint::DeviceOpen, -1);
-    for (const QString& name : {QStringLiteral("hw_h264_crop.h264"), QStringLiteral("hw_hevc_crop.hevc")}) {
+    for (const QString& name : {QStringLiteral("hw_h264_crop.h264"), QStringLiteral("hw_hevc_crop152.hevc")}) {
         SCOPED_TRACE(name.toStdString());
         const HwClip clip = hwClip(name);
         ASSERT_FALSE(clip.images.empty());
@@ -74,6 +74,35 @@ TEST(HardwareSettings, AutoTakesSoftwareForFormatsWithoutEngine)
     VideoFrame frame;
     ASSERT_EQ(decoder.decodeImage(Image('y', rawYuv(16, 8, 1), 1, 0, true), frame), Decoder::ImageResult::Picture);
     EXPECT_EQ(decoder.decodingPath().engine, DecodingPath::Engine::Software);
+}
+
+// The DCT formats decode in software by default, exactly, saying why; on request they take
+// the engine. H.264 takes it either way.
+TEST(HardwareSettings, DctFormatsTakeTheEngineOnlyWhenApproximatePicturesAreAllowed)
+{
+    HardwareGuard guard;
+    EXPECT_FALSE(DecoderPreferences::instance()->isApproximateHardwareDecoding());
+    for (const char* name : {"hw_mpeg2.m2v", "hw_mpeg4.m4v", "hw_mjpeg_odd.avi", "hw_h264_camera.h264"}) {
+        SCOPED_TRACE(name);
+        const HwClip clip = hwClip(name);
+        ASSERT_FALSE(clip.images.empty());
+        const bool exact = QString(name).contains("h264");
+        for (bool approximate : {false, true}) {
+            HardwareGuard::use(HardwareDecoding::Auto, true, approximate);
+            const Answers a = decodeAll(clip.images);
+            expectEachAnsweredOnce(clip.images, a);
+            const DecodingPath path = a.paths.back();
+            EXPECT_EQ(path.isHardware(), approximate || exact) << path.toString().toStdString();
+            if (!path.isHardware())
+                EXPECT_TRUE(path.reason.contains("setApproximateHardwareDecoding(true)")) << path.reason.toStdString();
+        }
+        // Required never decodes such a format in software.
+        HardwareGuard::use(HardwareDecoding::Required, true, false);
+        Decoder decoder;
+        VideoFrame frame;
+        if (!exact)
+            EXPECT_EQ(decoder.decodeImage(clip.images.front(), frame), Decoder::ImageResult::Failed);
+    }
 }
 
 TEST(HardwareSettings, RequiredWithoutDeviceFailsEveryImageWithTheReason)
