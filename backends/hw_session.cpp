@@ -5,6 +5,7 @@
 extern "C" {
 #include <libavutil/error.h>
 #include <libavutil/hwcontext.h>
+#include <libavutil/mem.h>
 #include <libavutil/pixdesc.h>
 }
 
@@ -52,7 +53,11 @@ Session::Session(DeviceRef device, AVPixelFormat format)
 {
 }
 
-Session::~Session() { sws_freeContext(emulation_); }
+Session::~Session()
+{
+    sws_freeContext(emulation_);
+    av_frame_free(&staging_);
+}
 
 bool Session::supports(const AVCodec* codec, const Device& device, AVPixelFormat* format, std::string* error)
 {
@@ -156,8 +161,8 @@ int Session::toSoftware(AVFrame* in, AVFrame* out, bool* useOut)
         return AVERROR_EXTERNAL;
     } else if (emulated_)
         ret = emulatedDownload(in, out);
-    else if ((ret = av_hwframe_transfer_data(out, in, 0)) >= 0)
-        ret = av_frame_copy_props(out, in);
+    else
+        ret = download(in, out);
     if (ret < 0) {
         av_frame_unref(out);
         noteFailure(ret, true);
@@ -170,15 +175,58 @@ int Session::toSoftware(AVFrame* in, AVFrame* out, bool* useOut)
     return 0;
 }
 
+int Session::stagingPicture(AVPixelFormat format, int width, int height, AVFrame* out)
+{
+    // A fresh picture per download would cost page faults on every picture (a 1080p picture is
+    // 3 MB, above what the allocator keeps), more than the copy itself.
+    const bool fits = staging_ && staging_->format == format && staging_->width == width &&
+                      staging_->height == height && av_buffer_is_writable(staging_->buf[0]);
+    if (!fits) {
+        av_frame_free(&staging_);
+        if (!(staging_ = av_frame_alloc()))
+            return AVERROR(ENOMEM);
+        staging_->format = format;
+        staging_->width = width;
+        staging_->height = height;
+        const int ret = av_frame_get_buffer(staging_, 0);
+        if (ret < 0) {
+            av_frame_free(&staging_);
+            return ret;
+        }
+    }
+    return av_frame_ref(out, staging_);
+}
+
+int Session::download(const AVFrame* in, AVFrame* out)
+{
+    const auto* frames = reinterpret_cast<const AVHWFramesContext*>(in->hw_frames_ctx->data);
+    if (downloadFrames_ != frames || downloadSwFormat_ != frames->sw_format) {
+        // The engine's first download format, as FFmpeg's allocating download picks it.
+        AVPixelFormat* formats = nullptr;
+        int ret = av_hwframe_transfer_get_formats(in->hw_frames_ctx, AV_HWFRAME_TRANSFER_DIRECTION_FROM, &formats, 0);
+        if (ret < 0)
+            return ret;
+        downloadFormat_ = formats[0];
+        av_freep(&formats);
+        downloadFrames_ = frames;
+        downloadSwFormat_ = frames->sw_format;
+    }
+    int ret = stagingPicture(downloadFormat_, frames->width, frames->height, out);
+    if (ret < 0 || (ret = av_hwframe_transfer_data(out, in, 0)) < 0)
+        return ret;
+    // The pool's pictures may be larger than this one (alignment): its own size, as
+    // FFmpeg's own allocating download gives it.
+    out->width = in->width;
+    out->height = in->height;
+    return av_frame_copy_props(out, in);
+}
+
 int Session::emulatedDownload(const AVFrame* in, AVFrame* out)
 {
     if (in->format != AV_PIX_FMT_YUV420P && in->format != AV_PIX_FMT_YUVJ420P)
         return AVERROR(ENOSYS);
     const int w = in->width, h = in->height;
-    out->format = AV_PIX_FMT_NV12;
-    out->width = w;
-    out->height = h;
-    int ret = av_frame_get_buffer(out, 0);
+    int ret = stagingPicture(AV_PIX_FMT_NV12, w, h, out);
     if (ret < 0)
         return ret;
     // Full-range samples are the same bytes: interleaved as they are, never range-converted.

@@ -75,7 +75,11 @@ private:
     static AVPixelFormat getFormat(AVCodecContext* context, const AVPixelFormat* formats);
     AVPixelFormat choose(AVCodecContext* context, const AVPixelFormat* formats);
     void leave(const std::string& reason);
+    int download(const AVFrame* in, AVFrame* out);
     int emulatedDownload(const AVFrame* in, AVFrame* out);
+    // Refers `out` to the session's download picture, (re)allocated only when its format or
+    // size changes or a frame still holds it.
+    int stagingPicture(AVPixelFormat format, int width, int height, AVFrame* out);
     void applyCropping(AVFrame* nv12) const;
 
     DeviceRef device_;
@@ -89,6 +93,11 @@ private:
     int consecutiveFailures_ = 0;
     std::string reason_;
     SwsContext* emulation_ = nullptr;
+    AVFrame* staging_ = nullptr;
+    // The engine's picture pool (and its format) that downloadFormat_ was chosen for.
+    const void* downloadFrames_ = nullptr;
+    AVPixelFormat downloadSwFormat_ = AV_PIX_FMT_NONE;
+    AVPixelFormat downloadFormat_ = AV_PIX_FMT_NONE;
 };
 
 }  // namespace orvo::hw
