@@ -100,7 +100,7 @@ void OwnerWakeup::announce(const std::weak_ptr<StreamSequence>& sequence, bool h
             wake = signalLocked();
         } else if (!held_) {
             held_ = true;
-            setTimerLocked(true);
+            setTimerLocked(kHoldLimit);
         } else {
             return;
         }
@@ -139,22 +139,25 @@ void OwnerWakeup::releaseHeld()
     }
 }
 
-void OwnerWakeup::setTimerLocked(bool armed)
+void OwnerWakeup::setTimerLocked(std::chrono::microseconds after)
 {
-    if (timerArmed_ == armed)
+    if (timerFd_ < 0 || timerSetTo_ == after)
         return;
-    itimerspec spec{};
-    if (armed)
-        spec.it_value.tv_nsec = std::chrono::duration_cast<std::chrono::nanoseconds>(kHoldLimit).count();
+    itimerspec spec{};  // all zero: disarmed
+    spec.it_value.tv_nsec = std::chrono::duration_cast<std::chrono::nanoseconds>(after).count();
     timerfd_settime(timerFd_, 0, &spec, nullptr);
-    timerArmed_ = armed;
+    timerSetTo_ = after;
 }
 
 bool OwnerWakeup::signalLocked()
 {
     signalled_ = true;
     held_ = false;
-    setTimerLocked(false);
+    if (timerFd_ >= 0) {
+        // Arming wakes no one: done under the lock, the owner wakes when the timer ends.
+        setTimerLocked(kWakeDelay);
+        return false;
+    }
     if (fd_ >= 0)
         return true;
     // host_ is deleted on the owner thread only after users_ fell to 0 under this mutex.
@@ -187,7 +190,7 @@ void OwnerWakeup::deliver()
         ready.swap(ready_);
         signalled_ = false;
         held_ = false;
-        setTimerLocked(false);  // woken by the deadline, or before it by other results
+        setTimerLocked(std::chrono::microseconds(0));  // woken by the timer, or before it by the counter
     }
     // A handler may close streams (or every stream) of this thread: each is checked as it
     // comes.

@@ -200,10 +200,11 @@ int main(int argc, char** argv)
         {"H.264", 1, 1280, 720}, {"H.264", 4, 1280, 720}, {"H.264", 16, 1280, 720}, {"H.264", 64, 640, 360},
         {"H.265", 1, 1280, 720}, {"H.265", 4, 1280, 720}, {"H.265", 16, 1280, 720}, {"H.265", 64, 640, 360},
     };
-    const char* only = std::getenv("ORVO_PACED_ONLY");  // the end of one row's name, e.g. "H.264 720p N=16"
+    // Rows whose names hold it as whole words, e.g. "H.264", "H.265 360p" or "H.264 720p N=1".
+    const char* only = std::getenv("ORVO_PACED_ONLY");
     for (const Config& c : configs) {
         const std::string what = std::string("paced ") + c.codec + " " + std::to_string(c.height) + "p N=" + std::to_string(c.streams);
-        if (only && (what.size() < std::strlen(only) || what.compare(what.size() - std::strlen(only), std::string::npos, only) != 0))
+        if (only && (" " + what + " ").find(" " + std::string(only) + " ") == std::string::npos)
             continue;
         const auto& packets = clip(c);
         if (packets.empty()) {
