@@ -100,7 +100,7 @@ void OwnerWakeup::announce(const std::weak_ptr<StreamSequence>& sequence, bool h
             wake = signalLocked();
         } else if (!held_) {
             held_ = true;
-            setTimerLocked(kHoldLimit);
+            setTimerLocked(true);
         } else {
             return;
         }
@@ -139,25 +139,22 @@ void OwnerWakeup::releaseHeld()
     }
 }
 
-void OwnerWakeup::setTimerLocked(std::chrono::microseconds after)
+void OwnerWakeup::setTimerLocked(bool armed)
 {
-    if (timerFd_ < 0 || timerSetTo_ == after)
+    if (timerArmed_ == armed)
         return;
-    itimerspec spec{};  // all zero: disarmed
-    spec.it_value.tv_nsec = std::chrono::duration_cast<std::chrono::nanoseconds>(after).count();
+    itimerspec spec{};
+    if (armed)
+        spec.it_value.tv_nsec = std::chrono::duration_cast<std::chrono::nanoseconds>(kHoldLimit).count();
     timerfd_settime(timerFd_, 0, &spec, nullptr);
-    timerSetTo_ = after;
+    timerArmed_ = armed;
 }
 
 bool OwnerWakeup::signalLocked()
 {
     signalled_ = true;
     held_ = false;
-    if (timerFd_ >= 0) {
-        // Arming wakes no one: done under the lock, the owner wakes when the timer ends.
-        setTimerLocked(kWakeDelay);
-        return false;
-    }
+    setTimerLocked(false);
     if (fd_ >= 0)
         return true;
     // host_ is deleted on the owner thread only after users_ fell to 0 under this mutex.
@@ -190,7 +187,7 @@ void OwnerWakeup::deliver()
         ready.swap(ready_);
         signalled_ = false;
         held_ = false;
-        setTimerLocked(std::chrono::microseconds(0));  // woken by the timer, or before it by the counter
+        setTimerLocked(false);  // woken by the deadline, or before it by other results
     }
     // A handler may close streams (or every stream) of this thread: each is checked as it
     // comes.

@@ -13,12 +13,6 @@
 // that ends the burst (no granted work left) wakes every owner held back at once, so the
 // last picture of a burst, the one a wall waits for, is never held.
 //
-// Even a wake-up made at once goes through the timer, set kWakeDelay ahead: woken by a
-// write from a pool thread, the owner would preempt that thread on its way to sleep (the
-// thread then has to be scheduled once more only to finish), where a timer wakes it on a
-// core the pool thread has left. The event counter wakes owners only where no timer could
-// be made.
-//
 // Threads: forCurrentThread and release on the owner thread; announce and releaseHeld on
 // any thread.
 #include <QObject>
@@ -36,9 +30,6 @@ class OwnerWakeup : public std::enable_shared_from_this<OwnerWakeup> {
 public:
     // The longest a held wake-up waits for the rest of its burst.
     static constexpr std::chrono::microseconds kHoldLimit{2000};
-    // How far ahead a wake-up due now is set: long enough for a pool thread to go to sleep,
-    // short against a picture's time (timer slack may add tens of microseconds).
-    static constexpr std::chrono::microseconds kWakeDelay{100};
 
     // The wake-up of the calling thread, made on first use; each call counts one user,
     // who gives it back with release() on this thread.
@@ -49,8 +40,7 @@ public:
     void release();
 
     // `sequence` has results for the owner. With `hold`, the wake-up may wait for
-    // releaseHeld(); without, the owner wakes now, within kWakeDelay (unless a wake-up is
-    // already on its way).
+    // releaseHeld(); without, the owner wakes now (unless a wake-up is already on its way).
     void announce(const std::weak_ptr<StreamSequence>& sequence, bool hold);
 
     // Pool threads, at the end of a burst: wakes every owner held back.
@@ -63,12 +53,11 @@ private:
     // Under mutex_: marks the owner woken; true when wakeOwner() must follow, unlocked.
     bool signalLocked();
     void wakeOwner();
-    // Sets the timer `after` ahead; zero: disarmed.
-    void setTimerLocked(std::chrono::microseconds after);
+    void setTimerLocked(bool armed);
 
-    int fd_ = -1;       // event counter: wake now, where no timer could be made
-    int timerFd_ = -1;  // the wake-up's deadline; without one, nothing is held
-    std::chrono::microseconds timerSetTo_{0};
+    int fd_ = -1;       // event counter: wake now
+    int timerFd_ = -1;  // the held wake-up's deadline; without one, nothing is held
+    bool timerArmed_ = false;
     QObject* host_ = nullptr;  // owner thread; holds the notifier, or takes posted wake-ups
     std::mutex mutex_;
     int users_ = 0;
