@@ -330,7 +330,8 @@ int main(int argc, char** argv)
     prefs->setHardwareDecoding(orvo::HardwareDecoding::Auto);
     Decoder keeper;
     orvo::VideoFrame first;
-    keeper.decodeImage(orvo::Image(kCodecs[0].code, clip(kCodecs[0]).front().data, 1, 0, true), first);
+    if (!clip(kCodecs[0]).empty())
+        keeper.decodeImage(orvo::Image(kCodecs[0].code, clip(kCodecs[0]).front().data, 1, 0, true), first);
     benchmark::RunSpecifiedBenchmarks();
     std::printf("\n1080p, about %d pictures per run, %s device, pool of %d threads, %d plain threads, "
                 "%d interleaved rounds (medians)\n",
