@@ -9,6 +9,14 @@
 namespace orvo {
 
 namespace {
+// The calling thread, for as long as it lives (a later thread may get the same token: it
+// is only a hint).
+const void* currentThreadToken()
+{
+    static thread_local char token;
+    return &token;
+}
+
 // What the pool runs: one object, started once per grant, that carries nothing. The
 // sequence to run travels through the scheduler's ready line, under its standard mutex:
 // the pool's own queue is locked where race checkers cannot see, so nothing written by the
@@ -29,37 +37,38 @@ QSharedPointer<DecodeScheduler> DecodeScheduler::instance()
 
 bool DecodeScheduler::request(const std::shared_ptr<StreamSequence>& sequence)
 {
+    StreamLine::Entry entry;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
+        entry = {sequence, sequence->lastPoolThread, 0};
         if (held_ >= std::max(1, QThreadPool::globalInstance()->maxThreadCount())) {
-            waiting_.push_back(sequence);
+            waiting_.push(std::move(entry));
             othersWaiting_.store(true, std::memory_order_relaxed);
             return false;
         }
         ++held_;
     }
-    start(sequence);
+    start(std::move(entry));
     return true;
 }
 
 bool DecodeScheduler::finish(const std::shared_ptr<StreamSequence>& again)
 {
-    std::shared_ptr<StreamSequence> next;
+    StreamLine::Entry next;
     bool busy = false;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
+        const void* thread = currentThreadToken();
         if (again)
-            waiting_.push_back(again);
-        if (!waiting_.empty()) {
-            next = std::move(waiting_.front());  // the permit passes on
-            waiting_.pop_front();
-        } else {
+            waiting_.push({again, thread, 0});
+        if (!waiting_.empty())
+            next = waiting_.take(thread, again.get());  // the permit passes on
+        else
             --held_;
-        }
         othersWaiting_.store(!waiting_.empty(), std::memory_order_relaxed);
-        busy = next || !ready_.empty();
+        busy = next.sequence || !ready_.empty();
     }
-    if (next)
+    if (next.sequence)
         start(std::move(next));
     return busy;
 }
@@ -67,20 +76,18 @@ bool DecodeScheduler::finish(const std::shared_ptr<StreamSequence>& again)
 void DecodeScheduler::forget(const StreamSequence* sequence)
 {
     const std::lock_guard<std::mutex> lock(mutex_);
-    waiting_.erase(std::remove_if(waiting_.begin(), waiting_.end(),
-                                  [sequence](const auto& s) { return s.get() == sequence; }),
-                   waiting_.end());
+    waiting_.remove(sequence);
     othersWaiting_.store(!waiting_.empty(), std::memory_order_relaxed);
 }
 
-void DecodeScheduler::start(std::shared_ptr<StreamSequence> sequence)
+void DecodeScheduler::start(StreamLine::Entry entry)
 {
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        ready_.push_back(std::move(sequence));
+        ready_.push(std::move(entry));
     }
-    static PoolEntry entry;
-    QThreadPool::globalInstance()->start(&entry);
+    static PoolEntry poolEntry;
+    QThreadPool::globalInstance()->start(&poolEntry);
 }
 
 void PoolEntry::runNext()
@@ -95,8 +102,10 @@ void DecodeScheduler::runReady()
         const std::lock_guard<std::mutex> lock(mutex_);
         if (ready_.empty())
             return;
-        sequence = std::move(ready_.front());
-        ready_.pop_front();
+        // Every granted run starts at once, whichever thread takes it.
+        const void* thread = currentThreadToken();
+        sequence = ready_.take(thread).sequence;
+        sequence->lastPoolThread = thread;
     }
     sequence->run();
 }

@@ -6,10 +6,12 @@
 // sees others waiting hands its permit to the first in line after its current image and,
 // when it has more work, joins the end of the line: with more streams than threads every
 // stream decodes one image per turn; with room to spare a stream works through its queue
-// without leaving the pool. Any thread.
+// without leaving the pool. A pool thread that picks up work prefers a stream it ran last
+// (see StreamLine). Any thread.
+#include "async/stream_line.h"
+
 #include <QSharedPointer>
 #include <atomic>
-#include <deque>
 #include <memory>
 #include <mutex>
 
@@ -38,15 +40,15 @@ public:
     int inFlight() const;        // permits held (runs on the pool or about to start)
     int scheduledCount() const;  // streams waiting for a permit
 
-    // Pool thread: runs the oldest granted sequence.
+    // Pool thread: runs a granted sequence, one it ran last if there is one.
     void runReady();
 
 private:
-    void start(std::shared_ptr<StreamSequence> sequence);  // without the lock
+    void start(StreamLine::Entry entry);  // without the lock
 
     mutable std::mutex mutex_;
-    std::deque<std::shared_ptr<StreamSequence>> waiting_;
-    std::deque<std::shared_ptr<StreamSequence>> ready_;  // granted, not yet picked up by a pool thread
+    StreamLine waiting_;
+    StreamLine ready_;  // granted, not yet picked up by a pool thread
     int held_ = 0;
     std::atomic<bool> othersWaiting_{false};
 };

@@ -89,6 +89,9 @@ public:
 
     // Pool thread: the run, started by the scheduler once per grant.
     void run();
+    // The pool thread that ran it last: the scheduler's hint, read and written under the
+    // scheduler's lock only.
+    const void* lastPoolThread = nullptr;
     // Owner thread, from its wake-up: results wait in the outbox.
     void deliver();
 

@@ -10,8 +10,11 @@
 // due time to the last frame, per measured picture, and the worst latency from an image's
 // due time to its frame. Rounds interleave the sides; ORVO_BENCH_ROUNDS sets how many
 // (default 9: one round swings by up to 15% at N = 1 on a shared machine).
+// ORVO_PACED_ONLY="H.264 720p N=1" runs the rows named so; ORVO_PACED_THREADS=1 adds where
+// each round's CPU went, thread by thread.
 #include "bench_clips.h"
 #include "bench_report.h"
+#include "thread_use.h"
 #include "orvo/concurrent_decoder.h"
 #include "orvo/image.h"
 
@@ -24,8 +27,11 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 }
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <atomic>
+#include <map>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -38,7 +44,19 @@ extern "C" {
 namespace {
 
 using orvo::bench::Packet;
+using orvo::bench::printThreadUse;
 using orvo::bench::processCpuSeconds;
+using orvo::bench::threadUse;
+using orvo::bench::threadUseOf;
+using orvo::bench::ThreadUse;
+
+// ORVO_PACED_THREADS=1 prints, for every round, where each side's CPU went thread by thread,
+// and once per row what the wall's own timer costs with nothing to decode.
+bool breakdown()
+{
+    static const bool on = std::getenv("ORVO_PACED_THREADS") != nullptr;
+    return on;
+}
 using Clock = std::chrono::steady_clock;
 
 constexpr int kFps = 25;
@@ -85,7 +103,9 @@ Side runRaw(const Config& c, const std::vector<Packet>& packets)
     std::atomic<long> measured{0};
     std::vector<double> worst(2, 0);
     std::vector<Clock::time_point> lastFrame(2, t0);
+    std::vector<std::pair<std::map<int, ThreadUse>, std::map<int, ThreadUse>>> used(2);
     auto work = [&](int t) {
+        pthread_setname_np(pthread_self(), "raw decode");  // apart from the owner in profiles
         std::vector<AVCodecContext*> decoders;
         for (int s = t; s < c.streams; s += 2) {
             AVCodecContext* ctx = avcodec_alloc_context3(avcodec_find_decoder(id));
@@ -98,6 +118,8 @@ Side runRaw(const Config& c, const std::vector<Packet>& packets)
         for (int i = 0; i < kFrames; ++i) {
             const auto due = t0 + std::chrono::nanoseconds(kFrameNs * i);
             std::this_thread::sleep_until(due);
+            if (i == kWarmFrames && breakdown())
+                used[size_t(t)].first[0] = threadUseOf("/proc/thread-self");
             const Packet& p = packets[size_t(i) % packets.size()];
             for (AVCodecContext* ctx : decoders) {
                 av_new_packet(pkt, int(p.data.size()));
@@ -115,6 +137,8 @@ Side runRaw(const Config& c, const std::vector<Packet>& packets)
                 }
             }
         }
+        if (breakdown())  // read by the thread itself: an ended thread leaves /proc
+            used[size_t(t)].second[0] = threadUseOf("/proc/thread-self");
         av_frame_free(&frame);
         av_packet_free(&pkt);
         for (AVCodecContext* ctx : decoders)
@@ -127,6 +151,10 @@ Side runRaw(const Config& c, const std::vector<Packet>& packets)
     b.join();
     // Closing the decoders is not part of the measured work, but costs little next to 4 s.
     const double cpu = processCpuSeconds() - cpu0;
+    if (breakdown()) {
+        printThreadUse("raw", used[0].first, used[0].second, measured);
+        printThreadUse("raw", used[1].first, used[1].second, measured);
+    }
     return {measured > 0 ? 1000 * cpu / double(measured) : 0, std::max(worst[0], worst[1])};
 }
 
@@ -142,6 +170,7 @@ Side runOurs(const Config& c, const std::vector<Packet>& packets)
     long measured = 0;
     long expected = long(c.streams) * kMeasuredFrames;
     double worst = 0, cpu0 = 0, cpuEnd = 0;
+    std::map<int, ThreadUse> threads0;
     for (int s = 0; s < c.streams; ++s) {
         decoders.push_back(std::make_unique<orvo::ConcurrentDecoder>());
         decoders.back()->useMultiThreadedMode();
@@ -153,6 +182,8 @@ Side runOurs(const Config& c, const std::vector<Packet>& packets)
                              worst = std::max(worst, (clock.nsecsElapsed() - startNs - i * kFrameNs) / 1e6);
                              if (++measured == expected) {
                                  cpuEnd = processCpuSeconds();
+                                 if (breakdown())
+                                     printThreadUse("ours", threads0, threadUse(), measured);
                                  loop.quit();
                              }
                          });
@@ -171,8 +202,11 @@ Side runOurs(const Config& c, const std::vector<Packet>& packets)
     timer.setTimerType(Qt::PreciseTimer);
     timer.setSingleShot(true);
     QObject::connect(&timer, &QTimer::timeout, [&] {
-        if (next == kWarmFrames)
+        if (next == kWarmFrames) {
+            if (breakdown())
+                threads0 = threadUse();
             cpu0 = processCpuSeconds();
+        }
         for (int s = 0; s < c.streams; ++s)
             decoders[size_t(s)]->decode(images[size_t(s)][size_t(next)]);
         if (++next < kFrames) {
@@ -187,6 +221,34 @@ Side runOurs(const Config& c, const std::vector<Packet>& packets)
     if (measured < expected)
         std::fprintf(stderr, "ours: %ld of %ld measured pictures\n", measured, expected);
     return {measured > 0 ? 1000 * (cpuEnd - cpu0) / double(measured) : 0, worst};
+}
+
+// The wall's own timer with nothing to decode: what the owner thread pays per due time
+// before any decoder does anything (printed with the breakdown).
+void printTimerOnly()
+{
+    QEventLoop loop;
+    QElapsedTimer clock;
+    const qint64 startNs = 20000000;
+    int next = 0;
+    std::map<int, ThreadUse> before;
+    QTimer timer;
+    timer.setTimerType(Qt::PreciseTimer);
+    timer.setSingleShot(true);
+    QObject::connect(&timer, &QTimer::timeout, [&] {
+        if (next == kWarmFrames)
+            before = threadUse();
+        if (++next < kFrames) {
+            const qint64 waitNs = startNs + next * kFrameNs - clock.nsecsElapsed();
+            timer.start(int(std::max<qint64>(0, waitNs / 1000000)));
+        } else {
+            printThreadUse("timer only", before, threadUse(), kMeasuredFrames, "due time");
+            loop.quit();
+        }
+    });
+    clock.start();
+    timer.start(int(startNs / 1000000));
+    loop.exec();
 }
 
 }  // namespace
@@ -236,6 +298,8 @@ int main(int argc, char** argv)
                       *std::min_element(worstOurs.begin(), worstOurs.end()), *std::max_element(worstOurs.begin(), worstOurs.end()),
                       *std::min_element(worstRaw.begin(), worstRaw.end()), *std::max_element(worstRaw.begin(), worstRaw.end()));
         orvo::bench::report(what + " worst latency / raw's + 5 ms", wo, wr, wo / wr, "ms", "<= 1.0", spread);
+        if (breakdown())
+            printTimerOnly();
     }
     return 0;
 }

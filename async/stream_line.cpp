@@ -1,0 +1,34 @@
+#include "async/stream_line.h"
+
+#include <algorithm>
+
+namespace orvo {
+
+StreamLine::Entry StreamLine::take(const void* thread, const StreamSequence* justRan)
+{
+    size_t pick = 0;
+    const size_t window = std::min(entries_.size(), kWindow);
+    for (size_t i = 0; i < window; ++i) {
+        const Entry& e = entries_[i];
+        if (thread && e.lastThread == thread && !(justRan && e.sequence.get() == justRan)) {
+            pick = i;
+            break;
+        }
+        if (e.passedOver >= kMaxPassedOver)
+            break;  // its turn cannot be put off again
+    }
+    for (size_t i = 0; i < pick; ++i)
+        ++entries_[i].passedOver;
+    Entry entry = std::move(entries_[pick]);
+    entries_.erase(entries_.begin() + std::ptrdiff_t(pick));
+    return entry;
+}
+
+void StreamLine::remove(const StreamSequence* sequence)
+{
+    entries_.erase(std::remove_if(entries_.begin(), entries_.end(),
+                                  [sequence](const Entry& e) { return e.sequence.get() == sequence; }),
+                   entries_.end());
+}
+
+}  // namespace orvo

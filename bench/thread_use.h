@@ -1,0 +1,77 @@
+#pragma once
+// Where a benchmark's CPU went, thread by thread: run time from /proc's schedstat, with
+// voluntary and involuntary context switches and migrations between cores. Linux only.
+#include <dirent.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <string>
+
+namespace orvo::bench {
+
+struct ThreadUse {
+    std::string name;
+    double runNs = 0;
+    long voluntary = 0, involuntary = 0, migrations = 0;
+};
+
+// One thread's figures; `base` is /proc/self/task/TID or /proc/thread-self.
+inline ThreadUse threadUseOf(const std::string& base)
+{
+    ThreadUse u;
+    std::ifstream comm(base + "/comm");
+    std::getline(comm, u.name);
+    std::ifstream(base + "/schedstat") >> u.runNs;
+    std::ifstream status(base + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("voluntary_ctxt_switches:", 0) == 0)
+            u.voluntary = std::atol(line.c_str() + 24);
+        else if (line.rfind("nonvoluntary_ctxt_switches:", 0) == 0)
+            u.involuntary = std::atol(line.c_str() + 27);
+    }
+    std::ifstream sched(base + "/sched");
+    for (std::string line; std::getline(sched, line);)
+        if (line.rfind("se.nr_migrations", 0) == 0)
+            u.migrations = std::atol(line.c_str() + line.find(':') + 1);
+    return u;
+}
+
+// Every live thread of the process, by thread id.
+inline std::map<int, ThreadUse> threadUse()
+{
+    std::map<int, ThreadUse> out;
+    DIR* dir = opendir("/proc/self/task");
+    if (!dir)
+        return out;
+    while (dirent* e = readdir(dir))
+        if (std::atoi(e->d_name) > 0)
+            out[std::atoi(e->d_name)] = threadUseOf(std::string("/proc/self/task/") + e->d_name);
+    closedir(dir);
+    return out;
+}
+
+// One line per thread that ran between `before` and `after`, per unit of work.
+inline void printThreadUse(const char* side, const std::map<int, ThreadUse>& before,
+                           const std::map<int, ThreadUse>& after, long units, const char* unit = "picture")
+{
+    if (units <= 0)
+        return;
+    const int self = int(getpid());
+    for (const auto& [tid, a] : after) {
+        const auto b = before.find(tid);
+        const ThreadUse zero;
+        const ThreadUse& u = b == before.end() ? zero : b->second;
+        const double ms = (a.runNs - u.runNs) / 1e6 / double(units);
+        if (ms < 0.001)
+            continue;
+        std::printf("  %s %s%s: %.3f ms, %.2f voluntary, %.2f involuntary switches, %.2f migrations per %s\n", side,
+                    a.name.c_str(), tid == self ? " (main)" : "", ms, double(a.voluntary - u.voluntary) / double(units),
+                    double(a.involuntary - u.involuntary) / double(units), double(a.migrations - u.migrations) / double(units),
+                    unit);
+    }
+}
+
+}  // namespace orvo::bench
