@@ -1,4 +1,5 @@
-// Decoding speed of pre-split H.264 streams (1080p and 720p), image by image:
+// Decoding speed of pre-split H.264 streams (1080p, 720p and a wall tile's 360p), image by
+// image:
 //   (a) raw libavcodec send/receive, no copy of the picture,
 //   (b) Decoder with pictures copied into the frame's planes,
 //   (c) Decoder with zero-copy decoding (frames wrap FFmpeg's buffers).
@@ -31,6 +32,7 @@ namespace {
 struct Stream {
     const char* name;
     const char* size;
+    const char* bitrate;
     std::vector<QByteArray> packets;  // Annex B access units, as cameras send them
 };
 
@@ -44,7 +46,7 @@ std::string dataDir()
     return dir;
 }
 
-// Camera-like content: moving test pattern with sensor noise, 6 Mbit/s, one I-frame a second.
+// Camera-like content: moving test pattern with sensor noise, one I-frame a second.
 std::string makeFile(const Stream& s)
 {
     const std::string path = dataDir() + "/h264_" + s.name + ".mkv";
@@ -54,7 +56,7 @@ std::string makeFile(const Stream& s)
     const std::string tmp = path + ".part.mkv";
     const std::string cmd = std::string("ffmpeg -nostdin -y -loglevel error -f lavfi -i testsrc2=size=") + s.size +
                             ":rate=25,noise=alls=10:allf=t -frames:v 100 -c:v libx264 -preset veryfast "
-                            "-profile:v main -bf 0 -g 25 -b:v 6M -pix_fmt yuv420p '" +
+                            "-profile:v main -bf 0 -g 25 -b:v " + s.bitrate + " -pix_fmt yuv420p '" +
                             tmp + "'";
     if (std::system(cmd.c_str()) != 0 || std::rename(tmp.c_str(), path.c_str()) != 0) {
         std::fprintf(stderr, "could not make %s\n", path.c_str());
@@ -77,7 +79,8 @@ std::vector<QByteArray> demuxAnnexB(const std::string& path)
 
 Stream& stream(int which)
 {
-    static Stream streams[2] = {{"1080p", "1920x1080", {}}, {"720p", "1280x720", {}}};
+    static Stream streams[3] = {
+        {"1080p", "1920x1080", "6M", {}}, {"720p", "1280x720", "6M", {}}, {"360p", "640x360", "1M", {}}};
     Stream& s = streams[which];
     if (s.packets.empty())
         s.packets = demuxAnnexB(makeFile(s));
@@ -205,7 +208,7 @@ void BM_DecodeH264(benchmark::State& state)
         results[which] = decodeRounds(s, orvo::bench::rounds());
 }
 
-BENCHMARK(BM_DecodeH264)->ArgName("stream")->Arg(0)->Arg(1)->Unit(benchmark::kSecond)->Iterations(1);
+BENCHMARK(BM_DecodeH264)->ArgName("stream")->Arg(0)->Arg(1)->Arg(2)->Unit(benchmark::kSecond)->Iterations(1);
 
 }  // namespace
 
@@ -216,6 +219,7 @@ int main(int argc, char** argv)
         return 1;
     stream(0);  // make the data before any timing
     stream(1);
+    stream(2);
     const bool zeroCopyDefault = orvo::DecoderPreferences::instance()->isZeroCopyDecoding();
     benchmark::RunSpecifiedBenchmarks();
     orvo::DecoderPreferences::instance()->setZeroCopyDecoding(zeroCopyDefault);
@@ -225,7 +229,7 @@ int main(int argc, char** argv)
     for (const auto& [which, c] : results) {
         if (c.size() != 2)
             continue;
-        const std::string name = which == 0 ? "1080p" : "720p";
+        const std::string name = stream(which).name;
         std::printf("H.264 %-52s %7.1f %10.1f %12.1f   %5.3f  %5.3f\n", name.c_str(),
                     orvo::bench::median(c[0].baseline), orvo::bench::median(c[0].ours),
                     orvo::bench::median(c[1].ours), c[0].ratio(), c[1].ratio());
