@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <initializer_list>
 #include <map>
 #include <vector>
 
@@ -14,6 +15,14 @@ namespace {
 
 // Streams are told apart by their slot in `streams`; the line holds no real sequences.
 struct Line {
+    // Streams 0, 1, ... join in this order, each last run on the thread given.
+    explicit Line(std::initializer_list<const void*> lastThreads)
+    {
+        int name = 0;
+        for (const void* thread : lastThreads)
+            push(name++, thread);
+    }
+
     StreamLine line;
     std::vector<std::shared_ptr<StreamSequence>> streams;
     std::map<const StreamSequence*, int> names;
@@ -44,11 +53,7 @@ TEST(StreamLine, PrefersTheTakersStreamsWithinBoundsOfFairness)
 {
     {
         SCOPED_TRACE("a thread takes the first of its own streams near the front");
-        Line l;
-        l.push(0, &threadB);
-        l.push(1, &threadB);
-        l.push(2, &threadA);
-        l.push(3, &threadA);
+        Line l({&threadB, &threadB, &threadA, &threadA});
         EXPECT_EQ(l.take(&threadA), 2);
         EXPECT_EQ(l.take(&threadB), 0);
         EXPECT_EQ(l.take(&threadA), 3);
@@ -57,10 +62,7 @@ TEST(StreamLine, PrefersTheTakersStreamsWithinBoundsOfFairness)
     }
     {
         SCOPED_TRACE("a stream is passed over at most twice");
-        Line l;
-        l.push(0, &threadB);
-        for (int s = 1; s <= 4; ++s)
-            l.push(s, &threadA);
+        Line l({&threadB, &threadA, &threadA, &threadA, &threadA});
         EXPECT_EQ(l.take(&threadA), 1);
         EXPECT_EQ(l.take(&threadA), 2);
         EXPECT_EQ(l.take(&threadA), 0);  // its turn comes before thread a's own third
@@ -68,12 +70,7 @@ TEST(StreamLine, PrefersTheTakersStreamsWithinBoundsOfFairness)
     }
     {
         SCOPED_TRACE("streams passed over inside the window count too");
-        Line l;
-        l.push(0, &threadB);
-        l.push(1, &threadC);
-        l.push(2, &threadA);
-        l.push(3, &threadA);
-        l.push(4, &threadA);
+        Line l({&threadB, &threadC, &threadA, &threadA, &threadA});
         EXPECT_EQ(l.take(&threadA), 2);
         EXPECT_EQ(l.take(&threadB), 0);
         EXPECT_EQ(l.take(&threadA), 3);  // stream 1 passed over twice now
@@ -82,7 +79,7 @@ TEST(StreamLine, PrefersTheTakersStreamsWithinBoundsOfFairness)
     }
     {
         SCOPED_TRACE("no further than the window");
-        Line l;
+        Line l({});
         for (int s = 0; s < int(StreamLine::kWindow); ++s)
             l.push(s, &threadB);
         l.push(int(StreamLine::kWindow), &threadA);
@@ -90,18 +87,13 @@ TEST(StreamLine, PrefersTheTakersStreamsWithinBoundsOfFairness)
     }
     {
         SCOPED_TRACE("the stream that just ran goes behind the others");
-        Line l;
-        l.push(0, &threadB);
-        l.push(1, &threadA);  // back at the end after its image on thread a
+        Line l({&threadB, &threadA});  // stream 1: back at the end after its image on thread a
         EXPECT_EQ(l.take(&threadA, 1), 0);
         EXPECT_EQ(l.take(&threadA), 1);
     }
     {
         SCOPED_TRACE("streams no thread has run yet, and a removed stream");
-        Line l;
-        l.push(0, nullptr);
-        l.push(1, nullptr);
-        l.push(2, nullptr);
+        Line l({nullptr, nullptr, nullptr});
         l.line.remove(l.streams[1].get());
         EXPECT_EQ(l.line.size(), 2u);
         EXPECT_EQ(l.take(nullptr), 0);
