@@ -137,7 +137,7 @@ bool ConcurrentDecoderImpl::queueWork(const Image& image, bool drain)
     if (!drain)  // a client that repeats ids: the new image is answered
         droppedIds_.erase(std::remove(droppedIds_.begin(), droppedIds_.end(), image.id()), droppedIds_.end());
     accepted_.push_back({serial, image, drain});
-    if (sequence_->append({image, serial, drain})) {
+    if (sequence_->append({image, serial, drain, {}})) {
         startedAtOnce_ = serial;
         if (runningSerial_ == 0 && accepted_.front().serial == serial)
             markRunning(serial);

@@ -35,12 +35,13 @@ QSharedPointer<DecodeScheduler> DecodeScheduler::instance()
     return scheduler;
 }
 
-bool DecodeScheduler::request(const std::shared_ptr<StreamSequence>& sequence)
+bool DecodeScheduler::request(const std::shared_ptr<StreamSequence>& sequence,
+                              std::chrono::steady_clock::time_point since)
 {
     StreamLine::Entry entry;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        entry = {sequence, sequence->lastPoolThread, 0};
+        entry = {sequence, sequence->lastPoolThread, 0, since};
         if (held_ >= std::max(1, QThreadPool::globalInstance()->maxThreadCount())) {
             waiting_.push(std::move(entry));
             othersWaiting_.store(true, std::memory_order_relaxed);
@@ -52,25 +53,27 @@ bool DecodeScheduler::request(const std::shared_ptr<StreamSequence>& sequence)
     return true;
 }
 
-bool DecodeScheduler::finish(const std::shared_ptr<StreamSequence>& again)
+DecodeScheduler::Finished DecodeScheduler::finish(const std::shared_ptr<StreamSequence>& again,
+                                                  std::chrono::steady_clock::time_point againSince)
 {
     StreamLine::Entry next;
-    bool busy = false;
+    Finished out;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         const void* thread = currentThreadToken();
         if (again)
-            waiting_.push({again, thread, 0});
+            waiting_.push({again, thread, 0, againSince});
         if (!waiting_.empty())
             next = waiting_.take(thread, again.get());  // the permit passes on
         else
             --held_;
         othersWaiting_.store(!waiting_.empty(), std::memory_order_relaxed);
-        busy = next.sequence || !ready_.empty();
+        out.poolBusy = next.sequence || !ready_.empty();
+        out.nextSince = next.sequence ? next.since : ready_.oldest();
     }
     if (next.sequence)
         start(std::move(next));
-    return busy;
+    return out;
 }
 
 void DecodeScheduler::forget(const StreamSequence* sequence)

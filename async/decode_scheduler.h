@@ -12,6 +12,7 @@
 
 #include <QSharedPointer>
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <mutex>
 
@@ -24,13 +25,17 @@ public:
     // The one scheduler of the process, created on first use.
     static QSharedPointer<DecodeScheduler> instance();
 
-    // `sequence` wants to run: it starts on the pool now or when a permit frees. True when
-    // it got a permit at once.
-    bool request(const std::shared_ptr<StreamSequence>& sequence);
-    // A run gives its permit back; `again` (may be null) joins the end of the line first.
-    // True when granted work follows on the pool (the permit passed on, or another grant
-    // waits for a pool thread).
-    bool finish(const std::shared_ptr<StreamSequence>& again);
+    // `sequence` wants to run for an image queued at `since`: it starts on the pool now or
+    // when a permit frees. True when it got a permit at once.
+    bool request(const std::shared_ptr<StreamSequence>& sequence, std::chrono::steady_clock::time_point since);
+
+    struct Finished {
+        bool poolBusy = false;  // granted work follows (the permit passed on, or a grant waits)
+        std::chrono::steady_clock::time_point nextSince;  // when that work's image was queued
+    };
+    // A run gives its permit back; `again` (may be null) joins the end of the line first,
+    // for its image queued at `againSince`.
+    Finished finish(const std::shared_ptr<StreamSequence>& again, std::chrono::steady_clock::time_point againSince);
     // A closed sequence leaves the line.
     void forget(const StreamSequence* sequence);
     // True while a stream waits for a permit: a run then hands its permit over after its

@@ -24,6 +24,15 @@ StreamLine::Entry StreamLine::take(const void* thread, const StreamSequence* jus
     return entry;
 }
 
+std::chrono::steady_clock::time_point StreamLine::oldest() const
+{
+    std::chrono::steady_clock::time_point out;
+    for (const Entry& e : entries_)
+        if (out == std::chrono::steady_clock::time_point() || e.since < out)
+            out = e.since;
+    return out;
+}
+
 void StreamLine::remove(const StreamSequence* sequence)
 {
     entries_.erase(std::remove_if(entries_.begin(), entries_.end(),

@@ -10,6 +10,7 @@
 // is passed over more than kMaxPassedOver times.
 //
 // Not thread-safe: the scheduler's lock guards it.
+#include <chrono>
 #include <cstddef>
 #include <deque>
 #include <memory>
@@ -27,6 +28,8 @@ public:
         std::shared_ptr<StreamSequence> sequence;
         const void* lastThread = nullptr;  // the pool thread that ran it last, a hint
         int passedOver = 0;                // times a later stream went first
+        // When the image it waits to decode was queued: tells a later burst of work apart.
+        std::chrono::steady_clock::time_point since;
     };
 
     void push(Entry entry) { entries_.push_back(std::move(entry)); }
@@ -37,6 +40,8 @@ public:
     void remove(const StreamSequence* sequence);
 
     bool empty() const { return entries_.empty(); }
+    // The oldest image any entry waits for; the epoch of the clock when empty.
+    std::chrono::steady_clock::time_point oldest() const;
     size_t size() const { return entries_.size(); }
 
 private:

@@ -52,6 +52,8 @@ void StreamSequence::deliver()
 
 bool StreamSequence::append(SequenceWork work)
 {
+    work.queued = std::chrono::steady_clock::now();
+    const auto queued = work.queued;
     std::unique_lock<std::mutex> lock(mutex_);
     if (closed_)
         return false;
@@ -67,7 +69,7 @@ bool StreamSequence::append(SequenceWork work)
     lock.unlock();
     if (late)
         warnOwnerLate();
-    return DecodeScheduler::instance()->request(shared_from_this());
+    return DecodeScheduler::instance()->request(shared_from_this(), queued);
 }
 
 void StreamSequence::setEpoch(quint64 epoch)
@@ -207,8 +209,16 @@ void StreamSequence::run()
     std::unique_lock<std::mutex> lock(mutex_);
     bool late = false;
     // The owner to tell of new results, told with no lock held: a woken owner that found
-    // this sequence locked would only sleep again until the run let go.
+    // this sequence locked would only sleep again until the run let go. The wake-up is held
+    // back only while the pool goes on with work of the same burst (queued within
+    // kHoldLimit of the last result's image): the last picture of a burst, the one a wall
+    // waits for, is handed over at once even when the next burst is already queued (as
+    // when a burst of I-frames runs into the next due time).
     std::shared_ptr<OwnerWakeup> announce;
+    std::chrono::steady_clock::time_point lastQueued;  // of the image whose result came last
+    const auto sameBurst = [&lastQueued](std::chrono::steady_clock::time_point next) {
+        return next - lastQueued <= OwnerWakeup::kHoldLimit;
+    };
     state_ = State::Running;
     for (;;) {
         if (closed_ || inbox_.empty())
@@ -221,10 +231,14 @@ void StreamSequence::run()
         const int scale = scale_;
         const QSize outputSize = outputSize_;
         lock.unlock();
+        // This stream's next image follows at once: within a burst the owner may take both
+        // results together.
+        const bool burstGoesOn = lastQueued == std::chrono::steady_clock::time_point() || sameBurst(work.queued);
         if (announce) {
-            // This stream's next image follows at once: the owner may take both together.
-            announce->announce(weak_from_this(), true);
+            announce->announce(weak_from_this(), burstGoesOn);
             announce.reset();
+        } else if (!burstGoesOn) {
+            OwnerWakeup::releaseHeld();  // results of the ended burst wait in a held batch
         }
 
         // The decoder is this run's alone until the lock is taken again.
@@ -252,6 +266,7 @@ void StreamSequence::run()
         // and taken under one lock, so the owner learns with this result what runs now.
         const bool goOn = !closed_ && !inbox_.empty() && !scheduler->othersWaiting();
         result.nextSerial = goOn ? inbox_.front().serial : 0;
+        lastQueued = work.queued;
         if (post(std::move(result)))
             announce = wakeup_;
         late = ownerLateLocked() || late;
@@ -260,17 +275,19 @@ void StreamSequence::run()
             break;
     }
     const bool again = !closed_ && !inbox_.empty();
+    const auto againSince = again ? inbox_.front().queued : std::chrono::steady_clock::time_point();
     state_ = again ? State::Requested : State::Idle;
     changed_.notify_all();
     lock.unlock();
     if (late)
         warnOwnerLate();
-    const bool poolBusy = scheduler->finish(again ? shared_from_this() : nullptr);
-    // While the pool goes on with granted work, the owner's wake-up may wait for the rest of
-    // the burst; the run that ends the burst wakes every owner held back.
+    const DecodeScheduler::Finished finished = scheduler->finish(again ? shared_from_this() : nullptr, againSince);
+    // While the pool goes on with granted work of this burst, the owner's wake-up may wait
+    // for the rest of it; the run that ends the burst wakes every owner held back.
+    const bool burstGoesOn = finished.poolBusy && sameBurst(finished.nextSince);
     if (announce)
-        announce->announce(weak_from_this(), poolBusy);
-    if (!poolBusy)
+        announce->announce(weak_from_this(), burstGoesOn);
+    if (!burstGoesOn)
         OwnerWakeup::releaseHeld();
 }
 

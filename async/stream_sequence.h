@@ -33,6 +33,7 @@ struct SequenceWork {
     Image image;           // a drain carries none
     quint64 serial = 0;    // rising, given by the owner
     bool drain = false;
+    std::chrono::steady_clock::time_point queued;  // set by append
 };
 
 struct SequenceResult {
