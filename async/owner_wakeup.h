@@ -10,8 +10,9 @@
 // A pool thread that goes straight on to more granted work may hold a wake-up back (the
 // pictures of one burst are then handed over together), never longer than kHoldLimit: a
 // timer of the owner's own event loop ends the wait in time whatever the pool does. The run
-// that ends the burst (no granted work left) wakes every owner held back at once, so the
-// last picture of a burst, the one a wall waits for, is never held.
+// that ends the burst (no granted work left, or only work queued later than the hold limit
+// after its own) wakes every owner held back at once, so the last picture of a burst, the
+// one a wall waits for, is never held.
 //
 // Threads: forCurrentThread and release on the owner thread; announce and releaseHeld on
 // any thread.

@@ -9,6 +9,7 @@
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QEventLoop>
+#include <QThreadPool>
 #include <QTimer>
 #include <functional>
 #include <vector>
@@ -37,8 +38,16 @@ inline bool waitUntil(const std::function<bool()>& done, int timeoutMs = 30000)
 // after its last result is handed over).
 inline bool poolGoesIdle()
 {
+    // No permit held, no stream waiting, and no pool thread still inside a run: a run gives
+    // its permit back before it lets go of its stream, whose decoder (and a hardware device
+    // it holds) may go with that last reference.
     const auto scheduler = DecodeScheduler::instance();
-    return waitUntil([&] { return scheduler->inFlight() == 0 && scheduler->scheduledCount() == 0; }, 5000);
+    return waitUntil(
+        [&] {
+            return scheduler->inFlight() == 0 && scheduler->scheduledCount() == 0 &&
+                   QThreadPool::globalInstance()->activeThreadCount() == 0;
+        },
+        5000);
 }
 
 // Records what one decoder object emits.
