@@ -31,11 +31,11 @@ extern "C" {
 
 #include <algorithm>
 #include <atomic>
-#include <map>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <string>
 #include <thread>
@@ -49,6 +49,13 @@ using orvo::bench::processCpuSeconds;
 using orvo::bench::threadUse;
 using orvo::bench::threadUseOf;
 using orvo::bench::ThreadUse;
+using Clock = std::chrono::steady_clock;
+
+constexpr int kFps = 25;
+constexpr qint64 kFrameNs = 1000000000LL / kFps;
+constexpr int kWarmFrames = kFps;       // 1 s
+constexpr int kMeasuredFrames = 4 * kFps;  // 4 s
+constexpr int kFrames = kWarmFrames + kMeasuredFrames;
 
 // ORVO_PACED_THREADS=1 prints, for every round, where each side's CPU went thread by thread,
 // and once per row what the wall's own timer costs with nothing to decode.
@@ -57,13 +64,14 @@ bool breakdown()
     static const bool on = std::getenv("ORVO_PACED_THREADS") != nullptr;
     return on;
 }
-using Clock = std::chrono::steady_clock;
 
-constexpr int kFps = 25;
-constexpr qint64 kFrameNs = 1000000000LL / kFps;
-constexpr int kWarmFrames = kFps;       // 1 s
-constexpr int kMeasuredFrames = 4 * kFps;  // 4 s
-constexpr int kFrames = kWarmFrames + kMeasuredFrames;
+// Milliseconds from now on `clock` to image `next`'s due time (t0 at `startNs`): what the
+// wall's single-shot timer waits.
+int msUntilDue(const QElapsedTimer& clock, qint64 startNs, int next)
+{
+    const qint64 waitNs = startNs + next * kFrameNs - clock.nsecsElapsed();
+    return int(std::max<qint64>(0, waitNs / 1000000));
+}
 
 struct Config {
     const char* codec;  // "H.264" or "H.265"
@@ -103,7 +111,7 @@ Side runRaw(const Config& c, const std::vector<Packet>& packets)
     std::atomic<long> measured{0};
     std::vector<double> worst(2, 0);
     std::vector<Clock::time_point> lastFrame(2, t0);
-    std::vector<std::pair<std::map<int, ThreadUse>, std::map<int, ThreadUse>>> used(2);
+    std::vector<std::pair<ThreadUse, ThreadUse>> used(2);  // each thread's figures, from and to
     auto work = [&](int t) {
         pthread_setname_np(pthread_self(), "raw decode");  // apart from the owner in profiles
         std::vector<AVCodecContext*> decoders;
@@ -119,7 +127,7 @@ Side runRaw(const Config& c, const std::vector<Packet>& packets)
             const auto due = t0 + std::chrono::nanoseconds(kFrameNs * i);
             std::this_thread::sleep_until(due);
             if (i == kWarmFrames && breakdown())
-                used[size_t(t)].first[0] = threadUseOf("/proc/thread-self");
+                used[size_t(t)].first = threadUseOf("/proc/thread-self");
             const Packet& p = packets[size_t(i) % packets.size()];
             for (AVCodecContext* ctx : decoders) {
                 av_new_packet(pkt, int(p.data.size()));
@@ -138,7 +146,7 @@ Side runRaw(const Config& c, const std::vector<Packet>& packets)
             }
         }
         if (breakdown())  // read by the thread itself: an ended thread leaves /proc
-            used[size_t(t)].second[0] = threadUseOf("/proc/thread-self");
+            used[size_t(t)].second = threadUseOf("/proc/thread-self");
         av_frame_free(&frame);
         av_packet_free(&pkt);
         for (AVCodecContext* ctx : decoders)
@@ -152,8 +160,8 @@ Side runRaw(const Config& c, const std::vector<Packet>& packets)
     // Closing the decoders is not part of the measured work, but costs little next to 4 s.
     const double cpu = processCpuSeconds() - cpu0;
     if (breakdown()) {
-        printThreadUse("raw", used[0].first, used[0].second, measured);
-        printThreadUse("raw", used[1].first, used[1].second, measured);
+        for (const auto& [from, to] : used)
+            printThreadUse("raw", to.name, from, to, measured);
     }
     return {measured > 0 ? 1000 * cpu / double(measured) : 0, std::max(worst[0], worst[1])};
 }
@@ -209,10 +217,8 @@ Side runOurs(const Config& c, const std::vector<Packet>& packets)
         }
         for (int s = 0; s < c.streams; ++s)
             decoders[size_t(s)]->decode(images[size_t(s)][size_t(next)]);
-        if (++next < kFrames) {
-            const qint64 waitNs = startNs + next * kFrameNs - clock.nsecsElapsed();
-            timer.start(int(std::max<qint64>(0, waitNs / 1000000)));
-        }
+        if (++next < kFrames)
+            timer.start(msUntilDue(clock, startNs, next));
     });
     clock.start();
     timer.start(int(startNs / 1000000));
@@ -239,8 +245,7 @@ void printTimerOnly()
         if (next == kWarmFrames)
             before = threadUse();
         if (++next < kFrames) {
-            const qint64 waitNs = startNs + next * kFrameNs - clock.nsecsElapsed();
-            timer.start(int(std::max<qint64>(0, waitNs / 1000000)));
+            timer.start(msUntilDue(clock, startNs, next));
         } else {
             printThreadUse("timer only", before, threadUse(), kMeasuredFrames, "due time");
             loop.quit();

@@ -53,24 +53,28 @@ inline std::map<int, ThreadUse> threadUse()
     return out;
 }
 
-// One line per thread that ran between `before` and `after`, per unit of work.
+// One line for one thread's figures between `before` and `after`, per unit of work.
+inline void printThreadUse(const char* side, const std::string& label, const ThreadUse& before, const ThreadUse& after,
+                           long units, const char* unit = "picture")
+{
+    const double ms = units > 0 ? (after.runNs - before.runNs) / 1e6 / double(units) : 0;
+    if (ms < 0.001)
+        return;
+    std::printf("  %s %s: %.3f ms, %.2f voluntary, %.2f involuntary switches, %.2f migrations per %s\n", side,
+                label.c_str(), ms, double(after.voluntary - before.voluntary) / double(units),
+                double(after.involuntary - before.involuntary) / double(units),
+                double(after.migrations - before.migrations) / double(units), unit);
+}
+
+// One line per thread of the process that ran between `before` and `after` (threadUse()).
 inline void printThreadUse(const char* side, const std::map<int, ThreadUse>& before,
                            const std::map<int, ThreadUse>& after, long units, const char* unit = "picture")
 {
-    if (units <= 0)
-        return;
     const int self = int(getpid());
     for (const auto& [tid, a] : after) {
         const auto b = before.find(tid);
-        const ThreadUse zero;
-        const ThreadUse& u = b == before.end() ? zero : b->second;
-        const double ms = (a.runNs - u.runNs) / 1e6 / double(units);
-        if (ms < 0.001)
-            continue;
-        std::printf("  %s %s%s: %.3f ms, %.2f voluntary, %.2f involuntary switches, %.2f migrations per %s\n", side,
-                    a.name.c_str(), tid == self ? " (main)" : "", ms, double(a.voluntary - u.voluntary) / double(units),
-                    double(a.involuntary - u.involuntary) / double(units), double(a.migrations - u.migrations) / double(units),
-                    unit);
+        printThreadUse(side, a.name + (tid == self ? " (main)" : ""), b == before.end() ? ThreadUse() : b->second, a,
+                       units, unit);
     }
 }
 
