@@ -1,6 +1,7 @@
 #include "backends/hw_session.h"
 
 #include "backends/hw_failure_points.h"
+#include "frames/picture_fit.h"
 
 extern "C" {
 #include <libavutil/error.h>
@@ -10,6 +11,7 @@ extern "C" {
 }
 
 #include <cstdint>
+#include <new>
 
 namespace orvo::hw {
 namespace {
@@ -47,6 +49,9 @@ std::string streamText(const AVCodecContext* context)
 }
 
 }  // namespace
+
+std::atomic<long> Session::reduced_{0};
+std::atomic<bool> Session::reducing_{true};
 
 Session::Session(DeviceRef device, AVPixelFormat format)
     : device_(std::move(device)), hwFormat_(format), emulated_(!device_->context())
@@ -159,10 +164,24 @@ int Session::toSoftware(AVFrame* in, AVFrame* out, bool* useOut)
     else if (shouldFail(FailurePoint::MidStream)) {
         noteFailure(AVERROR_EXTERNAL, false);
         return AVERROR_EXTERNAL;
-    } else if (emulated_)
+    } else if (emulated_) {
         ret = emulatedDownload(in, out);
-    else
-        ret = download(in, out);
+        // The emulated engine's picture is in memory: reduced after its "download".
+        const bool uncut = !in->crop_left && !in->crop_top && !out->crop_left && !out->crop_top;
+        const QSize size = ret < 0 || !uncut ? QSize() : reduction(out);
+        AVFrame* small = size.isValid() ? av_frame_alloc() : nullptr;
+        if (small && reduce(out, size, small) >= 0) {
+            av_frame_unref(out);
+            av_frame_move_ref(out, small);
+        }
+        av_frame_free(&small);
+    } else {
+        // Cut at the left or top: the cut is made after the download, so in software.
+        const QSize size = in->crop_left || in->crop_top ? QSize() : reduction(in);
+        AVFrame* small = size.isValid() ? av_frame_alloc() : nullptr;
+        ret = small && reduce(in, size, small) >= 0 ? download(small, out) : download(in, out);
+        av_frame_free(&small);
+    }
     if (ret < 0) {
         av_frame_unref(out);
         noteFailure(ret, true);
@@ -219,6 +238,41 @@ int Session::download(const AVFrame* in, AVFrame* out)
     out->width = in->width;
     out->height = in->height;
     return av_frame_copy_props(out, in);
+}
+
+QSize Session::reduction(const AVFrame* picture)
+{
+    if (!bound_.isValid() || scalerFailed_ || !reducing_.load(std::memory_order_relaxed))
+        return {};
+    const QSize size = reducedSize(QSize(picture->width, picture->height), bound_);
+    // NV12 carries chroma per pair of samples: odd sizes are fitted in software.
+    if (!size.isValid() || size.width() % 2 || size.height() % 2)
+        return {};
+    if (!scaler_) {
+        const AVHWDeviceType type = emulated_ ? AV_HWDEVICE_TYPE_NONE : device_->type();
+        std::string error;
+        if (!Scaler::available(type, &error)) {
+            scalerFailed_ = true;
+            return {};
+        }
+        scaler_.reset(new (std::nothrow) Scaler(type));
+        if (!scaler_)
+            return {};
+    }
+    return size;
+}
+
+int Session::reduce(const AVFrame* picture, const QSize& size, AVFrame* out)
+{
+    const int ret = scaler_->scale(picture, size.width(), size.height(), out);
+    if (ret < 0) {
+        // Not a failure of the engine: the picture is still there, and is downloaded in full.
+        scalerFailed_ = true;
+        scaler_.reset();
+        return ret;
+    }
+    reduced_.fetch_add(1, std::memory_order_relaxed);
+    return 0;
 }
 
 int Session::emulatedDownload(const AVFrame* in, AVFrame* out)

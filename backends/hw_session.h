@@ -17,12 +17,17 @@
 //
 // One session per codec context, used from the thread that decodes.
 #include "backends/hw_device.h"
+#include "backends/hw_scaler.h"
+
+#include <QSize>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libswscale/swscale.h>
 }
 
+#include <atomic>
+#include <memory>
 #include <string>
 
 namespace orvo::hw {
@@ -51,6 +56,15 @@ public:
     // decoding fails) rather than software pictures.
     void setRequired(bool on) { required_ = on; }
 
+    // The client's largest output size (invalid: none). Larger pictures are reduced on the
+    // engine before their download where its scaling filter is there (hw::Scaler), to the
+    // size the software fit gives (reducedSize); the others are downloaded in full.
+    void setOutputBound(const QSize& bound) { bound_ = bound; }
+    // Pictures reduced on an engine so far, process-wide, and whether engines may reduce at
+    // all (tests and benchmarks compare with the software fit).
+    static long reducedPictures() { return reduced_.load(std::memory_order_relaxed); }
+    static void setReducing(bool on) { reducing_.store(on, std::memory_order_relaxed); }
+
     // A frame as the decoder gave it, as the software picture to hand on: `out` receives the
     // downloaded picture of a hardware frame (and *useOut is true), a software frame stays in
     // `in`. Negative: an error (the picture is lost; noteFailure was called).
@@ -77,6 +91,12 @@ private:
     void leave(const std::string& reason);
     int download(const AVFrame* in, AVFrame* out);
     int emulatedDownload(const AVFrame* in, AVFrame* out);
+    // The size `picture` (uncropped at its left and top) is reduced to on the engine; invalid
+    // where it is downloaded as it is.
+    QSize reduction(const AVFrame* picture);
+    // `picture` reduced to `size` into `out`; negative: not reduced (scaling on this session
+    // stops: the picture is downloaded in full, as every later one).
+    int reduce(const AVFrame* picture, const QSize& size, AVFrame* out);
     // Refers `out` to the session's download picture, (re)allocated only when its format or
     // size changes or a frame still holds it.
     int stagingPicture(AVPixelFormat format, int width, int height, AVFrame* out);
@@ -98,6 +118,11 @@ private:
     const void* downloadFrames_ = nullptr;
     AVPixelFormat downloadSwFormat_ = AV_PIX_FMT_NONE;
     AVPixelFormat downloadFormat_ = AV_PIX_FMT_NONE;
+    QSize bound_;
+    std::unique_ptr<Scaler> scaler_;
+    bool scalerFailed_ = false;  // no filter for the engine, or it failed once
+    static std::atomic<long> reduced_;
+    static std::atomic<bool> reducing_;
 };
 
 }  // namespace orvo::hw

@@ -14,6 +14,7 @@
 #include "orvo/concurrent_decoder.h"
 #include "orvo/decoder.h"
 #include "orvo/decoder_preferences.h"
+#include "orvo/hardware_testing.h"
 #include "orvo/image.h"
 
 #include <QCoreApplication>
@@ -114,7 +115,7 @@ long pageFaults()
 
 // --- through the library ----------------------------------------------------------------
 
-RunResult runOurs(const Codec& codec, int streams, orvo::HardwareDecoding mode)
+RunResult runOurs(const Codec& codec, int streams, orvo::HardwareDecoding mode, const QSize& bound = {})
 {
     orvo::DecoderPreferences::instance()->setHardwareDecoding(mode);  // read as each decoder is made
     const auto& packets = clip(codec);
@@ -133,6 +134,7 @@ RunResult runOurs(const Codec& codec, int streams, orvo::HardwareDecoding mode)
     QEventLoop loop;
     for (int s = 0; s < streams; ++s) {
         decoders.push_back(std::make_unique<orvo::ConcurrentDecoder>());
+        decoders.back()->setMaxOutputSize(bound);
         QObject::connect(decoders.back().get(), &orvo::DecoderInterfaceSignals::frameDecoded, &loop,
                          [&](const orvo::VideoFrame&) {
                              ++total;
@@ -294,6 +296,44 @@ BENCHMARK(BM_Hardware)
     ->UseRealTime()
     ->Iterations(1);
 
+// Tiles: 1080p shown at 480x270, reduced on the GPU before the download against downloaded in
+// full and fitted in software on the decoding thread (as before the engine could reduce).
+const QSize kTile(480, 270);
+std::map<std::pair<int, int>, std::pair<std::vector<RunResult>, std::vector<RunResult>>> tiles;
+
+void BM_HardwareTiles(benchmark::State& state)
+{
+    const int codecIndex = int(state.range(0));
+    const int n = int(state.range(1));
+    const Codec& codec = kCodecs[codecIndex];
+    if (clip(codec).empty()) {
+        state.SkipWithError("no test clip (ffmpeg failed)");
+        return;
+    }
+    auto& [reduced, fitted] = tiles[{codecIndex, n}];
+    for (auto _ : state) {
+        orvo::bench::interleave(
+            orvo::bench::rounds(),
+            [&] {
+                orvo::setHardwareReducingForTesting(true);
+                reduced.push_back(runOurs(codec, n, orvo::HardwareDecoding::Auto, kTile));
+                return reduced.back().fps;
+            },
+            [&] {
+                orvo::setHardwareReducingForTesting(false);
+                fitted.push_back(runOurs(codec, n, orvo::HardwareDecoding::Auto, kTile));
+                orvo::setHardwareReducingForTesting(true);
+                return fitted.back().fps;
+            });
+    }
+}
+
+BENCHMARK(BM_HardwareTiles)
+    ->ArgsProduct({{0, 1}, {1, 16}})
+    ->Unit(benchmark::kSecond)
+    ->UseRealTime()
+    ->Iterations(1);
+
 // Pictures per CPU second, per round: ratios of it are inverse ratios of CPU per picture.
 double perCpuSecond(const RunResult& r) { return r.cpuMsPerPicture > 0 ? 1000 / r.cpuMsPerPicture : 0; }
 
@@ -319,7 +359,10 @@ int main(int argc, char** argv)
         std::printf("no GPU device: FFmpeg knows no device type '%s'\n", deviceType().c_str());
         return 0;
     }
-    if (!openRawDevice()) {
+    // ORVO_GPU_EMULATE=1: a dry run over the emulated engine (the raw loop has no device then).
+    const bool emulated = !qEnvironmentVariableIsEmpty("ORVO_GPU_EMULATE");
+    orvo::setEmulatedHardwareForTesting(emulated);
+    if (!emulated && !openRawDevice()) {
         std::printf("no GPU device: no %s device opens\n", deviceType().c_str());
         return 0;
     }
@@ -371,6 +414,25 @@ int main(int argc, char** argv)
         const bool goalSw = codec.code == 'h' && (n == 1 || n == 16);
         orvo::bench::report(what + " hw pictures/CPU-s vs software", cpuSoftware, "pic/cpu-s", goalSw ? ">= 4.00" : "-");
         orvo::bench::report(what + " hw fps vs software", fpsSoftware, "fps", "-");
+    }
+    for (const auto& [key, runs] : tiles) {
+        const Codec& codec = kCodecs[key.first];
+        const int n = key.second;
+        orvo::bench::Comparison cpu, fps;
+        for (size_t i = 0; i < runs.first.size() && i < runs.second.size(); ++i) {
+            cpu.ours.push_back(perCpuSecond(runs.first[i]));
+            cpu.baseline.push_back(perCpuSecond(runs.second[i]));
+            fps.ours.push_back(runs.first[i].fps);
+            fps.baseline.push_back(runs.second[i].fps);
+        }
+        std::printf("%s N=%2d shown at %dx%d  CPU per picture reduced on the GPU %.3f ms, downloaded in full and "
+                    "fitted %.3f ms  fps %.1f / %.1f\n",
+                    codec.name, n, kTile.width(), kTile.height(), 1000 / orvo::bench::median(cpu.ours),
+                    1000 / orvo::bench::median(cpu.baseline), orvo::bench::median(fps.ours),
+                    orvo::bench::median(fps.baseline));
+        const std::string what = std::string("pooled 1080p ") + codec.name + " N=" + std::to_string(n) + " at 480x270";
+        orvo::bench::report(what + " GPU-reduced pictures/CPU-s vs full download + fit", cpu, "pic/cpu-s", "-");
+        orvo::bench::report(what + " GPU-reduced fps vs full download + fit", fps, "fps", "-");
     }
     av_buffer_unref(&g_device);
     benchmark::Shutdown();

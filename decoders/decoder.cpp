@@ -2,6 +2,7 @@
 
 #include "decoders/format_table.h"
 #include "decoders/frame_stamp.h"
+#include "frames/picture_fit.h"
 #include "orvo/decoder_av.h"
 #include "orvo/decoder_h264.h"
 #include "orvo/decoder_jpeg.h"
@@ -231,16 +232,9 @@ void Decoder::fitToOutputSize(orvo::VideoFrame& frame) const
         return;
     // Fitted as shown: a picture marked with a display scale (wavelet fields, lines doubled)
     // keeps its mark and its proportions.
-    const int sx = std::max<int>(1, frame.getScaleX()), sy = std::max<int>(1, frame.getScaleY());
-    const QSize size(frame.width(), frame.height());
-    const QSize shown(size.width() * sx, size.height() * sy);
-    if (shown.width() <= maxOutputSize_.width() && shown.height() <= maxOutputSize_.height())
-        return;
-    const QSize fitted = shown.scaled(maxOutputSize_, Qt::KeepAspectRatio);
-    const QSize target = QSize(fitted.width() / sx, fitted.height() / sy).expandedTo(QSize(2, 2));
-    // swscale cannot reduce by much more than 16 in one pass (it fails, or worse, on tiny
-    // targets): such pictures go out at their own size.
-    if (target.width() * 16 < size.width() || target.height() * 16 < size.height())
+    const QSize target = reducedSize(QSize(frame.width(), frame.height()), maxOutputSize_, frame.getScaleX(),
+                                     frame.getScaleY());
+    if (!target.isValid())
         return;
     // Scaled once here, on the thread that decodes (a pool thread for pooled decoders),
     // so that the owner thread and the client handle a picture of the size shown.

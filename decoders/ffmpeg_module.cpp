@@ -368,6 +368,7 @@ void FFmpegModule::State::followEngine()
     hw::Session* session = loop ? loop->hardware() : nullptr;
     if (!session || path.engine != DecodingPath::Engine::Hardware)
         return;
+    session->setOutputBound(maxSize);  // the engine reduces pictures before their download
     session->checkDevice();  // another stream may have found the device lost
     if (session->onEngine())
         return;

@@ -2,6 +2,7 @@
 
 #include "backends/hw_device.h"
 #include "backends/hw_failure_points.h"
+#include "backends/hw_session.h"
 #include "decoders/hardware_path.h"
 
 namespace orvo {
@@ -16,6 +17,10 @@ void setEmulatedHardwareForTesting(bool on) { hw::setEmulated(on); }
 int openHardwareDevicesForTesting() { return hw::openDevices(); }
 
 long hardwareDeviceUsersForTesting(const char* type) { return hw::deviceUsers(type ? type : "", ""); }
+
+long hardwareReducedPicturesForTesting() { return hw::Session::reducedPictures(); }
+
+void setHardwareReducingForTesting(bool on) { hw::Session::setReducing(on); }
 
 void resetHardwareStateForTesting()
 {

@@ -24,6 +24,11 @@ ORVO_EXPORT void setEmulatedHardwareForTesting(bool on);
 ORVO_EXPORT int openHardwareDevicesForTesting();
 // Streams holding the device of `type` (FFmpeg's spelling, default device) now.
 ORVO_EXPORT long hardwareDeviceUsersForTesting(const char* type);
+// Pictures reduced on an engine (before their download) for a client's largest output size,
+// process-wide, and whether engines may reduce them: off, they are downloaded in full and
+// fitted in software (the comparison of benchmarks). On by default.
+ORVO_EXPORT long hardwareReducedPicturesForTesting();
+ORVO_EXPORT void setHardwareReducingForTesting(bool on);
 // Clears every injected failure, the memory of lost or unopened devices (so they are tried
 // at once) and of the causes already logged.
 ORVO_EXPORT void resetHardwareStateForTesting();

@@ -7,6 +7,8 @@
 #   tests/gpu/run_gpu.sh [BUILD]
 # then, on the GPU machine, with .device/ taken along with the checkout (git ignores it, so it
 # must be copied explicitly):
+#   mkdir -p /tmp/device-libs && tar -xJf .device/libs.tar.xz -C /tmp/device-libs &&
+#     tar -xJf .device/filters.tar.xz -C /tmp/device-libs
 #   ORVO_TEST_DATA=. bash .device/run.sh test_hardware --gtest_filter='HardwareGpu*'
 #   bash .device/run.sh bench_hardware
 # Without a device the tests skip with the reason and the benchmark prints "no GPU device".
@@ -25,6 +27,11 @@ ORVO_TEST_DATA="$stage" ORVO_GPU_PREPARE=1 QT_QPA_PLATFORM=offscreen \
 "$build/bench/bench_hardware" --make_clips
 cp "$build"/bench/bench_hardware_data/hw_bench_1080p.* "$stage/"
 ../shared/tools/device-bundle.sh "$build/tests/test_hardware" "$build/bench/bench_hardware" "$stage"/*
+# GPU scaling opens FFmpeg's filter library at run time: packed apart, its other filters'
+# libraries stubbed (see pack_filters.py).
+tests/gpu/pack_filters.py .device
+du -sh .device
 echo "on the GPU machine:"
+echo "  mkdir -p /tmp/device-libs && tar -xJf .device/libs.tar.xz -C /tmp/device-libs && tar -xJf .device/filters.tar.xz -C /tmp/device-libs"
 echo "  ORVO_TEST_DATA=. bash .device/run.sh test_hardware --gtest_filter='HardwareGpu*'"
 echo "  bash .device/run.sh bench_hardware"

@@ -1,5 +1,7 @@
 #include "hardware/hardware_support.h"
 
+#include <cmath>
+
 namespace orvo::test {
 
 HardwareGuard::HardwareGuard()
@@ -145,6 +147,7 @@ void decodeAll(Decoder& decoder, const std::vector<Image>& images, Answers& a,
 {
     auto picture = [&](const VideoFrame& f) {
         a.pictures[f.id()] = packYuv420p(f);
+        a.sizes[f.id()] = QSize(f.width(), f.height());
         a.inOrder.push_back(a.pictures[f.id()]);
         a.damaged[f.id()] = f.isDamaged();
         ++a.answerCount[f.id()];
@@ -179,20 +182,21 @@ void decodeAll(Decoder& decoder, const std::vector<Image>& images, Answers& a,
     ended();
 }
 
-Answers decodeAll(const std::vector<Image>& images, const std::function<void(size_t)>& before)
+Answers decodeAll(const std::vector<Image>& images, const std::function<void(size_t)>& before, const QSize& bound)
 {
     Answers a;
     Decoder decoder;
+    decoder.setMaxOutputSize(bound);
     decodeAll(decoder, images, a, before);
     return a;
 }
 
-Answers softwareDecode(const std::vector<Image>& images)
+Answers softwareDecode(const std::vector<Image>& images, const QSize& bound)
 {
     DecoderPreferences* prefs = DecoderPreferences::instance();
     const HardwareDecoding mode = prefs->hardwareDecoding();
     prefs->setHardwareDecoding(HardwareDecoding::Off);
-    Answers a = decodeAll(images);
+    Answers a = decodeAll(images, {}, bound);
     prefs->setHardwareDecoding(mode);
     return a;
 }
@@ -204,6 +208,18 @@ void expectEachAnsweredOnce(const std::vector<Image>& images, const Answers& ans
         EXPECT_EQ(it == answers.answerCount.end() ? 0 : it->second, 1) << "image " << image.id();
     }
     EXPECT_EQ(answers.answerCount.size(), images.size());
+}
+
+double psnr(const QByteArray& a, const QByteArray& b)
+{
+    if (a.size() != b.size() || a.isEmpty())
+        return 0;
+    double squares = 0;
+    for (int i = 0; i < a.size(); ++i) {
+        const int d = quint8(a[i]) - quint8(b[i]);
+        squares += d * d;
+    }
+    return squares == 0 ? 99 : 10 * std::log10(255.0 * 255.0 * a.size() / squares);
 }
 
 }  // namespace orvo::test

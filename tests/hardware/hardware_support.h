@@ -7,6 +7,7 @@
 #include "orvo/hardware_testing.h"
 #include "orvo/log.h"
 
+#include <QSize>
 #include <QStringList>
 #include <functional>
 #include <ostream>
@@ -65,6 +66,7 @@ QStringList hwClipNames(bool gpu = false);
 // How a run through one Decoder answered the images.
 struct Answers {
     std::map<quint64, QByteArray> pictures;  // packed yuv420p by image id
+    std::map<quint64, QSize> sizes;          // their sizes
     std::vector<QByteArray> inOrder;         // the same, in output order
     std::map<quint64, bool> damaged;
     std::map<quint64, QString> errors;       // failed or ended without a picture, with the reason
@@ -76,9 +78,14 @@ struct Answers {
 // image i.
 void decodeAll(Decoder& decoder, const std::vector<Image>& images, Answers& answers,
                const std::function<void(size_t)>& before = {}, bool drain = true);
-Answers decodeAll(const std::vector<Image>& images, const std::function<void(size_t)>& before = {});
+// `bound`: the decoder's largest output size.
+Answers decodeAll(const std::vector<Image>& images, const std::function<void(size_t)>& before = {},
+                  const QSize& bound = {});
 // The same images decoded in software only (the preferences are restored after).
-Answers softwareDecode(const std::vector<Image>& images);
+Answers softwareDecode(const std::vector<Image>& images, const QSize& bound = {});
+// Peak signal-to-noise ratio of two pictures of the same size, in dB (99 where equal, 0
+// where the sizes differ).
+double psnr(const QByteArray& a, const QByteArray& b);
 // Adds a failure for every image of `images` not answered exactly once.
 void expectEachAnsweredOnce(const std::vector<Image>& images, const Answers& answers);
 
