@@ -1,5 +1,6 @@
 #include "backends/hw_session.h"
 
+#include "backends/host_pinning.h"
 #include "backends/hw_failure_points.h"
 #include "frames/picture_fit.h"
 
@@ -61,6 +62,14 @@ Session::Session(DeviceRef device, AVPixelFormat format)
 Session::~Session()
 {
     sws_freeContext(emulation_);
+    freeStaging();
+}
+
+void Session::freeStaging()
+{
+    if (pinned_)
+        unpinForCuda(device_->context(), pinned_);
+    pinned_ = nullptr;
     av_frame_free(&staging_);
 }
 
@@ -201,7 +210,7 @@ int Session::stagingPicture(AVPixelFormat format, int width, int height, AVFrame
     const bool fits = staging_ && staging_->format == format && staging_->width == width &&
                       staging_->height == height && av_buffer_is_writable(staging_->buf[0]);
     if (!fits) {
-        av_frame_free(&staging_);
+        freeStaging();
         if (!(staging_ = av_frame_alloc()))
             return AVERROR(ENOMEM);
         staging_->format = format;
@@ -212,6 +221,11 @@ int Session::stagingPicture(AVPixelFormat format, int width, int height, AVFrame
             av_frame_free(&staging_);
             return ret;
         }
+        // One buffer holds every plane: pinned once, the engine writes each picture into it.
+        AVBufferRef* buffer = staging_->buf[0];
+        if (!emulated_ && pinning() && !staging_->buf[1] &&
+            pinForCuda(device_->context(), buffer->data, buffer->size))
+            pinned_ = buffer->data;
     }
     return av_frame_ref(out, staging_);
 }

@@ -100,6 +100,7 @@ private:
     // Refers `out` to the session's download picture, (re)allocated only when its format or
     // size changes or a frame still holds it.
     int stagingPicture(AVPixelFormat format, int width, int height, AVFrame* out);
+    void freeStaging();
     void applyCropping(AVFrame* nv12) const;
 
     DeviceRef device_;
@@ -114,6 +115,7 @@ private:
     std::string reason_;
     SwsContext* emulation_ = nullptr;
     AVFrame* staging_ = nullptr;
+    void* pinned_ = nullptr;  // staging_'s memory, page-locked for the device
     // The engine's picture pool (and its format) that downloadFormat_ was chosen for.
     const void* downloadFrames_ = nullptr;
     AVPixelFormat downloadSwFormat_ = AV_PIX_FMT_NONE;

@@ -40,6 +40,7 @@ extern "C" {
 #include <memory>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -296,40 +297,54 @@ BENCHMARK(BM_Hardware)
     ->UseRealTime()
     ->Iterations(1);
 
-// Tiles: 1080p shown at 480x270, reduced on the GPU before the download against downloaded in
-// full and fitted in software on the decoding thread (as before the engine could reduce).
+// One setting of the hardware path on and off, in interleaved rounds of the same pooled run:
+// "tiles" (1080p shown at 480x270: reduced on the GPU before the download, against downloaded
+// in full and fitted in software on the decoding thread) and "pinned" (full pictures
+// downloaded into page-locked memory, against ordinary memory).
 const QSize kTile(480, 270);
-std::map<std::pair<int, int>, std::pair<std::vector<RunResult>, std::vector<RunResult>>> tiles;
+struct Toggle {
+    const char* name;
+    const char* on;
+    const char* off;
+    void (*set)(bool);
+    QSize bound;
+};
+const Toggle kToggles[] = {
+    {"tiles", "reduced on the GPU", "downloaded in full and fitted", orvo::setHardwareReducingForTesting, kTile},
+    {"pinned", "pinned", "pageable", orvo::setHardwarePinningForTesting, QSize()},
+};
+// (toggle, codec index, N) -> runs with the setting on, off
+std::map<std::tuple<int, int, int>, std::pair<std::vector<RunResult>, std::vector<RunResult>>> toggled;
 
-void BM_HardwareTiles(benchmark::State& state)
+void BM_HardwareToggle(benchmark::State& state)
 {
-    const int codecIndex = int(state.range(0));
-    const int n = int(state.range(1));
+    const Toggle& toggle = kToggles[state.range(0)];
+    const int codecIndex = int(state.range(1));
+    const int n = int(state.range(2));
     const Codec& codec = kCodecs[codecIndex];
     if (clip(codec).empty()) {
         state.SkipWithError("no test clip (ffmpeg failed)");
         return;
     }
-    auto& [reduced, fitted] = tiles[{codecIndex, n}];
+    auto& [on, off] = toggled[{int(state.range(0)), codecIndex, n}];
     for (auto _ : state) {
         orvo::bench::interleave(
             orvo::bench::rounds(),
             [&] {
-                orvo::setHardwareReducingForTesting(true);
-                reduced.push_back(runOurs(codec, n, orvo::HardwareDecoding::Auto, kTile));
-                return reduced.back().fps;
+                on.push_back(runOurs(codec, n, orvo::HardwareDecoding::Auto, toggle.bound));
+                return on.back().fps;
             },
             [&] {
-                orvo::setHardwareReducingForTesting(false);
-                fitted.push_back(runOurs(codec, n, orvo::HardwareDecoding::Auto, kTile));
-                orvo::setHardwareReducingForTesting(true);
-                return fitted.back().fps;
+                toggle.set(false);
+                off.push_back(runOurs(codec, n, orvo::HardwareDecoding::Auto, toggle.bound));
+                toggle.set(true);
+                return off.back().fps;
             });
     }
 }
 
-BENCHMARK(BM_HardwareTiles)
-    ->ArgsProduct({{0, 1}, {1, 16}})
+BENCHMARK(BM_HardwareToggle)
+    ->ArgsProduct({{0, 1}, {0, 1}, {1, 16}})
     ->Unit(benchmark::kSecond)
     ->UseRealTime()
     ->Iterations(1);
@@ -415,9 +430,10 @@ int main(int argc, char** argv)
         orvo::bench::report(what + " hw pictures/CPU-s vs software", cpuSoftware, "pic/cpu-s", goalSw ? ">= 4.00" : "-");
         orvo::bench::report(what + " hw fps vs software", fpsSoftware, "fps", "-");
     }
-    for (const auto& [key, runs] : tiles) {
-        const Codec& codec = kCodecs[key.first];
-        const int n = key.second;
+    for (const auto& [key, runs] : toggled) {
+        const Toggle& toggle = kToggles[std::get<0>(key)];
+        const Codec& codec = kCodecs[std::get<1>(key)];
+        const int n = std::get<2>(key);
         orvo::bench::Comparison cpu, fps;
         for (size_t i = 0; i < runs.first.size() && i < runs.second.size(); ++i) {
             cpu.ours.push_back(perCpuSecond(runs.first[i]));
@@ -425,14 +441,14 @@ int main(int argc, char** argv)
             fps.ours.push_back(runs.first[i].fps);
             fps.baseline.push_back(runs.second[i].fps);
         }
-        std::printf("%s N=%2d shown at %dx%d  CPU per picture reduced on the GPU %.3f ms, downloaded in full and "
-                    "fitted %.3f ms  fps %.1f / %.1f\n",
-                    codec.name, n, kTile.width(), kTile.height(), 1000 / orvo::bench::median(cpu.ours),
+        std::printf("%s N=%2d %s  CPU per picture %s %.3f ms, %s %.3f ms  fps %.1f / %.1f\n", codec.name, n,
+                    toggle.name, toggle.on, 1000 / orvo::bench::median(cpu.ours), toggle.off,
                     1000 / orvo::bench::median(cpu.baseline), orvo::bench::median(fps.ours),
                     orvo::bench::median(fps.baseline));
-        const std::string what = std::string("pooled 1080p ") + codec.name + " N=" + std::to_string(n) + " at 480x270";
-        orvo::bench::report(what + " GPU-reduced pictures/CPU-s vs full download + fit", cpu, "pic/cpu-s", "-");
-        orvo::bench::report(what + " GPU-reduced fps vs full download + fit", fps, "fps", "-");
+        const std::string what = std::string("pooled 1080p ") + codec.name + " N=" + std::to_string(n) + " " +
+                                 toggle.on + " vs " + toggle.off;
+        orvo::bench::report(what + " pictures/CPU-s", cpu, "pic/cpu-s", "-");
+        orvo::bench::report(what + " fps", fps, "fps", "-");
     }
     av_buffer_unref(&g_device);
     benchmark::Shutdown();

@@ -1,5 +1,6 @@
 #include "orvo/hardware_testing.h"
 
+#include "backends/host_pinning.h"
 #include "backends/hw_device.h"
 #include "backends/hw_failure_points.h"
 #include "backends/hw_session.h"
@@ -21,6 +22,8 @@ long hardwareDeviceUsersForTesting(const char* type) { return hw::deviceUsers(ty
 long hardwareReducedPicturesForTesting() { return hw::Session::reducedPictures(); }
 
 void setHardwareReducingForTesting(bool on) { hw::Session::setReducing(on); }
+
+void setHardwarePinningForTesting(bool on) { hw::setPinning(on); }
 
 void resetHardwareStateForTesting()
 {

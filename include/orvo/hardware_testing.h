@@ -29,6 +29,9 @@ ORVO_EXPORT long hardwareDeviceUsersForTesting(const char* type);
 // fitted in software (the comparison of benchmarks). On by default.
 ORVO_EXPORT long hardwareReducedPicturesForTesting();
 ORVO_EXPORT void setHardwareReducingForTesting(bool on);
+// Whether CUDA downloads go into page-locked memory (benchmarks compare with ordinary
+// memory). On by default.
+ORVO_EXPORT void setHardwarePinningForTesting(bool on);
 // Clears every injected failure, the memory of lost or unopened devices (so they are tried
 // at once) and of the causes already logged.
 ORVO_EXPORT void resetHardwareStateForTesting();
