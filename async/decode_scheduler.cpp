@@ -5,6 +5,8 @@
 #include <QRunnable>
 #include <QThreadPool>
 #include <algorithm>
+#include <pthread.h>
+#include <sched.h>
 
 namespace orvo {
 
@@ -15,6 +17,26 @@ const void* currentThreadToken()
 {
     static thread_local char token;
     return &token;
+}
+
+// A pool thread that decodes becomes a batch thread (Linux's SCHED_BATCH: the same share of
+// the CPU, the same nice value), once: woken for a picture, it no longer preempts the thread
+// that woke it. That is the owner (a GUI thread, or a wall's timer), which would otherwise
+// stop halfway through handing out a due time's images and preempt the decoder in turn to
+// finish: on two cores, 2 to 3 % of a one-stream wall's CPU and 0.5 % at 16 and 64 streams.
+// Threads the client gave another policy (real-time, idle) keep it.
+void markAsBatchThread()
+{
+#ifdef SCHED_BATCH
+    thread_local bool marked = false;
+    if (marked)
+        return;
+    marked = true;
+    int policy = 0;
+    sched_param param{};
+    if (pthread_getschedparam(pthread_self(), &policy, &param) == 0 && policy == SCHED_OTHER)
+        pthread_setschedparam(pthread_self(), SCHED_BATCH, &param);
+#endif
 }
 
 // What the pool runs: one object, started once per grant, that carries nothing. The
@@ -95,6 +117,7 @@ void DecodeScheduler::start(StreamLine::Entry entry)
 
 void PoolEntry::runNext()
 {
+    markAsBatchThread();
     DecodeScheduler::instance()->runReady();
 }
 
