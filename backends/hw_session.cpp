@@ -267,6 +267,7 @@ QSize Session::reduction(const AVFrame* picture)
         std::string error;
         if (!Scaler::available(type, &error)) {
             scalerFailed_ = true;
+            scalingIssue_ = error;
             return {};
         }
         scaler_.reset(new (std::nothrow) Scaler(type));
@@ -282,6 +283,7 @@ int Session::reduce(const AVFrame* picture, const QSize& size, AVFrame* out)
     if (ret < 0) {
         // Not a failure of the engine: the picture is still there, and is downloaded in full.
         scalerFailed_ = true;
+        scalingIssue_ = "its scaling filter failed (" + errorText(ret) + ")";
         scaler_.reset();
         return ret;
     }

@@ -62,6 +62,9 @@ public:
     void setOutputBound(const QSize& bound) { bound_ = bound; }
     // Pictures reduced on an engine so far, process-wide, and whether engines may reduce at
     // all (tests and benchmarks compare with the software fit).
+    // Why pictures are no longer reduced on the engine (no filter for it, the filter library
+    // missing, or its graph failed), once; empty otherwise.
+    std::string takeScalingIssue() { return std::move(scalingIssue_); }
     static long reducedPictures() { return reduced_.load(std::memory_order_relaxed); }
     static void setReducing(bool on) { reducing_.store(on, std::memory_order_relaxed); }
 
@@ -123,6 +126,7 @@ private:
     QSize bound_;
     std::unique_ptr<Scaler> scaler_;
     bool scalerFailed_ = false;  // no filter for the engine, or it failed once
+    std::string scalingIssue_;
     static std::atomic<long> reduced_;
     static std::atomic<bool> reducing_;
 };

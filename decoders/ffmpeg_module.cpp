@@ -369,6 +369,10 @@ void FFmpegModule::State::followEngine()
     if (!session || path.engine != DecodingPath::Engine::Hardware)
         return;
     session->setOutputBound(maxSize);  // the engine reduces pictures before their download
+    const std::string scaling = session->takeScalingIssue();
+    if (!scaling.empty())
+        logHardwareCause(QStringLiteral("pictures for a smaller output size are downloaded in full and fitted in "
+                                        "software: %1").arg(QString::fromStdString(scaling)));
     session->checkDevice();  // another stream may have found the device lost
     if (session->onEngine())
         return;
