@@ -3,7 +3,7 @@
 // machines with no GPU. Process-wide; every function may be called from any thread.
 namespace orvo::hw {
 
-enum class FailurePoint { DeviceOpen, GetFormat, SurfaceAllocation, MidStream, DeviceLost, Count };
+enum class FailurePoint { DeviceOpen, GetFormat, SurfaceAllocation, MidStream, DeviceLost, Scaling, Count };
 
 // The next `times` passes through `point` fail (0: none, -1: all).
 void setFailure(FailurePoint point, int times);

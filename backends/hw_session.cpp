@@ -279,7 +279,8 @@ QSize Session::reduction(const AVFrame* picture)
 
 int Session::reduce(const AVFrame* picture, const QSize& size, AVFrame* out)
 {
-    const int ret = scaler_->scale(picture, size.width(), size.height(), out);
+    const int ret = shouldFail(FailurePoint::Scaling) ? AVERROR(EINVAL)
+                                                      : scaler_->scale(picture, size.width(), size.height(), out);
     if (ret < 0) {
         // Not a failure of the engine: the picture is still there, and is downloaded in full.
         scalerFailed_ = true;

@@ -12,6 +12,7 @@ enum class HardwareFailurePoint {
     SurfaceAllocation,  // the engine's picture pool cannot be allocated
     MidStream,          // a picture fails in the engine (counts towards the consecutive failures)
     DeviceLost,         // the device is lost (reset, removed): every stream on it leaves
+    Scaling,            // the engine's scaling filter fails (pictures are fitted in software)
 };
 
 // The next `times` passes through `point` fail (0: none, -1: every one from now on).

@@ -117,5 +117,27 @@ TEST(EngineScaling, ClearedOrChangedMidStreamAndPooled)
         EXPECT_EQ(s, QSize(160, 120));
 }
 
+TEST(EngineScaling, AFailingFilterFallsBackToTheSoftwareFitSayingWhy)
+{
+    HardwareGuard guard;
+    const HwClip clip = hwClip("hw_h264_large.h264");
+    ASSERT_FALSE(clip.images.empty());
+    const QSize bound(160, 120);
+    const Answers soft = softwareDecode(clip.images, bound);
+    HardwareGuard::use(HardwareDecoding::Auto, true);
+    LogLines log;
+    setHardwareFailureForTesting(HardwareFailurePoint::Scaling, 1);
+    const long before = hardwareReducedPicturesForTesting();
+    const Answers engine = decodeAll(clip.images, {}, bound);
+    // The stream stays on the engine; its pictures are fitted in software from the first on,
+    // byte for byte as without the engine.
+    EXPECT_EQ(hardwareReducedPicturesForTesting() - before, 0);
+    EXPECT_TRUE(engine.paths.back().isHardware());
+    expectEachAnsweredOnce(clip.images, engine);
+    EXPECT_EQ(engine.pictures, soft.pictures);
+    EXPECT_EQ(log.count("downloaded in full and fitted in software: its scaling filter failed"), 1)
+        << log.lines().join('\n').toStdString();
+}
+
 }  // namespace
 }  // namespace orvo::test
