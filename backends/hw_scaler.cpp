@@ -93,8 +93,7 @@ void Scaler::release()
 int Scaler::build(const AVFrame* in, int width, int height)
 {
     release();
-    std::string error;
-    const FilterLibrary* f = filterLibrary(&error);
+    const FilterLibrary* f = filterLibrary(nullptr);
     ScalingFilter filter;
     if (!f || !filterFor(type_, &filter))
         return AVERROR(ENOSYS);

@@ -3,9 +3,11 @@
 #include "async/async_test_util.h"
 #include "orvo/concurrent_decoder.h"
 
-#include <QFile>
 #include <QDir>
+#include <QFile>
 #include <QSemaphore>
+#include <algorithm>
+#include <functional>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
