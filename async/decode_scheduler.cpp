@@ -75,7 +75,7 @@ bool DecodeScheduler::request(const std::shared_ptr<StreamSequence>& sequence,
     return true;
 }
 
-DecodeScheduler::Finished DecodeScheduler::finish(const std::shared_ptr<StreamSequence>& again,
+DecodeScheduler::Finished DecodeScheduler::finish(const std::shared_ptr<StreamSequence>& ran, bool again,
                                                   std::chrono::steady_clock::time_point againSince)
 {
     StreamLine::Entry next;
@@ -84,14 +84,29 @@ DecodeScheduler::Finished DecodeScheduler::finish(const std::shared_ptr<StreamSe
         const std::lock_guard<std::mutex> lock(mutex_);
         const void* thread = currentThreadToken();
         if (again)
-            waiting_.push({again, thread, 0, againSince});
+            waiting_.push({ran, thread, 0, againSince});
         if (!waiting_.empty())
-            next = waiting_.take(thread, again.get());  // the permit passes on
+            next = waiting_.take(thread, again ? ran.get() : nullptr);  // the permit passes on
         else
             --held_;
         othersWaiting_.store(!waiting_.empty(), std::memory_order_relaxed);
-        out.poolBusy = next.sequence || !ready_.empty();
-        out.nextSince = next.sequence ? next.since : ready_.oldest();
+        // The burst goes on while granted work waits, and while another run decodes an
+        // image: the owner can take this run's results with that one's. The earliest image
+        // among them tells whether they belong to the same burst.
+        const auto it = std::find(running_.begin(), running_.end(), ran.get());
+        if (it != running_.end())
+            running_.erase(it);
+        std::chrono::steady_clock::time_point earliest = ready_.oldest();
+        const auto consider = [&earliest](std::chrono::steady_clock::time_point since) {
+            if (since != std::chrono::steady_clock::time_point() && (earliest == std::chrono::steady_clock::time_point() || since < earliest))
+                earliest = since;
+        };
+        if (next.sequence)
+            consider(next.since);
+        for (const StreamSequence* other : running_)
+            consider(other->imageInRun());
+        out.poolBusy = earliest != std::chrono::steady_clock::time_point();
+        out.nextSince = earliest;
     }
     if (next.sequence)
         start(std::move(next));
@@ -130,8 +145,12 @@ void DecodeScheduler::runReady()
             return;
         // Every granted run starts at once, whichever thread takes it.
         const void* thread = currentThreadToken();
-        sequence = ready_.take(thread).sequence;
+        StreamLine::Entry entry = ready_.take(thread);
+        sequence = std::move(entry.sequence);
         sequence->lastPoolThread = thread;
+        // Counted as decoding the image it was granted for from now on, before it takes it.
+        sequence->setImageInRun(entry.since);
+        running_.push_back(sequence.get());
     }
     sequence->run();
 }

@@ -15,6 +15,7 @@
 #include <chrono>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 namespace orvo {
 
@@ -30,12 +31,14 @@ public:
     bool request(const std::shared_ptr<StreamSequence>& sequence, std::chrono::steady_clock::time_point since);
 
     struct Finished {
-        bool poolBusy = false;  // granted work follows (the permit passed on, or a grant waits)
-        std::chrono::steady_clock::time_point nextSince;  // when that work's image was queued
+        // Granted work follows (the permit passed on, or a grant waits) or another run
+        // decodes an image.
+        bool poolBusy = false;
+        std::chrono::steady_clock::time_point nextSince;  // the earliest such image's queueing
     };
-    // A run gives its permit back; `again` (may be null) joins the end of the line first,
-    // for its image queued at `againSince`.
-    Finished finish(const std::shared_ptr<StreamSequence>& again, std::chrono::steady_clock::time_point againSince);
+    // The run of `ran` gives its permit back; with `again`, the stream joins the end of the
+    // line first, for its image queued at `againSince`.
+    Finished finish(const std::shared_ptr<StreamSequence>& ran, bool again, std::chrono::steady_clock::time_point againSince);
     // A closed sequence leaves the line.
     void forget(const StreamSequence* sequence);
     // True while a stream waits for a permit: a run then hands its permit over after its
@@ -54,6 +57,7 @@ private:
     mutable std::mutex mutex_;
     StreamLine waiting_;
     StreamLine ready_;  // granted, not yet picked up by a pool thread
+    std::vector<const StreamSequence*> running_;  // runs on pool threads now
     int held_ = 0;
     std::atomic<bool> othersWaiting_{false};
 };

@@ -7,12 +7,13 @@
 // wake-up is the dearest part of handing a picture over (tens of microseconds of CPU on a
 // virtual machine), so it is paid once per burst of results, not once per picture.
 //
-// A pool thread that goes straight on to more granted work may hold a wake-up back (the
-// pictures of one burst are then handed over together), never longer than kHoldLimit: a
-// timer of the owner's own event loop ends the wait in time whatever the pool does. The run
-// that ends the burst (no granted work left, or only work queued later than the hold limit
-// after its own) wakes every owner held back at once, so the last picture of a burst, the
-// one a wall waits for, is never held.
+// A pool thread may hold a wake-up back while the burst goes on: more granted work waits, or
+// another pool thread still decodes an image of it (the pictures of one burst are then
+// handed over together). Never longer than kHoldLimit: a timer of the owner's own event
+// loop ends the wait in time whatever the pool does. The run that ends the burst (nothing of
+// it left granted or decoding, only work queued later than the hold limit after its own)
+// wakes every owner held back at once, so the last picture of a burst, the one a wall waits
+// for, is never held.
 //
 // Threads: forCurrentThread and release on the owner thread; announce and releaseHeld on
 // any thread.

@@ -225,6 +225,7 @@ void StreamSequence::run()
             break;
         SequenceWork work = std::move(inbox_.front());
         inbox_.pop_front();
+        setImageInRun(work.queued);
         decoding_ = true;
         decodingEpoch_ = epoch_;
         ++takenCount_;
@@ -274,6 +275,7 @@ void StreamSequence::run()
         if (!goOn)
             break;
     }
+    setImageInRun({});
     const bool again = !closed_ && !inbox_.empty();
     const auto againSince = again ? inbox_.front().queued : std::chrono::steady_clock::time_point();
     state_ = again ? State::Requested : State::Idle;
@@ -281,9 +283,10 @@ void StreamSequence::run()
     lock.unlock();
     if (late)
         warnOwnerLate();
-    const DecodeScheduler::Finished finished = scheduler->finish(again ? shared_from_this() : nullptr, againSince);
-    // While the pool goes on with granted work of this burst, the owner's wake-up may wait
-    // for the rest of it; the run that ends the burst wakes every owner held back.
+    const DecodeScheduler::Finished finished = scheduler->finish(shared_from_this(), again, againSince);
+    // While the pool goes on with work of this burst (granted, or decoding on another
+    // thread), the owner's wake-up may wait for the rest of it; the run that ends the burst
+    // wakes every owner held back.
     const bool burstGoesOn = finished.poolBusy && sameBurst(finished.nextSince);
     if (announce)
         announce->announce(weak_from_this(), burstGoesOn);

@@ -20,6 +20,7 @@
 #include <QFuture>
 #include <QFutureInterface>
 #include <QObject>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -95,6 +96,16 @@ public:
     const void* lastPoolThread = nullptr;
     // Owner thread, from its wake-up: results wait in the outbox.
     void deliver();
+    // Any thread: when the image its run decodes now was queued (the clock's epoch when no
+    // run decodes); the scheduler tells bursts apart by it.
+    std::chrono::steady_clock::time_point imageInRun() const
+    {
+        return std::chrono::steady_clock::time_point(std::chrono::steady_clock::duration(imageInRun_.load(std::memory_order_relaxed)));
+    }
+    void setImageInRun(std::chrono::steady_clock::time_point queued)
+    {
+        imageInRun_.store(queued.time_since_epoch().count(), std::memory_order_relaxed);
+    }
 
 private:
     enum class State { Idle, Requested, Running };
@@ -113,6 +124,7 @@ private:
     std::unique_ptr<ImageDecoder> decoder_;
     mutable std::mutex mutex_;
     std::condition_variable changed_;
+    std::atomic<std::chrono::steady_clock::rep> imageInRun_{0};
     std::deque<SequenceWork> inbox_;
     std::deque<SequenceResult> outbox_;
     std::chrono::steady_clock::time_point outboxSince_;  // when the outbox last became non-empty
