@@ -96,16 +96,17 @@ DecodeScheduler::Finished DecodeScheduler::finish(const std::shared_ptr<StreamSe
         const auto it = std::find(running_.begin(), running_.end(), ran.get());
         if (it != running_.end())
             running_.erase(it);
-        std::chrono::steady_clock::time_point earliest = ready_.oldest();
-        const auto consider = [&earliest](std::chrono::steady_clock::time_point since) {
-            if (since != std::chrono::steady_clock::time_point() && (earliest == std::chrono::steady_clock::time_point() || since < earliest))
+        using TimePoint = std::chrono::steady_clock::time_point;
+        TimePoint earliest = ready_.oldest();  // the epoch: none
+        const auto consider = [&earliest](TimePoint since) {
+            if (since != TimePoint() && (earliest == TimePoint() || since < earliest))
                 earliest = since;
         };
         if (next.sequence)
             consider(next.since);
         for (const StreamSequence* other : running_)
             consider(other->imageInRun());
-        out.poolBusy = earliest != std::chrono::steady_clock::time_point();
+        out.poolBusy = earliest != TimePoint();
         out.nextSince = earliest;
     }
     if (next.sequence)

@@ -100,7 +100,8 @@ public:
     // run decodes); the scheduler tells bursts apart by it.
     std::chrono::steady_clock::time_point imageInRun() const
     {
-        return std::chrono::steady_clock::time_point(std::chrono::steady_clock::duration(imageInRun_.load(std::memory_order_relaxed)));
+        using Clock = std::chrono::steady_clock;
+        return Clock::time_point(Clock::duration(imageInRun_.load(std::memory_order_relaxed)));
     }
     void setImageInRun(std::chrono::steady_clock::time_point queued)
     {

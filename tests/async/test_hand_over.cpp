@@ -5,8 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
-
 using namespace orvo;
 using namespace orvo::test;
 
@@ -16,8 +14,9 @@ TEST(HandOver, PicturesOfOneBurstDecodedSideBySideArriveTogether)
     // inside the longest a hand-over is held back), on a pool of two threads.
     const auto small = toImages(demuxVideo(h264Clip(1, 1)), 'h');
     const auto large = toImages(demuxVideo(ffmpegFile("hand_over_270p.mp4",
-                                                      "-f lavfi -i testsrc2=size=480x270:rate=25 "
-                                                      "-frames:v 1 -c:v libx264 -preset veryfast -tune zerolatency -bf 0 -pix_fmt yuv420p")),
+                                                      "-f lavfi -i testsrc2=size=480x270:rate=25 -frames:v 1 "
+                                                      "-c:v libx264 -preset veryfast -tune zerolatency -bf 0 "
+                                                      "-pix_fmt yuv420p")),
                                 'h');
     ASSERT_EQ(small.size(), 1u);
     ASSERT_EQ(large.size(), 1u);
@@ -37,12 +36,13 @@ TEST(HandOver, PicturesOfOneBurstDecodedSideBySideArriveTogether)
     // hand-over delivers every ready stream before the event loop turns.
     int turn = 0, quickTurn = -1, slowTurn = -2;
     bool turnPending = false;
+    QObject turns;  // a turn still pending when the test ends goes with it
     QElapsedTimer sinceFed;
     qint64 lastAfterUs = 0;  // the later of the two pictures, from feeding
     const auto arrived = [&](int& at) {
         if (!turnPending) {
             turnPending = true;
-            QTimer::singleShot(0, [&] {
+            QTimer::singleShot(0, &turns, [&] {
                 ++turn;
                 turnPending = false;
             });
