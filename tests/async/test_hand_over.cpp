@@ -58,7 +58,7 @@ TEST(HandOver, PicturesOfOneBurstDecodedSideBySideArriveTogether)
     constexpr int kCounted = 10;
     int counted = 0, arrivedTogether = 0;
     quint64 id = 0;
-    while (counted < kCounted && id < 400) {
+    while (counted < kCounted && id < 100) {
         Image q = small.front(), s = large.front();
         q.setId(++id);
         s.setId(id);
@@ -75,7 +75,8 @@ TEST(HandOver, PicturesOfOneBurstDecodedSideBySideArriveTogether)
     EXPECT_EQ(quickFrames.ids(), idRange(1, id));
     EXPECT_EQ(slowFrames.ids(), idRange(1, id));
     if (counted < kCounted)
-        GTEST_SKIP() << "the machine is too busy: " << counted << " of " << id << " bursts inside 3 ms";
+        GTEST_SKIP() << "decoding too slow here (a busy machine or an instrumented build): " << counted << " of "
+                     << id << " bursts inside 3 ms";
     // Handed over on its own, the quick picture comes half a millisecond ahead of the slow
     // one nearly every time.
     EXPECT_GE(arrivedTogether, kCounted - 2);
