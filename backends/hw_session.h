@@ -60,11 +60,16 @@ public:
     // engine before their download where its scaling filter is there (hw::Scaler), to the
     // size the software fit gives (reducedSize); the others are downloaded in full.
     void setOutputBound(const QSize& bound) { bound_ = bound; }
-    // Pictures reduced on an engine so far, process-wide, and whether engines may reduce at
-    // all (tests and benchmarks compare with the software fit).
     // Why pictures are no longer reduced on the engine (no filter for it, the filter library
     // missing, or its graph failed), once; empty otherwise.
-    std::string takeScalingIssue() { return std::move(scalingIssue_); }
+    std::string takeScalingIssue()
+    {
+        std::string issue;
+        issue.swap(scalingIssue_);  // a moved-from string need not be empty
+        return issue;
+    }
+    // Pictures reduced on an engine so far, process-wide, and whether engines may reduce at
+    // all (tests and benchmarks compare with the software fit).
     static long reducedPictures() { return reduced_.load(std::memory_order_relaxed); }
     static void setReducing(bool on) { reducing_.store(on, std::memory_order_relaxed); }
 
