@@ -103,11 +103,21 @@ inline void report(const std::string& what, double ours, double baseline, double
 }
 
 // The median of the per-round ratios, with the medians of both sides and the spread.
+// ORVO_BENCH_ROUND_RATIOS=1 also prints every round's ratio ("ROUNDS|what|r1 r2 ..."), so
+// that the rounds of several runs can be pooled into one median where a single run's
+// median moves more than the effect being measured.
 inline void report(const std::string& what, const Comparison& c, const std::string& unit, const std::string& goal)
 {
     char spread[64];
     std::snprintf(spread, sizeof spread, "%.3f-%.3f (%zu)", c.lowest(), c.highest(), c.ours.size());
     report(what, median(c.ours), median(c.baseline), c.ratio(), unit, goal, spread);
+    if (std::getenv("ORVO_BENCH_ROUND_RATIOS")) {
+        std::printf("ROUNDS|%s|", what.c_str());
+        for (double r : c.ratios())
+            std::printf(" %.4f", r);
+        std::printf("\n");
+        std::fflush(stdout);
+    }
 }
 
 // A single figure against a bound (no baseline run): ratio = value / bound.
