@@ -9,8 +9,9 @@
 // Each side: 1 s of warm-up, then 4 s measured: process CPU time from the first measured
 // due time to the last frame, per frame that came in that window (a side that has fallen
 // behind still decodes warm-up images there: counting only the measured images would charge
-// it their cost), and the worst latency from a measured image's due time to its frame. Rounds interleave the sides; ORVO_BENCH_ROUNDS sets how many
-// (default 9: one round swings by up to 15% at N = 1 on a shared machine).
+// it their cost), and the worst latency from a measured image's due time to its frame.
+// Rounds interleave the sides; ORVO_BENCH_ROUNDS sets how many (default 9: one round swings
+// by up to 15% at N = 1 on a shared machine).
 // ORVO_PACED_ONLY="H.264 720p N=1" runs the rows named so; ORVO_PACED_THREADS=1 adds where
 // each round's CPU went, thread by thread.
 #include "bench_clips.h"
