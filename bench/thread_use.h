@@ -1,13 +1,16 @@
 #pragma once
 // Where a benchmark's CPU went, thread by thread: run time from /proc's schedstat, with
-// voluntary and involuntary context switches and migrations between cores. Linux only.
+// voluntary and involuntary context switches, migrations between cores and page faults.
+// Linux only.
 #include <dirent.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <map>
+#include <sstream>
 #include <string>
 
 namespace orvo::bench {
@@ -16,6 +19,7 @@ struct ThreadUse {
     std::string name;
     double runNs = 0;
     long voluntary = 0, involuntary = 0, migrations = 0;
+    long minorFaults = 0;  // pages touched first (or again after the allocator gave them back)
 };
 
 // One thread's figures; `base` is /proc/self/task/TID or /proc/thread-self.
@@ -31,6 +35,16 @@ inline ThreadUse threadUseOf(const std::string& base)
             u.voluntary = std::atol(line.c_str() + 24);
         else if (line.rfind("nonvoluntary_ctxt_switches:", 0) == 0)
             u.involuntary = std::atol(line.c_str() + 27);
+    }
+    std::ifstream stat(base + "/stat");
+    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    const size_t close = text.rfind(')');  // the name may hold spaces: fields follow its last ')'
+    if (close != std::string::npos) {
+        std::istringstream fields(text.substr(close + 1));
+        std::string field;
+        for (int i = 0; i < 8 && fields >> field; ++i)  // state ppid pgrp session tty tpgid flags minflt
+            if (i == 7)
+                u.minorFaults = std::atol(field.c_str());
     }
     std::ifstream sched(base + "/sched");
     for (std::string line; std::getline(sched, line);)
@@ -60,10 +74,11 @@ inline void printThreadUse(const char* side, const std::string& label, const Thr
     const double ms = units > 0 ? (after.runNs - before.runNs) / 1e6 / double(units) : 0;
     if (ms < 0.001)
         return;
-    std::printf("  %s %s: %.3f ms, %.2f voluntary, %.2f involuntary switches, %.2f migrations per %s\n", side,
-                label.c_str(), ms, double(after.voluntary - before.voluntary) / double(units),
+    std::printf("  %s %s: %.3f ms, %.2f voluntary, %.2f involuntary switches, %.2f migrations, %.2f page faults per %s\n",
+                side, label.c_str(), ms, double(after.voluntary - before.voluntary) / double(units),
                 double(after.involuntary - before.involuntary) / double(units),
-                double(after.migrations - before.migrations) / double(units), unit);
+                double(after.migrations - before.migrations) / double(units),
+                double(after.minorFaults - before.minorFaults) / double(units), unit);
 }
 
 // One line per thread of the process that ran between `before` and `after` (threadUse()).

@@ -9,7 +9,7 @@
 // Memory: planes live as long as the last handle (or VideoFrameHelper) sharing the
 // body; frames stay valid after the decoder that produced them is destroyed.
 //
-// Zero-copy frames (DecoderPreferences::setZeroCopyDecoding, off by default) wrap the
+// Zero-copy frames (DecoderPreferences::setZeroCopyDecoding, on by default) wrap the
 // decoder's own reference pictures, which are read-only underneath. Such a frame detaches
 // on its first write: mapping it for writing (and with it fill, blend, QImage import,
 // scaleTo into it, VideoFrameHelper) first gives its body planes of its own, allocated as
