@@ -13,7 +13,8 @@
 // Rounds interleave the sides; ORVO_BENCH_ROUNDS sets how many (default 9: one round swings
 // by up to 15% at N = 1 on a shared machine).
 // ORVO_PACED_ONLY="H.264 720p N=1" runs the rows named so; ORVO_PACED_THREADS=1 adds where
-// each round's CPU went, thread by thread.
+// each round's CPU went, thread by thread; ORVO_PACED_FLOOR=1 adds a third side, the floor:
+// the plainest pool fed from the owner thread, with nothing of the library (runFloor).
 #include "bench_clips.h"
 #include "bench_report.h"
 #include "thread_use.h"
@@ -23,6 +24,7 @@
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QEventLoop>
+#include <QThreadPool>
 #include <QTimer>
 
 extern "C" {
@@ -37,8 +39,11 @@ extern "C" {
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
+#include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -177,38 +182,84 @@ Side runRaw(const Config& c, const std::vector<Packet>& packets)
     return {measured > 0 ? 1000 * cpu / double(measured) : 0, std::max(worst[0], worst[1])};
 }
 
+// --- the owner thread's side of a wall --------------------------------------------------------
+
+// A precise single-shot timer on the owner thread hands out each due time's images; frames
+// come back to the owner, which keeps the window's CPU and the worst latency.
+class OwnerWall {
+public:
+    OwnerWall(const Config& c, const char* side) : side_(side), expected_(long(c.streams) * kFrames)
+    {
+        QTimer::singleShot(60000, &loop_, &QEventLoop::quit);  // never hang
+    }
+    QObject* context() { return &loop_; }
+
+    // Owner thread: the frame of image `i` (0-based) came.
+    void frame(qint64 i)
+    {
+        if (windowOpen_)
+            ++measured_;
+        if (i >= kWarmFrames)
+            worst_ = std::max(worst_, (clock_.nsecsElapsed() - kStartNs - i * kFrameNs) / 1e6);
+        if (++delivered_ == expected_) {
+            cpuEnd_ = processCpuSeconds();
+            if (breakdown())
+                printThreadUse(side_, threads0_, threadUse(), measured_);
+            loop_.quit();
+        }
+    }
+
+    // Calls `feed(i)` at image i's due time until every image is out and its frame came.
+    Side run(const std::function<void(int)>& feed)
+    {
+        int next = 0;
+        QTimer timer;
+        timer.setTimerType(Qt::PreciseTimer);
+        timer.setSingleShot(true);
+        QObject::connect(&timer, &QTimer::timeout, [&] {
+            if (next == kWarmFrames) {
+                if (breakdown())
+                    threads0_ = threadUse();
+                cpu0_ = processCpuSeconds();
+                windowOpen_ = true;
+            }
+            feed(next);
+            if (++next < kFrames)
+                timer.start(msUntilDue(clock_, kStartNs, next));
+        });
+        clock_.start();
+        timer.start(int(kStartNs / 1000000));
+        loop_.exec();
+        if (delivered_ < expected_)
+            std::fprintf(stderr, "%s: %ld of %ld pictures\n", side_, delivered_, expected_);
+        return {measured_ > 0 ? 1000 * (cpuEnd_ - cpu0_) / double(measured_) : 0, worst_};
+    }
+
+private:
+    static constexpr qint64 kStartNs = 20000000;  // t0, on clock_
+    const char* side_;
+    const long expected_;
+    QEventLoop loop_;
+    QElapsedTimer clock_;
+    long measured_ = 0;  // frames that came inside the measured window
+    long delivered_ = 0;
+    bool windowOpen_ = false;
+    double worst_ = 0, cpu0_ = 0, cpuEnd_ = 0;
+    std::map<int, ThreadUse> threads0_;
+};
+
 // --- ConcurrentDecoders fed from the owner thread --------------------------------------------
 
 Side runOurs(const Config& c, const std::vector<Packet>& packets)
 {
     const char code = std::string(c.codec) == "H.265" ? 'e' : 'h';
+    OwnerWall wall(c, "ours");
     std::vector<std::unique_ptr<orvo::ConcurrentDecoder>> decoders;
-    QEventLoop loop;
-    QElapsedTimer clock;
-    const qint64 startNs = 20000000;  // t0, on `clock`
-    long measured = 0;  // frames that came inside the measured window
-    long delivered = 0;
-    const long expected = long(c.streams) * kFrames;
-    bool windowOpen = false;
-    double worst = 0, cpu0 = 0, cpuEnd = 0;
-    std::map<int, ThreadUse> threads0;
     for (int s = 0; s < c.streams; ++s) {
         decoders.push_back(std::make_unique<orvo::ConcurrentDecoder>());
         decoders.back()->useMultiThreadedMode();
-        QObject::connect(decoders.back().get(), &orvo::DecoderInterfaceSignals::frameDecoded, &loop,
-                         [&](const orvo::VideoFrame& f) {
-                             const qint64 i = qint64(f.id()) - 1;
-                             if (windowOpen)
-                                 ++measured;
-                             if (i >= kWarmFrames)
-                                 worst = std::max(worst, (clock.nsecsElapsed() - startNs - i * kFrameNs) / 1e6);
-                             if (++delivered == expected) {
-                                 cpuEnd = processCpuSeconds();
-                                 if (breakdown())
-                                     printThreadUse("ours", threads0, threadUse(), measured);
-                                 loop.quit();
-                             }
-                         });
+        QObject::connect(decoders.back().get(), &orvo::DecoderInterfaceSignals::frameDecoded, wall.context(),
+                         [&wall](const orvo::VideoFrame& f) { wall.frame(qint64(f.id()) - 1); });
     }
     // Payload copies per stream, as separate cameras send them.
     std::vector<std::vector<orvo::Image>> images(size_t(c.streams));
@@ -219,29 +270,79 @@ Side runOurs(const Config& c, const std::vector<Packet>& packets)
             image.setAccessUnitEnd(true);
             images[size_t(s)].push_back(image);
         }
-    int next = 0;
-    QTimer timer;
-    timer.setTimerType(Qt::PreciseTimer);
-    timer.setSingleShot(true);
-    QObject::connect(&timer, &QTimer::timeout, [&] {
-        if (next == kWarmFrames) {
-            if (breakdown())
-                threads0 = threadUse();
-            cpu0 = processCpuSeconds();
-            windowOpen = true;
-        }
+    return wall.run([&](int next) {
         for (int s = 0; s < c.streams; ++s)
             decoders[size_t(s)]->decode(images[size_t(s)][size_t(next)]);
-        if (++next < kFrames)
-            timer.start(msUntilDue(clock, startNs, next));
     });
-    clock.start();
-    timer.start(int(startNs / 1000000));
-    QTimer::singleShot(60000, &loop, &QEventLoop::quit);  // never hang
-    loop.exec();
-    if (delivered < expected)
-        std::fprintf(stderr, "ours: %ld of %ld pictures\n", delivered, expected);
-    return {measured > 0 ? 1000 * (cpuEnd - cpu0) / double(measured) : 0, worst};
+}
+
+// --- the floor: the plainest pool fed from the owner thread ---------------------------------
+
+// What any decoder that runs on a thread pool and hands its pictures to an event loop pays,
+// with nothing of the library: plain libavcodec decoders (one thread each) run by a pool of
+// as many threads as cores, one job per stream at a time, each picture handed to the owner
+// as a queued call. Its own pool, so that the threads are as Qt makes them.
+Side runFloor(const Config& c, const std::vector<Packet>& packets)
+{
+    const AVCodecID id = std::string(c.codec) == "H.265" ? AV_CODEC_ID_HEVC : AV_CODEC_ID_H264;
+    OwnerWall wall(c, "floor");
+    QThreadPool pool;
+    struct Stream {
+        AVCodecContext* ctx = nullptr;
+        std::mutex mutex;
+        std::deque<int> queue;  // images due, not yet taken
+        bool running = false;
+    };
+    std::vector<Stream> streams(size_t(c.streams));
+    for (Stream& s : streams) {
+        s.ctx = avcodec_alloc_context3(avcodec_find_decoder(id));
+        s.ctx->thread_count = 1;
+        avcodec_open2(s.ctx, s.ctx->codec, nullptr);
+    }
+    QObject* owner = wall.context();
+    auto job = [&packets, owner, &wall](Stream* s) {
+        AVPacket* pkt = av_packet_alloc();
+        AVFrame* frame = av_frame_alloc();
+        for (;;) {
+            int i = 0;
+            {
+                const std::lock_guard<std::mutex> lock(s->mutex);
+                if (s->queue.empty()) {
+                    s->running = false;
+                    break;
+                }
+                i = s->queue.front();
+                s->queue.pop_front();
+            }
+            const Packet& p = packets[size_t(i) % packets.size()];
+            av_new_packet(pkt, int(p.data.size()));
+            std::copy(p.data.begin(), p.data.end(), pkt->data);
+            avcodec_send_packet(s->ctx, pkt);
+            av_packet_unref(pkt);
+            while (avcodec_receive_frame(s->ctx, frame) == 0) {
+                av_frame_unref(frame);
+                QMetaObject::invokeMethod(owner, [&wall, i] { wall.frame(i); }, Qt::QueuedConnection);
+            }
+        }
+        av_frame_free(&frame);
+        av_packet_free(&pkt);
+    };
+    const Side side = wall.run([&](int next) {
+        for (Stream& s : streams) {
+            {
+                const std::lock_guard<std::mutex> lock(s.mutex);
+                s.queue.push_back(next);
+                if (s.running)
+                    continue;
+                s.running = true;
+            }
+            pool.start([&job, &s] { job(&s); });
+        }
+    });
+    pool.waitForDone();
+    for (Stream& s : streams)
+        avcodec_free_context(&s.ctx);
+    return side;
 }
 
 // The wall's own timer with nothing to decode: what the owner thread pays per due time
@@ -284,6 +385,7 @@ int main(int argc, char** argv)
     };
     // Rows whose names hold it as whole words, e.g. "H.264", "H.265 360p" or "H.264 720p N=1".
     const char* only = std::getenv("ORVO_PACED_ONLY");
+    const bool withFloor = std::getenv("ORVO_PACED_FLOOR") != nullptr;
     for (const Config& c : configs) {
         const std::string what = std::string("paced ") + c.codec + " " + std::to_string(c.height) + "p N=" + std::to_string(c.streams);
         if (only && (" " + what + " ").find(" " + std::string(only) + " ") == std::string::npos)
@@ -293,19 +395,33 @@ int main(int argc, char** argv)
             std::printf("%s: no clip (is ffmpeg with libx264/libx265 installed?)\n", what.c_str());
             continue;
         }
-        std::vector<Side> raw, ours;
+        std::vector<Side> raw, ours, floor;
         // Rates are pictures per CPU second, so the ratio reads raw / ours CPU per picture.
-        const orvo::bench::Comparison cpu = orvo::bench::interleave(
+        std::vector<std::function<double()>> sides = {[&] {
+            ours.push_back(runOurs(c, packets));
+            return 1000.0 / ours.back().cpuMsPerPicture;
+        }};
+        if (withFloor)
+            sides.push_back([&] {
+                floor.push_back(runFloor(c, packets));
+                return 1000.0 / floor.back().cpuMsPerPicture;
+            });
+        const std::vector<orvo::bench::Comparison> cpu = orvo::bench::interleave(
             rounds,
-            [&] {
-                ours.push_back(runOurs(c, packets));
-                return 1000.0 / ours.back().cpuMsPerPicture;
-            },
             [&] {
                 raw.push_back(runRaw(c, packets));
                 return 1000.0 / raw.back().cpuMsPerPicture;
-            });
-        orvo::bench::report(what + " pictures/CPU-s", cpu, "pic/cpu-s", ">= 0.97");
+            },
+            sides);
+        orvo::bench::report(what + " pictures/CPU-s", cpu[0], "pic/cpu-s", ">= 0.97");
+        if (withFloor) {
+            orvo::bench::report(what + " floor pictures/CPU-s", cpu[1], "pic/cpu-s", "-");
+            // Ours against the floor, round by round.
+            orvo::bench::Comparison added;
+            added.ours = cpu[0].ours;
+            added.baseline = cpu[1].ours;
+            orvo::bench::report(what + " ours / floor pictures/CPU-s", added, "pic/cpu-s", "-");
+        }
         // The median round's worst latency, against raw's + 5 ms.
         std::vector<double> worstRaw, worstOurs;
         for (const Side& s : raw)
@@ -318,6 +434,13 @@ int main(int argc, char** argv)
                       *std::min_element(worstOurs.begin(), worstOurs.end()), *std::max_element(worstOurs.begin(), worstOurs.end()),
                       *std::min_element(worstRaw.begin(), worstRaw.end()), *std::max_element(worstRaw.begin(), worstRaw.end()));
         orvo::bench::report(what + " worst latency / raw's + 5 ms", wo, wr, wo / wr, "ms", "<= 1.0", spread);
+        if (withFloor) {
+            std::vector<double> worstFloor;
+            for (const Side& s : floor)
+                worstFloor.push_back(s.worstLatencyMs);
+            const double wf = orvo::bench::median(worstFloor);
+            orvo::bench::report(what + " floor worst latency / raw's + 5 ms", wf, wr, wf / wr, "ms", "-", "");
+        }
         if (breakdown())
             printTimerOnly();
     }
