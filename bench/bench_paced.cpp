@@ -14,7 +14,8 @@
 // by up to 15% at N = 1 on a shared machine).
 // ORVO_PACED_ONLY="H.264 720p N=1" runs the rows named so; ORVO_PACED_THREADS=1 adds where
 // each round's CPU went, thread by thread; ORVO_PACED_FLOOR=1 adds a third side, the floor:
-// the plainest pool fed from the owner thread, with nothing of the library (runFloor).
+// the plainest pool fed from the owner thread, with nothing of the library (runFloor);
+// ORVO_PACED_FLOOR=fair makes its streams take turns one image at a time, as ours do.
 #include "bench_clips.h"
 #include "bench_report.h"
 #include "thread_use.h"
@@ -300,7 +301,11 @@ Side runFloor(const Config& c, const std::vector<Packet>& packets)
         avcodec_open2(s.ctx, s.ctx->codec, nullptr);
     }
     QObject* owner = wall.context();
-    auto job = [&packets, owner, &wall](Stream* s) {
+    // ORVO_PACED_FLOOR=fair: a job decodes one image and queues itself again behind the
+    // other streams, instead of working through its stream's queue.
+    const bool fair = std::getenv("ORVO_PACED_FLOOR") && std::string(std::getenv("ORVO_PACED_FLOOR")) == "fair";
+    std::function<void(Stream*)> job;
+    job = [&packets, owner, &wall, &pool, &job, fair](Stream* s) {
         AVPacket* pkt = av_packet_alloc();
         AVFrame* frame = av_frame_alloc();
         for (;;) {
@@ -322,6 +327,15 @@ Side runFloor(const Config& c, const std::vector<Packet>& packets)
             while (avcodec_receive_frame(s->ctx, frame) == 0) {
                 av_frame_unref(frame);
                 QMetaObject::invokeMethod(owner, [&wall, i] { wall.frame(i); }, Qt::QueuedConnection);
+            }
+            if (fair) {
+                const std::lock_guard<std::mutex> lock(s->mutex);
+                if (s->queue.empty()) {
+                    s->running = false;
+                } else {
+                    pool.start([&job, s] { job(s); });
+                }
+                break;
             }
         }
         av_frame_free(&frame);
