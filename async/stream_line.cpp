@@ -8,14 +8,18 @@ StreamLine::Entry StreamLine::take(const void* thread, const StreamSequence* jus
 {
     size_t pick = 0;
     const size_t window = std::min(entries_.size(), kWindow);
+    std::chrono::steady_clock::time_point earliest = entries_.front().since;  // of the streams before i
     for (size_t i = 0; i < window; ++i) {
         const Entry& e = entries_[i];
+        if (i > 0 && e.since - earliest > kSameBurst)
+            break;  // later work: it does not go before the earlier burst's
         if (thread && e.lastThread == thread && !(justRan && e.sequence.get() == justRan)) {
             pick = i;
             break;
         }
         if (e.passedOver >= kMaxPassedOver)
             break;  // its turn cannot be put off again
+        earliest = std::min(earliest, e.since);
     }
     for (size_t i = 0; i < pick; ++i)
         ++entries_[i].passedOver;

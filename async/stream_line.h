@@ -6,8 +6,10 @@
 // its decoder state and reference pictures are still in that core's caches: on the 2-core
 // development machine, plain libavcodec decoders whose streams alternate between two
 // threads cost 4-5 % more per picture than ones that keep each stream on its thread.
-// Fairness holds: a thread looks no further than the first kWindow streams, and no stream
-// is passed over more than kMaxPassedOver times.
+// Fairness holds: a thread looks no further than the first kWindow streams, no stream is
+// passed over more than kMaxPassedOver times, and never by work queued more than kSameBurst
+// after its own: a wall's next due time waits for the last image of the one before (an
+// I-frame burst that runs into the next due time ends no later for the preference).
 //
 // Not thread-safe: the scheduler's lock guards it.
 #include <chrono>
@@ -23,6 +25,8 @@ class StreamLine {
 public:
     static constexpr size_t kWindow = 8;
     static constexpr int kMaxPassedOver = 2;
+    // Images queued this close together belong to one burst (one due time of a wall).
+    static constexpr std::chrono::microseconds kSameBurst{4000};
 
     struct Entry {
         std::shared_ptr<StreamSequence> sequence;

@@ -211,13 +211,13 @@ void StreamSequence::run()
     // The owner to tell of new results, told with no lock held: a woken owner that found
     // this sequence locked would only sleep again until the run let go. The wake-up is held
     // back only while the pool goes on with work of the same burst (queued within
-    // kHoldLimit of the last result's image): the last picture of a burst, the one a wall
-    // waits for, is handed over at once even when the next burst is already queued (as
-    // when a burst of I-frames runs into the next due time).
+    // StreamLine::kSameBurst of the last result's image): the last picture of a burst, the
+    // one a wall waits for, is handed over at once even when the next burst is already
+    // queued (as when a burst of I-frames runs into the next due time).
     std::shared_ptr<OwnerWakeup> announce;
     std::chrono::steady_clock::time_point lastQueued;  // of the image whose result came last
     const auto sameBurst = [&lastQueued](std::chrono::steady_clock::time_point next) {
-        return next - lastQueued <= OwnerWakeup::kHoldLimit;
+        return next - lastQueued <= StreamLine::kSameBurst;
     };
     state_ = State::Running;
     for (;;) {

@@ -1,10 +1,12 @@
 // The line of streams waiting for a pool thread: a thread takes a stream it ran last from
 // near the front, yet no stream waits more than a bounded number of extra turns, and the
-// stream that just had its turn is not taken again ahead of the others.
+// stream that just had its turn is not taken again ahead of the others, nor work of a later
+// due time ahead of an earlier one's.
 #include "async/stream_line.h"
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <initializer_list>
 #include <map>
 #include <vector>
@@ -27,8 +29,9 @@ struct Line {
     std::vector<std::shared_ptr<StreamSequence>> streams;
     std::map<const StreamSequence*, int> names;
 
-    // Stream `name`, last run on `thread`, joins the end of the line.
-    void push(int name, const void* thread)
+    // Stream `name`, last run on `thread`, joins the end of the line for an image queued
+    // at `since`.
+    void push(int name, const void* thread, std::chrono::steady_clock::time_point since = {})
     {
         while (int(streams.size()) <= name) {
             // Distinct non-null pointers that are never dereferenced.
@@ -36,7 +39,7 @@ struct Line {
                                  [](StreamSequence*) {});
             names[streams.back().get()] = int(streams.size()) - 1;
         }
-        line.push({streams[size_t(name)], thread, 0});
+        line.push({streams[size_t(name)], thread, 0, since});
     }
     int take(const void* thread, int justRan = -1)
     {
@@ -98,5 +101,25 @@ TEST(StreamLine, PrefersTheTakersStreamsWithinBoundsOfFairness)
         EXPECT_EQ(l.line.size(), 2u);
         EXPECT_EQ(l.take(nullptr), 0);
         EXPECT_EQ(l.take(&threadA), 2);
+    }
+}
+
+TEST(StreamLine, LaterWorkNeverGoesBeforeAnEarlierBurst)
+{
+    using namespace std::chrono;
+    const steady_clock::time_point due = steady_clock::now();
+    {
+        SCOPED_TRACE("the last image of one due time (an I-frame that ran late) goes first");
+        Line l({});
+        l.push(0, &threadB, due);
+        l.push(1, &threadA, due + milliseconds(40));  // thread a's own, of the next due time
+        EXPECT_EQ(l.take(&threadA), 0);
+    }
+    {
+        SCOPED_TRACE("within one burst the taker's own stream still goes first");
+        Line l({});
+        l.push(0, &threadB, due);
+        l.push(1, &threadA, due + StreamLine::kSameBurst / 2);
+        EXPECT_EQ(l.take(&threadA), 1);
     }
 }
