@@ -1,5 +1,6 @@
 #include "async/decode_scheduler.h"
 
+#include "async/lock_spinning_first.h"
 #include "async/stream_sequence.h"
 
 #include <QRunnable>
@@ -62,7 +63,8 @@ bool DecodeScheduler::request(const std::shared_ptr<StreamSequence>& sequence,
 {
     StreamLine::Entry entry;
     {
-        const std::lock_guard<SpinningMutex> lock(mutex_);
+        lockSpinningFirst(mutex_);  // the owner thread, handing out a due time's images
+        const std::lock_guard<std::mutex> lock(mutex_, std::adopt_lock);
         entry = {sequence, sequence->lastPoolThread, 0, since};
         if (held_ >= std::max(1, QThreadPool::globalInstance()->maxThreadCount())) {
             waiting_.push(std::move(entry));
@@ -81,7 +83,7 @@ DecodeScheduler::Finished DecodeScheduler::finish(const std::shared_ptr<StreamSe
     StreamLine::Entry next;
     Finished out;
     {
-        const std::lock_guard<SpinningMutex> lock(mutex_);
+        const std::lock_guard<std::mutex> lock(mutex_);
         const void* thread = currentThreadToken();
         if (again)
             waiting_.push({ran, thread, 0, againSince});
@@ -116,7 +118,7 @@ DecodeScheduler::Finished DecodeScheduler::finish(const std::shared_ptr<StreamSe
 
 void DecodeScheduler::forget(const StreamSequence* sequence)
 {
-    const std::lock_guard<SpinningMutex> lock(mutex_);
+    const std::lock_guard<std::mutex> lock(mutex_);
     waiting_.remove(sequence);
     othersWaiting_.store(!waiting_.empty(), std::memory_order_relaxed);
 }
@@ -124,7 +126,7 @@ void DecodeScheduler::forget(const StreamSequence* sequence)
 void DecodeScheduler::start(StreamLine::Entry entry)
 {
     {
-        const std::lock_guard<SpinningMutex> lock(mutex_);
+        const std::lock_guard<std::mutex> lock(mutex_);
         ready_.push(std::move(entry));
     }
     static PoolEntry poolEntry;
@@ -141,7 +143,7 @@ void DecodeScheduler::runReady()
 {
     std::shared_ptr<StreamSequence> sequence;
     {
-        const std::lock_guard<SpinningMutex> lock(mutex_);
+        const std::lock_guard<std::mutex> lock(mutex_);
         if (ready_.empty())
             return;
         // Every granted run starts at once, whichever thread takes it.
@@ -158,13 +160,13 @@ void DecodeScheduler::runReady()
 
 int DecodeScheduler::inFlight() const
 {
-    const std::lock_guard<SpinningMutex> lock(mutex_);
+    const std::lock_guard<std::mutex> lock(mutex_);
     return held_;
 }
 
 int DecodeScheduler::scheduledCount() const
 {
-    const std::lock_guard<SpinningMutex> lock(mutex_);
+    const std::lock_guard<std::mutex> lock(mutex_);
     return int(waiting_.size());
 }
 

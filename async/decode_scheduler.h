@@ -8,7 +8,6 @@
 // stream decodes one image per turn; with room to spare a stream works through its queue
 // without leaving the pool. A pool thread that picks up work prefers a stream it ran last
 // (see StreamLine). Any thread.
-#include "async/spinning_mutex.h"
 #include "async/stream_line.h"
 
 #include <QSharedPointer>
@@ -55,7 +54,7 @@ public:
 private:
     void start(StreamLine::Entry entry);  // without the lock
 
-    mutable SpinningMutex mutex_;
+    mutable std::mutex mutex_;
     StreamLine waiting_;
     StreamLine ready_;  // granted, not yet picked up by a pool thread
     std::vector<const StreamSequence*> running_;  // runs on pool threads now
