@@ -112,9 +112,36 @@ struct Side {
 
 // --- plain threads and libavcodec -----------------------------------------------------------
 
+AVCodecID codecOf(const Config& c)
+{
+    return std::string(c.codec) == "H.265" ? AV_CODEC_ID_HEVC : AV_CODEC_ID_H264;
+}
+
+// A plain libavcodec decoder, one thread, as the library configures its decoders.
+AVCodecContext* openPlainDecoder(AVCodecID id)
+{
+    AVCodecContext* ctx = avcodec_alloc_context3(avcodec_find_decoder(id));
+    ctx->thread_count = 1;
+    avcodec_open2(ctx, ctx->codec, nullptr);
+    return ctx;
+}
+
+// Sends `p` as a camera's own copy of it and calls `frameCame()` for each picture out.
+template <typename FrameCame>
+void decodePlain(AVCodecContext* ctx, AVPacket* pkt, AVFrame* frame, const Packet& p, const FrameCame& frameCame)
+{
+    av_new_packet(pkt, int(p.data.size()));
+    std::copy(p.data.begin(), p.data.end(), pkt->data);
+    avcodec_send_packet(ctx, pkt);
+    av_packet_unref(pkt);
+    while (avcodec_receive_frame(ctx, frame) == 0) {
+        av_frame_unref(frame);
+        frameCame();
+    }
+}
+
 Side runRaw(const Config& c, const std::vector<Packet>& packets)
 {
-    const AVCodecID id = std::string(c.codec) == "H.265" ? AV_CODEC_ID_HEVC : AV_CODEC_ID_H264;
     const auto t0 = Clock::now() + std::chrono::milliseconds(20);
     const auto windowStart = t0 + std::chrono::nanoseconds(kFrameNs * kWarmFrames);
     std::atomic<long> measured{0};  // frames that came inside the measured window
@@ -130,12 +157,8 @@ Side runRaw(const Config& c, const std::vector<Packet>& packets)
     auto work = [&](int t) {
         pthread_setname_np(pthread_self(), "raw decode");  // apart from the owner in profiles
         std::vector<AVCodecContext*> decoders;
-        for (int s = t; s < c.streams; s += 2) {
-            AVCodecContext* ctx = avcodec_alloc_context3(avcodec_find_decoder(id));
-            ctx->thread_count = 1;
-            avcodec_open2(ctx, ctx->codec, nullptr);
-            decoders.push_back(ctx);
-        }
+        for (int s = t; s < c.streams; s += 2)
+            decoders.push_back(openPlainDecoder(codecOf(c)));
         AVPacket* pkt = av_packet_alloc();
         AVFrame* frame = av_frame_alloc();
         for (int i = 0; i < kFrames; ++i) {
@@ -148,18 +171,13 @@ Side runRaw(const Config& c, const std::vector<Packet>& packets)
                 // Behind schedule, the window opens between two pictures.
                 if (!opened.load(std::memory_order_relaxed) && Clock::now() >= windowStart && !opened.exchange(true))
                     cpu0 = processCpuSeconds();
-                av_new_packet(pkt, int(p.data.size()));
-                std::copy(p.data.begin(), p.data.end(), pkt->data);
-                avcodec_send_packet(ctx, pkt);
-                av_packet_unref(pkt);
-                while (avcodec_receive_frame(ctx, frame) == 0) {
-                    av_frame_unref(frame);
+                decodePlain(ctx, pkt, frame, p, [&] {
                     const auto now = Clock::now();
                     if (now >= windowStart)
                         ++measured;
                     if (i >= kWarmFrames)
                         worst[size_t(t)] = std::max(worst[size_t(t)], std::chrono::duration<double, std::milli>(now - due).count());
-                }
+                });
             }
         }
         // The last of the threads with streams has its last frame.
@@ -285,7 +303,6 @@ Side runOurs(const Config& c, const std::vector<Packet>& packets)
 // as a queued call. Its own pool, so that the threads are as Qt makes them.
 Side runFloor(const Config& c, const std::vector<Packet>& packets)
 {
-    const AVCodecID id = std::string(c.codec) == "H.265" ? AV_CODEC_ID_HEVC : AV_CODEC_ID_H264;
     OwnerWall wall(c, "floor");
     QThreadPool pool;
     struct Stream {
@@ -295,11 +312,8 @@ Side runFloor(const Config& c, const std::vector<Packet>& packets)
         bool running = false;
     };
     std::vector<Stream> streams(size_t(c.streams));
-    for (Stream& s : streams) {
-        s.ctx = avcodec_alloc_context3(avcodec_find_decoder(id));
-        s.ctx->thread_count = 1;
-        avcodec_open2(s.ctx, s.ctx->codec, nullptr);
-    }
+    for (Stream& s : streams)
+        s.ctx = openPlainDecoder(codecOf(c));
     QObject* owner = wall.context();
     // ORVO_PACED_FLOOR=fair: a job decodes one image and queues itself again behind the
     // other streams, instead of working through its stream's queue.
@@ -319,15 +333,9 @@ Side runFloor(const Config& c, const std::vector<Packet>& packets)
                 i = s->queue.front();
                 s->queue.pop_front();
             }
-            const Packet& p = packets[size_t(i) % packets.size()];
-            av_new_packet(pkt, int(p.data.size()));
-            std::copy(p.data.begin(), p.data.end(), pkt->data);
-            avcodec_send_packet(s->ctx, pkt);
-            av_packet_unref(pkt);
-            while (avcodec_receive_frame(s->ctx, frame) == 0) {
-                av_frame_unref(frame);
+            decodePlain(s->ctx, pkt, frame, packets[size_t(i) % packets.size()], [&] {
                 QMetaObject::invokeMethod(owner, [&wall, i] { wall.frame(i); }, Qt::QueuedConnection);
-            }
+            });
             if (fair) {
                 const std::lock_guard<std::mutex> lock(s->mutex);
                 if (s->queue.empty()) {
