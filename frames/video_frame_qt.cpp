@@ -57,9 +57,8 @@ VideoFrameQt::VideoFrameQt(int numBytes, int width, int height, int bytesPerLine
 }
 
 VideoFrameQt::VideoFrameQt(int numBytes, int width, int height, int bytesPerLine, OrvoPixelFormat format)
-    : pixelFormat_(format)
+    : planeY(numBytes, QSize(width, height), bytesPerLine, QVideoFrame::PixelFormat(int(format))), pixelFormat_(format)
 {
-    planeY = QVideoFrame(numBytes, QSize(width, height), bytesPerLine, QVideoFrame::PixelFormat(int(format)));
 }
 
 VideoFrameQt::VideoFrameQt(int numBytes, int width, int height, int bytesPerLine, QVideoFrame::PixelFormat format)
@@ -68,35 +67,36 @@ VideoFrameQt::VideoFrameQt(int numBytes, int width, int height, int bytesPerLine
 }
 
 VideoFrameQt::VideoFrameQt(int numBytes, int width, int height, int bytesPerLine, OrvoPixelFormat format, int align)
-    : pixelFormat_(format)
+    : planeY(new MemoryVideoBuffer(numBytes, bytesPerLine, unsigned(align)), QSize(width, height),
+             QVideoFrame::PixelFormat(int(format))),
+      pixelFormat_(format)
 {
-    planeY = QVideoFrame(new MemoryVideoBuffer(numBytes, bytesPerLine, unsigned(align)), QSize(width, height),
-                         QVideoFrame::PixelFormat(int(format)));
 }
 
+// Planes are made in the initialiser list: a QVideoFrame made empty and assigned later
+// allocates its private twice, and decoders make frames this way for every picture.
 VideoFrameQt::VideoFrameQt(QAbstractVideoBuffer* y, QAbstractVideoBuffer* u, QAbstractVideoBuffer* v,
                            const QSize& size, OrvoPixelFormat format)
-    : separatePlanes_(true), pixelFormat_(format)
+    : VideoFrameQt(y, u, v, nullptr, size, format)
 {
-    const QSize uv = planeUVSize(size, format);
-    planeY = QVideoFrame(y, size, QVideoFrame::Format_Y8);
-    planeU = QVideoFrame(u, uv, QVideoFrame::Format_Y8);
-    planeV = QVideoFrame(v, uv, QVideoFrame::Format_Y8);
+    useAlpha_ = false;
 }
 
 VideoFrameQt::VideoFrameQt(QAbstractVideoBuffer* y, QAbstractVideoBuffer* u, QAbstractVideoBuffer* v,
                            QAbstractVideoBuffer* a, const QSize& size, OrvoPixelFormat format)
-    : VideoFrameQt(y, u, v, size, format)
+    : planeY(y, size, QVideoFrame::Format_Y8),
+      planeU(u, planeUVSize(size, format), QVideoFrame::Format_Y8),
+      planeV(v, planeUVSize(size, format), QVideoFrame::Format_Y8),
+      planeA(a ? QVideoFrame(a, size, QVideoFrame::Format_Y8) : QVideoFrame()),
+      useAlpha_(true),
+      separatePlanes_(true),
+      pixelFormat_(format)
 {
-    useAlpha_ = true;
-    if (a)
-        planeA = QVideoFrame(a, size, QVideoFrame::Format_Y8);
 }
 
 VideoFrameQt::VideoFrameQt(QAbstractVideoBuffer* buffer, const QSize& size, OrvoPixelFormat format)
-    : pixelFormat_(format)
+    : planeY(buffer, size, QVideoFrame::PixelFormat(int(format))), pixelFormat_(format)
 {
-    planeY = QVideoFrame(buffer, size, QVideoFrame::PixelFormat(int(format)));
 }
 
 VideoFrameQt::VideoFrameQt(QAbstractVideoBuffer* buffer, const QSize& size, QVideoFrame::PixelFormat format)
