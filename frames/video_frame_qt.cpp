@@ -74,7 +74,7 @@ VideoFrameQt::VideoFrameQt(int numBytes, int width, int height, int bytesPerLine
 }
 
 // Planes are made in the initialiser list: a QVideoFrame made empty and assigned later
-// allocates its private twice, and decoders make frames this way for every picture.
+// allocates its private twice, and decoders make a frame with these for every picture.
 VideoFrameQt::VideoFrameQt(QAbstractVideoBuffer* y, QAbstractVideoBuffer* u, QAbstractVideoBuffer* v,
                            const QSize& size, OrvoPixelFormat format)
     : VideoFrameQt(y, u, v, nullptr, size, format)
