@@ -11,9 +11,9 @@
 // another pool thread still decodes an image of it (the pictures of one burst are then
 // handed over together). Never longer than kHoldLimit: a timer of the owner's own event
 // loop ends the wait in time whatever the pool does. The run that ends the burst (nothing of
-// it left granted or decoding, only work queued later than the hold limit after its own)
-// wakes every owner held back at once, so the last picture of a burst, the one a wall waits
-// for, is never held.
+// it left granted or decoding, only work queued more than StreamLine::kSameBurst after its
+// own) wakes every owner held back at once, so the last picture of a burst, the one a wall
+// waits for, is never held.
 //
 // Threads: forCurrentThread and release on the owner thread; announce and releaseHeld on
 // any thread.
